@@ -1,0 +1,333 @@
+// Careful writes: complete writes across interruptions and short writes,
+// flushes to stable storage by level, and file copies.
+
+#include "support/retry.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#ifndef IOV_MAX
+#define IOV_MAX 1024
+#endif
+
+ssize_t retry_write(int fd, const void *buf, size_t count) {
+    if (count > (size_t)SSIZE_MAX) {
+        errno = EINVAL;
+        return -1;
+    }
+    const char *p = (const char *)buf;
+    size_t done = 0;
+    while (done < count) {
+        ssize_t n = write(fd, p + done, count - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) {
+            // No progress and no error: the device takes nothing more.
+            errno = ENOSPC;
+            return -1;
+        }
+        done += (size_t)n;
+    }
+    return (ssize_t)done;
+}
+
+// Writes all of iov, at most IOV_MAX entries per system call. The caller's
+// array is left alone: each call gets a copy of the entries still due, the
+// first one trimmed by what an earlier short write already took.
+ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt) {
+    if (iovcnt < 0 || (iovcnt > 0 && !iov)) {
+        errno = EINVAL;
+        return -1;
+    }
+    size_t total = 0;
+    for (int i = 0; i < iovcnt; i++) {
+        if (iov[i].iov_len > (size_t)SSIZE_MAX - total) {
+            errno = EINVAL;
+            return -1;
+        }
+        total += iov[i].iov_len;
+    }
+
+    struct iovec chunk[IOV_MAX];
+    int idx = 0;        // first entry not written whole
+    size_t offset = 0;  // bytes of iov[idx] already written
+    size_t done = 0;
+    while (done < total) {
+        while (idx < iovcnt && offset == iov[idx].iov_len) {
+            idx++;
+            offset = 0;
+        }
+        int n = 0;
+        for (int i = idx; i < iovcnt && n < IOV_MAX; i++) {
+            size_t skip = (i == idx) ? offset : 0;
+            if (iov[i].iov_len == skip) continue;
+            chunk[n].iov_base = (char *)iov[i].iov_base + skip;
+            chunk[n].iov_len = iov[i].iov_len - skip;
+            n++;
+        }
+        ssize_t w = writev(fd, chunk, n);
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (w == 0) {
+            errno = ENOSPC;
+            return -1;
+        }
+        done += (size_t)w;
+        size_t left = (size_t)w;
+        while (left > 0) {
+            size_t avail = iov[idx].iov_len - offset;
+            if (left < avail) {
+                offset += left;
+                left = 0;
+            } else {
+                left -= avail;
+                idx++;
+                offset = 0;
+            }
+        }
+    }
+    return (ssize_t)done;
+}
+
+// ---------------------------------------------------------------------------
+// sync_file
+//
+// Level 1 starts the writeback of the file and remembers its file system.
+// The file system is remembered by a descriptor of the file's directory,
+// not of the file itself: closing any descriptor of a file drops every
+// record lock that the process holds on it (lock.h), and the files synced
+// here are often the ones that carry the index lock. The barrier flushes
+// each remembered file system once with syncfs and forgets it. A file whose
+// directory can't be found (it was removed, or /proc is missing), or one
+// more file system than the table holds, is flushed at once instead.
+
+#define SYNC_MAXFS 16
+
+struct syncfs_entry {
+    dev_t dev;
+    int dirfd;
+};
+
+static pthread_mutex_t sync_table_lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_mutex_t sync_barrier_lock = PTHREAD_MUTEX_INITIALIZER;
+static syncfs_entry sync_table[SYNC_MAXFS];
+static int sync_count;
+static pthread_once_t sync_atexit_once = PTHREAD_ONCE_INIT;
+
+static void sync_atexit(void) { sync_file_barrier(); }
+static void sync_register_atexit(void) { atexit(sync_atexit); }
+
+// A descriptor of the directory that holds the file open on fd, on the
+// same file system, or -1.
+static int open_parent_dir(int fd, dev_t dev) {
+    char link[64];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    char target[PATH_MAX + 1];
+    ssize_t n = readlink(link, target, PATH_MAX);
+    if (n <= 0 || target[0] != '/') return -1;
+    target[n] = 0;
+    static const char deleted[] = " (deleted)";
+    size_t dl = sizeof(deleted) - 1;
+    if ((size_t)n > dl && strcmp(target + n - dl, deleted) == 0) return -1;
+    char *slash = strrchr(target, '/');
+    if (slash == target)
+        target[1] = 0;
+    else
+        *slash = 0;
+    int dfd = open(target, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd < 0) return -1;
+    struct stat st;
+    if (fstat(dfd, &st) < 0 || st.st_dev != dev) {
+        close(dfd);
+        return -1;
+    }
+    return dfd;
+}
+
+// 0 if the file system of dev is (now) remembered, -1 if not.
+static int sync_remember(int fd, dev_t dev) {
+    pthread_mutex_lock(&sync_table_lock);
+    for (int i = 0; i < sync_count; i++) {
+        if (sync_table[i].dev == dev) {
+            pthread_mutex_unlock(&sync_table_lock);
+            return 0;
+        }
+    }
+    int r = -1;
+    if (sync_count < SYNC_MAXFS) {
+        int dfd = open_parent_dir(fd, dev);
+        if (dfd >= 0) {
+            sync_table[sync_count].dev = dev;
+            sync_table[sync_count].dirfd = dfd;
+            sync_count++;
+            r = 0;
+        }
+    }
+    pthread_mutex_unlock(&sync_table_lock);
+    if (r == 0) pthread_once(&sync_atexit_once, sync_register_atexit);
+    return r;
+}
+
+static int retry_fdatasync(int fd) {
+    for (;;) {
+        if (fdatasync(fd) == 0) return 0;
+        if (errno != EINTR) return -1;
+    }
+}
+
+static int retry_fsync(int fd) {
+    for (;;) {
+        if (fsync(fd) == 0) return 0;
+        if (errno != EINTR) return -1;
+    }
+}
+
+int sync_file(int fd, int level) {
+    if (level < 0) level = 1;
+    if (level == 0) return 0;
+    if (level == 2) return retry_fdatasync(fd);
+    if (level >= 3) return retry_fsync(fd);
+
+    struct stat st;
+    if (fstat(fd, &st) < 0) return -1;
+    int r;
+    do {
+        r = sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0) {
+        // A file system without writeback ranges is flushed now.
+        if (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)
+            return retry_fdatasync(fd);
+        return -1;
+    }
+    if (sync_remember(fd, st.st_dev) == 0) return 0;
+    return retry_fdatasync(fd);
+}
+
+// Barriers run one at a time, and the table is emptied at the start of a
+// barrier: a barrier that finds the table empty has waited for the one
+// that took the entries to finish its flushes, so whatever was registered
+// before either call is durable when it returns.
+int sync_file_barrier(void) {
+    pthread_mutex_lock(&sync_barrier_lock);
+    pthread_mutex_lock(&sync_table_lock);
+    syncfs_entry todo[SYNC_MAXFS];
+    int n = sync_count;
+    memcpy(todo, sync_table, sizeof(syncfs_entry) * (size_t)n);
+    sync_count = 0;
+    pthread_mutex_unlock(&sync_table_lock);
+
+    int err = 0;
+    for (int i = 0; i < n; i++) {
+        int r;
+        do {
+            r = syncfs(todo[i].dirfd);
+        } while (r < 0 && errno == EINTR);
+        if (r < 0 && !err) err = errno;
+        close(todo[i].dirfd);
+    }
+    pthread_mutex_unlock(&sync_barrier_lock);
+    if (err) {
+        errno = err;
+        return -1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// copy_file
+
+static int copy_bytes_rw(int in, int out) {
+    static const size_t bufsize = 65536;
+    char *buf = (char *)malloc(bufsize);
+    if (!buf) return -1;
+    for (;;) {
+        ssize_t n = read(in, buf, bufsize);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (n == 0) {
+            free(buf);
+            return 0;
+        }
+        if (retry_write(out, buf, (size_t)n) < 0) break;
+    }
+    int e = errno;
+    free(buf);
+    errno = e;
+    return -1;
+}
+
+static int copy_bytes(int in, int out) {
+    size_t copied = 0;
+    for (;;) {
+        ssize_t n = copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+        if (n > 0) {
+            copied += (size_t)n;
+            continue;
+        }
+        if (n == 0) {
+            // Some files report no length and copy nothing this way; a read
+            // confirms the end.
+            if (copied == 0) return copy_bytes_rw(in, out);
+            return 0;
+        }
+        if (errno == EINTR) continue;
+        if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP ||
+            errno == EBADF || errno == ETXTBSY || errno == EPERM)
+            // Not supported between these files; the offsets stand where
+            // the last successful call left them.
+            return copy_bytes_rw(in, out);
+        return -1;
+    }
+}
+
+int copy_file(const char *source, const char *target, int flag) {
+    if (flag == 1) return link(source, target) == 0 ? 0 : -1;
+    if (flag != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    int in;
+    do {
+        in = open(source, O_RDONLY | O_CLOEXEC);
+    } while (in < 0 && errno == EINTR);
+    if (in < 0) return -1;
+    int out;
+    do {
+        out = open(target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    } while (out < 0 && errno == EINTR);
+    if (out < 0) {
+        int e = errno;
+        close(in);
+        errno = e;
+        return -1;
+    }
+    int r = copy_bytes(in, out);
+    int e = errno;
+    close(in);
+    if (close(out) < 0 && r == 0) {
+        r = -1;
+        e = errno;
+    }
+    if (r < 0) {
+        unlink(target);
+        errno = e;
+        return -1;
+    }
+    return 0;
+}
