@@ -106,8 +106,6 @@ BkSession::BkSession(BkContext *ctx, BkMode m, int tables, unsigned threshold)
       refTable(nullptr),
       linkTable(nullptr),
       mailbox(nullptr),
-      partitionCursor(-1),
-      groupCursor(-1),
       exitCode(0),
       mailboxFixed(0),
       linkThreshold(threshold) {

@@ -152,8 +152,6 @@ class BkSession {
     MsgRefTable *refTable;
     LinkWaitTable *linkTable;
     Mailbox *mailbox;
-    int partitionCursor;
-    int groupCursor;
     int exitCode;
     int mailboxFixed;
     unsigned linkThreshold;

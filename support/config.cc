@@ -225,6 +225,35 @@ static void collect_partitions_locked(void) {
     if (cfg_nparts > 1) qsort(cfg_parts, cfg_nparts, sizeof *cfg_parts, compare_partitions);
 }
 
+// Reads "key<sep>value" lines into a table: blanks around key and value
+// are dropped, blank lines and lines starting with '#' are skipped, a later
+// line overrides an earlier one, and a line without the separator or
+// without a key is reported and ignored.
+static void read_pairs(FILE *f, const char *path, char sep, svclog_handle *log,
+                       config_cache *table) {
+    char *line = nullptr;
+    size_t cap = 0;
+    int lineno = 0;
+    while (getline(&line, &cap, f) >= 0) {
+        lineno++;
+        char *s = trim(line);
+        if (!*s || *s == '#') continue;
+        char *mark = strchr(s, sep);
+        if (!mark) {
+            svclog(log, 4, "%s line %d: no '%c' in the line, ignored", path, lineno, sep);
+            continue;
+        }
+        *mark = '\0';
+        char *key = trim(s);
+        if (!*key) {
+            svclog(log, 4, "%s line %d: no key before '%c', ignored", path, lineno, sep);
+            continue;
+        }
+        table_set(table, key, trim(mark + 1));
+    }
+    free(line);
+}
+
 // Reads the configuration file into the cache. Returns 0, or -1 after a
 // message on standard error naming what could not be read.
 static int load_locked(void) {
@@ -243,29 +272,8 @@ static int load_locked(void) {
         free(path);
         return -1;
     }
-    char *line = nullptr;
-    size_t cap = 0;
-    int lineno = 0;
-    while (getline(&line, &cap, f) >= 0) {
-        lineno++;
-        char *s = trim(line);
-        if (!*s || *s == '#') continue;
-        char *colon = strchr(s, ':');
-        if (!colon) {
-            svclog(0, 4, "%s line %d: no ':' in the line, ignored", path, lineno);
-            continue;
-        }
-        *colon = '\0';
-        char *key = trim(s);
-        char *value = trim(colon + 1);
-        if (!*key) {
-            svclog(0, 4, "%s line %d: no key before ':', ignored", path, lineno);
-            continue;
-        }
-        table_set(&cfg_cache, key, value);
-    }
+    read_pairs(f, path, ':', nullptr, &cfg_cache);
     int read_error = ferror(f);
-    free(line);
     fclose(f);
     if (read_error) {
         fprintf(stderr, "cannot read configuration file %s: read error\n", path);
@@ -672,9 +680,7 @@ char *configmsg_getstringcopywlang(const char *key, int flags, const char *langu
 // Option files: "KEY=value" lines, '#' comments, blanks trimmed.
 
 struct optfile {
-    size_t count;
-    char **keys;
-    char **values;
+    config_cache table;
 };
 
 optfile *optfile_read(const char *dir, const char *name, void *log, int a, int b, int c, int d,
@@ -687,37 +693,7 @@ optfile *optfile_read(const char *dir, const char *name, void *log, int a, int b
         return nullptr;
     }
     optfile *h = (optfile *)xcalloc(1, sizeof *h);
-    char *line = nullptr;
-    size_t cap = 0;
-    int lineno = 0;
-    while (getline(&line, &cap, f) >= 0) {
-        lineno++;
-        char *s = trim(line);
-        if (!*s || *s == '#') continue;
-        char *eq = strchr(s, '=');
-        if (!eq) {
-            svclog((svclog_handle *)log, 4, "%s line %d: no '=' in the line, ignored", path, lineno);
-            continue;
-        }
-        *eq = '\0';
-        char *key = trim(s);
-        char *value = trim(eq + 1);
-        if (!*key) continue;
-        size_t i;
-        for (i = 0; i < h->count; i++)
-            if (strcmp(h->keys[i], key) == 0) break;
-        if (i < h->count) {
-            free(h->values[i]);
-            h->values[i] = xstrdup(value);
-            continue;
-        }
-        h->keys = (char **)xrealloc(h->keys, (h->count + 1) * sizeof *h->keys);
-        h->values = (char **)xrealloc(h->values, (h->count + 1) * sizeof *h->values);
-        h->keys[h->count] = xstrdup(key);
-        h->values[h->count] = xstrdup(value);
-        h->count++;
-    }
-    free(line);
+    read_pairs(f, path, '=', (svclog_handle *)log, &h->table);
     fclose(f);
     free(path);
     return h;
@@ -725,9 +701,8 @@ optfile *optfile_read(const char *dir, const char *name, void *log, int a, int b
 
 const char *optfile_get(optfile *h, const char *key, const char *def) {
     if (!h || !key) return def;
-    for (size_t i = 0; i < h->count; i++)
-        if (strcmp(h->keys[i], key) == 0) return h->values[i];
-    return def;
+    config_entry *e = table_find(&h->table, key);
+    return e ? e->value : def;
 }
 
 int optfile_int(optfile *h, const char *key, int def) {
@@ -737,11 +712,6 @@ int optfile_int(optfile *h, const char *key, int def) {
 
 void optfile_dispose(optfile *h) {
     if (!h) return;
-    for (size_t i = 0; i < h->count; i++) {
-        free(h->keys[i]);
-        free(h->values[i]);
-    }
-    free(h->keys);
-    free(h->values);
+    table_free(&h->table);
     free(h);
 }

@@ -22,34 +22,6 @@
 
 namespace {
 
-// Sends file descriptor 2 to a file while it lives.
-class StderrCapture {
-  public:
-    StderrCapture() : path_(tmp_.file("stderr")) {
-        fflush(stderr);
-        saved_ = dup(2);
-        int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 2);
-        close(fd);
-    }
-    ~StderrCapture() { restore(); }
-    std::string text() {
-        fflush(stderr);
-        return testutil::read_file(path_);
-    }
-    void restore() {
-        if (saved_ < 0) return;
-        fflush(stderr);
-        dup2(saved_, 2);
-        close(saved_);
-        saved_ = -1;
-    }
-
-  private:
-    testutil::TempDir tmp_;
-    std::string path_;
-    int saved_ = -1;
-};
 
 int count_lines(const std::string &s) {
     int n = 0;
@@ -116,7 +88,7 @@ TEST(Config, ParsesLinesCommentsOverridesAndBadLines) {
         "\tlocal.tab:\t7\t\r\n"
         "#local.c: commented out\n"
         ": no key\n");
-    StderrCapture err;
+    testutil::StderrCapture err;
     ASSERT_EQ(configmsg_init(nullptr, 16, "/usr/local/bin/testprog"), 0);
     std::string msgs = err.text();
     err.restore();
@@ -184,7 +156,7 @@ TEST(Config, EmptyFileWorksAndMissingInstanceFails) {
         // No configuration file: the message names it.
         unlink(inst.path("config/store.conf").c_str());
         configmsg_reset();
-        StderrCapture err;
+        testutil::StderrCapture err;
         EXPECT_NE(configmsg_init(nullptr, 16, "t"), 0);
         EXPECT_NE(err.text().find(inst.path("config/store.conf")), std::string::npos) << err.text();
     }
@@ -193,7 +165,7 @@ TEST(Config, EmptyFileWorksAndMissingInstanceFails) {
     setenv("STORE_INSTANCEDIR", missing.c_str(), 1);
     configmsg_reset();
     {
-        StderrCapture err;
+        testutil::StderrCapture err;
         EXPECT_NE(configmsg_init(nullptr, 16, "t"), 0);
         EXPECT_NE(err.text().find(missing), std::string::npos) << err.text();
         // Readers still get their defaults, and nothing that isn't known.
@@ -374,7 +346,7 @@ TEST(Config, FileModesAndServerUser) {
     inst.addConfig("local.serveruser: no-such-user-here\n");
     configmsg_reset();
     ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
-    StderrCapture err;
+    testutil::StderrCapture err;
     status = in_child([&] { return configmsg_setuid() != 0 && getuid() == 0 ? 0 : 1; });
     EXPECT_EQ(status, 0);
     EXPECT_NE(configmsg_fixfilemode(f.c_str(), 0), 0);
@@ -450,13 +422,13 @@ TEST(Log, LevelFilterEchoAndStderrBeforeOpen) {
     ASSERT_EQ(configmsg_init(nullptr, 16, "filt"), 0);
     {
         // Before the log is open, entries go to standard error.
-        StderrCapture err;
+        testutil::StderrCapture err;
         svclog(0, 3, "early %d", 1);
         EXPECT_TRUE(matches("filt\\[[0-9]+\\] error: early 1\n$", err.text())) << err.text();
     }
     ASSERT_EQ(configmsg_initlog(nullptr, "filt"), 0);
     svclog_setoptions(SVCLOG_ECHO_ERRORS);
-    StderrCapture err;
+    testutil::StderrCapture err;
     for (int level : {58, 59, 60, 61, 62, 63, 3, 7}) svclog(0, level, "level %d", level);
     std::string echoed = err.text();
     err.restore();

@@ -17,35 +17,6 @@
 #include "support/signals.h"
 #include "tests/testutil.h"
 
-namespace {
-
-// Sends file descriptor 2 to a file while it lives.
-class StderrCapture {
-  public:
-    StderrCapture() : path_(tmp_.file("stderr")) {
-        fflush(stderr);
-        saved_ = dup(2);
-        int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 2);
-        close(fd);
-    }
-    ~StderrCapture() {
-        fflush(stderr);
-        dup2(saved_, 2);
-        close(saved_);
-    }
-    std::string text() {
-        fflush(stderr);
-        return testutil::read_file(path_);
-    }
-
-  private:
-    testutil::TempDir tmp_;
-    std::string path_;
-    int saved_;
-};
-
-}  // namespace
 
 TEST(Signals, ArrivalIsRecordedAndDoesNotKill) {
     const char *text = "SIGTERM signal delayed while performing critical operations\n";
@@ -55,7 +26,7 @@ TEST(Signals, ArrivalIsRecordedAndDoesNotKill) {
     signals_reset(SIGINT);
     EXPECT_FALSE(check_signal_handler(SIGTERM));
 
-    StderrCapture err;
+    testutil::StderrCapture err;
     ASSERT_EQ(raise(SIGTERM), 0);
     EXPECT_TRUE(check_signal_handler(SIGTERM));
     EXPECT_FALSE(check_signal_handler(SIGINT));  // each signal on its own
@@ -194,7 +165,7 @@ TEST(Plugins, LoadLookUpAndShutDown) {
 
     // Failure: null, and an error entry with the loader's reason (the log
     // isn't open here, so it goes to standard error).
-    StderrCapture err;
+    testutil::StderrCapture err;
     EXPECT_EQ(svcpluginload("/nonexistent/libplug.so", "t"), nullptr);
     std::string text = err.text();
     EXPECT_NE(text.find("error: "), std::string::npos) << text;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
 #include <ftw.h>
 
 #include <fstream>
@@ -63,6 +64,27 @@ void Instance::addConfig(const std::string &lines) const {
     std::ofstream f(tmp_.path() + "/config/store.conf", std::ios::app);
     f << lines;
     if (!lines.empty() && lines.back() != '\n') f << "\n";
+}
+
+StderrCapture::StderrCapture() : path_(tmp_.file("stderr")) {
+    fflush(stderr);
+    saved_ = dup(2);
+    int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, 2);
+    close(fd);
+}
+
+std::string StderrCapture::text() {
+    fflush(stderr);
+    return read_file(path_);
+}
+
+void StderrCapture::restore() {
+    if (saved_ < 0) return;
+    fflush(stderr);
+    dup2(saved_, 2);
+    close(saved_);
+    saved_ = -1;
 }
 
 std::string source_dir() {

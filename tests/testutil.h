@@ -37,6 +37,22 @@ class Instance {
     TempDir tmp_;
 };
 
+// Sends file descriptor 2 to a file while it lives.
+class StderrCapture {
+  public:
+    StderrCapture();
+    ~StderrCapture() { restore(); }
+    StderrCapture(const StderrCapture &) = delete;
+    StderrCapture &operator=(const StderrCapture &) = delete;
+    std::string text();  // what was written so far
+    void restore();      // gives standard error back
+
+  private:
+    TempDir tmp_;
+    std::string path_;
+    int saved_ = -1;
+};
+
 std::string source_dir();
 std::string binary_dir();
 std::string corpus_path(const std::string &name);  // ../shared/corpus/<name>

@@ -1,0 +1,54 @@
+// Feeds arbitrary bytes to the text services: address parsing, decoding of
+// encoded words, modified UTF-7 in both directions and folder patterns.
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "support/charset.h"
+#include "support/parseaddr.h"
+#include "support/storeglob.h"
+#include "support/strutil.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    // The services take terminated strings: an exact-size copy with a NUL.
+    char *text = static_cast<char *>(malloc(size + 1));
+    memcpy(text, data, size);
+    text[size] = '\0';
+
+    struct address *list = nullptr;
+    parseaddr_list(text, &list);
+    for (struct address *a = list; a; a = a->next) {
+        // Touch every string handed out.
+        if (a->name) (void)strlen(a->name);
+        if (a->mailbox) (void)strlen(a->mailbox);
+        if (a->domain) (void)strlen(a->domain);
+        if (a->route) (void)strlen(a->route);
+    }
+    parseaddr_free(list);
+
+    char small[32];
+    char *decoded = charset_decode1522(text, small, sizeof(small));
+    if (decoded != small) free(decoded);
+
+    char utf7[1024], back[1024];
+    if (mutf7_fromutf8(text, utf7, sizeof(utf7)) == 0) {
+        // What was encoded decodes to the same text.
+        if (mutf7_toutf8(utf7, back, sizeof(back)) != 0 || strcmp(back, text) != 0) abort();
+    }
+    (void)mutf7_toutf8(text, back, sizeof(back));
+
+    // The first line is a pattern, the rest the text it is tested on.
+    char *nl = strchr(text, '\n');
+    if (nl) {
+        *nl = '\0';
+        storeglob *g = glob_init_suppress(text, GLOB_HIERARCHY | GLOB_INBOXCASE, nullptr);
+        if (g) {
+            long state = 0;
+            (void)glob_test(g, nl + 1, -1, &state);
+            glob_free(&g);
+        }
+    }
+    free(text);
+    return 0;
+}
