@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "objects/bkobj.h"
+#include "store/mboxlist.h"
 #include "support/config.h"
 #include "support/log.h"
 #include "support/signals.h"
@@ -34,9 +35,13 @@ BkContext::BkContext(const char *progname, int dbg)
         if (tmp && chdir(tmp) != 0) svclog(nullptr, 4, "cannot change to directory %s: %m", tmp);
     }
 
-    // The folder database and the provisioning of users join the context
-    // here once the store has them: their start may end the process with
-    // its own exit status.
+    // The start of the folder database may end the process with its own
+    // exit status (1, 75 or 78).
+    if (mboxlist_init() != 0) {
+        svclog(nullptr, 3, "mboxlist_init failed");
+        return;
+    }
+    // The provisioning of users joins the context here once the store has it.
     status = 0;
 }
 

@@ -125,4 +125,122 @@ static_assert(offsetof(mailbox, hdr) == offsetof(mailbox, mbd) + sizeof(mboxdata
 
 extern const struct mailbox zeromailbox;
 
+#define MAILBOX_FNAME_SIZE 32        // buffer of mailbox_message_fname
+#define MAILBOX_CACHE_ITEMS 11       // items of one cache entry
+#define MAILBOX_HEADER_LIMIT 10000   // bytes examined by mailbox_getheadervalue
+// Gather entries that mailbox_format_index_variable_header may add.
+#define MAILBOX_VARHDR_IOV (MAX_USER_FLAGS + 2)
+
+struct iovec;
+
+// Reads the sync levels of the store's files from the configuration:
+// local.store.synclevel for all six, then each specific key
+// (local.store.{message,cache,index,expunge,peruser,subscribe}synclevel).
+void mailbox_reloadconfig(void);
+
+// "%02lu/%lu.msg" of uid into buf (MAILBOX_FNAME_SIZE bytes); gives buf.
+char *mailbox_message_fname(struct mailbox *mailbox, unsigned long uid, char *buf);
+// Opens the message file of uid read-only. With fdp the descriptor is handed
+// out, otherwise closed; with mapp the file is mapped whole. 0, the errno of
+// a failed open, or IMAP_IOERROR if the map failed.
+int mailbox_map_message(struct mailbox *mailbox, unsigned long uid, int *fdp, struct map **mapp);
+// Frees *mapp and closes *fdp (either may be null); stores null and -1.
+void mailbox_unmap_message(struct mailbox *mailbox, int *fdp, struct map **mapp);
+
+// Reads mbd and hdr of the open "store.idx", maps it (whole, or only up to
+// the records under OPEN_PARTIAL/OPEN_APPEND), checks it and reads the
+// variable header. 0, IMAP_MAILBOX_BADFORMAT or IMAP_IOERROR.
+int mailbox_read_index_fixed_header(struct mailbox *mailbox);
+// Flag names and ACL from the mapped variable header.
+int mailbox_read_index_variable_header(struct mailbox *mailbox);
+// The ACL alone from the mapped variable header.
+int mailbox_read_index_header_acl(struct mailbox *mailbox);
+// Copies record msgno (from 1) out of the map. 0 or IMAP_IOERROR.
+int mailbox_read_index_record(struct mailbox *mailbox, unsigned msgno, struct index_record *record);
+
+// The writers need the index lock (index_lock_count above 0) where noted,
+// and sync the file at the index sync level.
+int mailbox_write_index_fixed_header(struct mailbox *mailbox);  // lock
+// Writes flag names and ACL; when they no longer fit below start_offset the
+// file is rewritten through "index.new" with more room (index_fd, the map,
+// hdr, index_size and generation change then).
+int mailbox_write_index_variable_header(struct mailbox *mailbox);  // lock
+// Adds the gather entries of the variable header to iov from entry *num_iov
+// on (room for MAILBOX_VARHDR_IOV more is needed) and updates *num_iov.
+void mailbox_format_index_variable_header(struct mailbox *mailbox, struct iovec *iov,
+                                          int *num_iov);  // lock
+int mailbox_write_index_record(struct mailbox *mailbox, unsigned msgno,
+                               const struct index_record *record);
+// Writes count records for the message numbers from msgno on in one write.
+int mailbox_append_index(struct mailbox *mailbox, const struct index_record *records,
+                         unsigned msgno, unsigned count);  // lock
+
+// Converts a version 257 folder ("store.idx" and "store.cch") to one
+// "store.idx" at version 258, taking and releasing the index lock itself,
+// and opens the new file. 0, IMAP_MAILBOX_BADFORMAT or IMAP_IOERROR.
+int mailbox_convertfromv1(struct mailbox *mailbox);
+
+// ---- opening folders and the index lock ----------------------------------
+//
+// A handle is zero (zeromailbox), open, or locked. The open reads the
+// header once; the index lock (a whole-file record lock on "store.idx")
+// reads it again, follows a file that another process replaced while we
+// waited, and nests: only the outermost lock and unlock touch the file.
+
+struct auth_state;
+
+// Opens folder name from its row in the folder database. A folder missing
+// from the database whose owner's inbox is there is taken up from its
+// files (its ACL read from the index, cleaned, and the row written); a
+// folder with a row and no "store.idx" (a new folder, or one that lost its
+// files) is created empty at the current version. mode: OPEN_* bits. 0 or
+// an error, the handle being zeromailbox after an error.
+int mailbox_open(const char *name, unsigned mode, const struct auth_state *auth,
+                 struct mailbox *mailbox);
+// Opens the folder at path without the database; copies every string.
+// mpath null or "" means no separate message directory. A version 257
+// folder is converted at once (not under OPEN_REPAIR).
+int mailbox_open_path(const char *name, unsigned mode, const char *partition, const char *path,
+                      const char *mpath, const char *acl, const struct auth_state *auth,
+                      struct mailbox *mailbox);
+// Closes and opens "store.idx" again and reads its header; the index lock
+// must not be held. Under OPEN_REPAIR a missing or damaged file gives 0
+// with index_fd -1.
+int mailbox_reopen_index(struct mailbox *mailbox);
+// Frees everything (dropping the index lock) and leaves zeromailbox.
+void mailbox_close(struct mailbox *mailbox);
+// Takes the index lock (waits, or under OPEN_NOWAIT gives
+// IMAP_MAILBOX_LOCKED) and reads the header of the file it holds. 0,
+// IMAP_MAILBOX_LOCKED, IMAP_IOERROR or the error of reading the header.
+int mailbox_lock_index(struct mailbox *mailbox);
+void mailbox_unlock_index(struct mailbox *mailbox);
+// A new heap ACL built from the entries of acl (identifier TAB rights TAB)
+// with the owner of a user's folder holding all rights and keeping the
+// owner's rights; an entry without its closing TAB ends the text.
+char *cleanacl(const char *acl, const char *name);
+// Takes the ACL from the folder's row and recomputes myrights. 0 or the
+// error of mboxlist_lookup.
+int mailbox_read_acl(struct mailbox *mailbox, const struct auth_state *auth);
+
+// The length word of cache item `item` (0..10) of message msgno, checked
+// against the bounds of the map; null (and a log entry) if the entry is
+// damaged.
+const char *mailbox_cache_item(const struct map *index_map, const char *name, unsigned msgno,
+                               int item);
+
+// Creates the directory path and its missing parents (mode 0777).
+// 0, IMAP_MAILBOX_BADNAME for a path too long, else IMAP_IOERROR.
+int mailbox_makedirs(const char *path);
+
+// (mailbox_location, which needs the folder database and the directory of
+// users, comes with those.)
+
+// 1 if num is in the sequence ("1:5,7,20:*", "*" standing for max), else 0.
+int is_insequence(unsigned num, const char *seq, unsigned max);
+// Start of the header behind the one at p (folded lines included), at most end.
+const char *hdrend(const char *p, const char *end);
+// The value of header `name` in the header block base (first 10000 bytes),
+// unfolded, leading blanks dropped; a heap string or null.
+char *mailbox_getheadervalue(const char *name, const char *base, unsigned long size);
+
 #endif

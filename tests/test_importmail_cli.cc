@@ -50,6 +50,7 @@ std::vector<unsigned long> scanner_sizes(const std::string &data) {
 
 TEST(ImportmailCli, UsageErrorsExit64) {
     Instance inst;
+    ASSERT_TRUE(inst.startStored());
     std::string mbox = inst.path("in.mbox");
     testutil::write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
     std::string err;
@@ -80,6 +81,7 @@ TEST(ImportmailCli, UsageErrorsExit64) {
 
 TEST(ImportmailCli, InputFileChecks) {
     Instance inst;
+    ASSERT_TRUE(inst.startStored());
     std::string err;
     EXPECT_EQ(run(inst, "-u joe -s /nonexistent/file.mbox", nullptr, &err), 66);
     EXPECT_NE(err.find("/nonexistent/file.mbox"), std::string::npos);
@@ -110,6 +112,7 @@ TEST(ImportmailCli, InputFileChecks) {
 
 TEST(ImportmailCli, RefusesWhatDoesNotFitAndMissingInstances) {
     Instance inst;
+    ASSERT_TRUE(inst.startStored());
     std::string mbox = inst.path("in.mbox");
     testutil::write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
     std::string err;
@@ -126,6 +129,7 @@ TEST(ImportmailCli, RefusesWhatDoesNotFitAndMissingInstances) {
 
 TEST(ImportmailCli, DebugOutputCountsCorpusMessages) {
     Instance inst;
+    ASSERT_TRUE(inst.startStored());
     struct {
         const char *name;
         size_t count;
@@ -159,6 +163,7 @@ TEST(ImportmailCli, DebugOutputCountsCorpusMessages) {
 
 TEST(ImportmailCli, VerboseNamesFolderAndMessages) {
     Instance inst;
+    ASSERT_TRUE(inst.startStored());
     std::string mbox = inst.path("in.mbox");
     testutil::write_file(mbox,
                          "From a Tue Nov  5 10:20:30 2002\n\nx\n\n"

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "objects/bkobj.h"
+#include "store/mboxlist.h"
 #include "support/signals.h"
 #include "tests/testutil.h"
 
@@ -24,6 +25,11 @@ class PlainObj : public BkObj {
     int restoreData(Vdata *) override { return valid; }
     BkObj *getFirstChild() override { return nullptr; }
     BkObj *getNextChild() override { return nullptr; }
+};
+
+// Leaves the folder database before the instance and its daemon go away.
+struct StoreSession {
+    ~StoreSession() { mboxlist_reset_for_tests(); }
 };
 
 std::string capture(void (*fn)(FILE *, void *), void *arg) {
@@ -152,6 +158,8 @@ TEST(BkObjCore, AttributeRecords) {
 TEST(BkContextTest, StartsOnAnInstanceAndNotWithout) {
     {
         testutil::Instance inst("local.store.backup.exclude: Trash%%Junk%Spam");
+        ASSERT_TRUE(inst.startStored());
+        StoreSession store;
         BkContext ctx("objtest", 1);
         ASSERT_TRUE(ctx.isvalid());
         EXPECT_EQ(ctx.exitCode(), 0);
@@ -195,6 +203,8 @@ TEST(BkContextTest, StartsOnAnInstanceAndNotWithout) {
 
 TEST(BkSessionTest, CreatesFoldersAndMessagesFromPaths) {
     testutil::Instance inst;
+    ASSERT_TRUE(inst.startStored());
+    StoreSession store;
     BkContext ctx("objtest", 0);
     ASSERT_TRUE(ctx.isvalid());
     BkSession *s = ctx.getSession(BkModePlain, 0, 1);
@@ -265,6 +275,8 @@ TEST(BkSessionTest, CreatesFoldersAndMessagesFromPaths) {
 
 TEST(MessageObject, RecordsInNetworkOrderAndFlags) {
     testutil::Instance inst;
+    ASSERT_TRUE(inst.startStored());
+    StoreSession store;
     BkContext ctx("objtest", 0);
     BkSession *s = ctx.getSession(BkModeRestore, 0, 1);
     Message msg(s, "/export/user/joe/inbox/1", 0);

@@ -2,21 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include "support/osl.h"
 #include "support/plugin.h"
 #include "support/signals.h"
 #include "tests/testutil.h"
-
 
 TEST(Signals, ArrivalIsRecordedAndDoesNotKill) {
     const char *text = "SIGTERM signal delayed while performing critical operations\n";
@@ -57,25 +54,20 @@ TEST(Signals, ArrivalIsRecordedAndDoesNotKill) {
 TEST(Signals, BlockingReadSurvivesASignal) {
     ASSERT_EQ(set_signal_handler(SIGUSR1, "usr1\n"), 0);
     signals_reset(SIGUSR1);
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
+    testutil::Pipe p;
     pid_t parent = getpid();
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    pid_t pid = testutil::spawn([&] {
         usleep(150 * 1000);  // the parent is blocked in read by now
         kill(parent, SIGUSR1);
         usleep(150 * 1000);
-        ssize_t w = write(fds[1], "ok", 2);
-        _exit(w == 2 ? 0 : 1);
-    }
-    close(fds[1]);
+        return write(p.w, "ok", 2) == 2 ? 0 : 1;
+    });
+    close(p.w);
+    p.w = -1;
     char buf[4] = {0};
-    ssize_t n = read(fds[0], buf, 2);
+    ssize_t n = read(p.r, buf, 2);
     int err = errno;
-    close(fds[0]);
-    int st;
-    waitpid(pid, &st, 0);
+    EXPECT_EQ(testutil::wait_child(pid), 0);
     EXPECT_EQ(n, 2) << strerror(err);  // restarted, not EINTR
     EXPECT_STREQ(buf, "ok");
     EXPECT_TRUE(check_signal_handler(SIGUSR1));
@@ -90,12 +82,11 @@ TEST(Signals, DescriptorLimitAndProcessId) {
     rl.rlim_cur = 64;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rl), 0);
 
-    EXPECT_EQ(setmaxfd(100), 0);
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
-    EXPECT_EQ(rl.rlim_cur, 100u);
-    EXPECT_EQ(setmaxfd(80), 0);  // never lowered
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
-    EXPECT_EQ(rl.rlim_cur, 100u);
+    for (int want : {100, 80}) {  // raised, never lowered
+        EXPECT_EQ(setmaxfd(want), 0);
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
+        EXPECT_EQ(rl.rlim_cur, 100u);
+    }
     if (rl.rlim_max != RLIM_INFINITY && rl.rlim_max < (rlim_t)1 << 30) {
         // Beyond the hard limit: raised to the hard limit.
         EXPECT_EQ(setmaxfd((int)rl.rlim_max + 1000), 0);
@@ -104,45 +95,29 @@ TEST(Signals, DescriptorLimitAndProcessId) {
     }
     setrlimit(RLIMIT_NOFILE, &saved);
 
+    // Not a value kept from before a fork.
     EXPECT_EQ(process_id(), getpid());
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        pid_t mine = process_id();
-        ssize_t w = write(fds[1], &mine, sizeof mine);
-        _exit(w == sizeof mine ? 0 : 1);
-    }
-    pid_t child = 0;
-    ASSERT_EQ(read(fds[0], &child, sizeof child), (ssize_t)sizeof child);
-    waitpid(pid, nullptr, 0);
-    close(fds[0]);
-    close(fds[1]);
-    EXPECT_EQ(child, pid);
+    EXPECT_EQ(testutil::in_child([] { return process_id() == getpid() ? 0 : 1; }), 0);
 }
 
 TEST(Portability, MkdirAndHostLookup) {
     testutil::TempDir tmp;
     std::string d = tmp.file("sub");
     EXPECT_EQ(osl_mkdir(d.c_str(), 0777), 0);
-    errno = 0;
-    EXPECT_EQ(osl_mkdir(d.c_str(), 0777), -1);
-    EXPECT_EQ(errno, EEXIST);
-    std::string longname = tmp.file(std::string(300, 'n'));
-    errno = 0;
-    EXPECT_EQ(osl_mkdir(longname.c_str(), 0777), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
+    for (const auto &bad : {std::make_pair(d, EEXIST), std::make_pair(tmp.file(std::string(300, 'n')), ENAMETOOLONG)}) {
+        errno = 0;
+        EXPECT_EQ(osl_mkdir(bad.first.c_str(), 0777), -1);
+        EXPECT_EQ(errno, bad.second);
+    }
     osl_sleep(0);
 
+    // An odd start address: the record must still be usable, and lie in it.
     static char buf[OSL_HOSTENT_BUFSIZE + 1];
-    // An odd start address: the record must still be usable.
     struct hostent *he = osl_gethostbyname("localhost", buf + 1);
     ASSERT_NE(he, nullptr);
-    EXPECT_GE((char *)he, buf + 1);
-    EXPECT_LT((char *)he, buf + 1 + OSL_HOSTENT_BUFSIZE);
     ASSERT_NE(he->h_addr_list[0], nullptr);
-    EXPECT_GE(he->h_addr_list[0], buf + 1);
-    EXPECT_LT(he->h_addr_list[0], buf + 1 + OSL_HOSTENT_BUFSIZE);
+    for (const char *at : {(const char *)he, (const char *)he->h_addr_list[0]})
+        EXPECT_TRUE(at >= buf + 1 && at < buf + 1 + OSL_HOSTENT_BUFSIZE);
     EXPECT_EQ(osl_gethostbyname("no-such-host.invalid", buf), nullptr);
 }
 
@@ -168,7 +143,6 @@ TEST(Plugins, LoadLookUpAndShutDown) {
     testutil::StderrCapture err;
     EXPECT_EQ(svcpluginload("/nonexistent/libplug.so", "t"), nullptr);
     std::string text = err.text();
-    EXPECT_NE(text.find("error: "), std::string::npos) << text;
-    EXPECT_NE(text.find("/nonexistent/libplug.so"), std::string::npos) << text;
-    EXPECT_NE(text.find("No such file"), std::string::npos) << text;
+    for (const char *part : {"error: ", "/nonexistent/libplug.so", "No such file"})
+        EXPECT_NE(text.find(part), std::string::npos) << text;
 }

@@ -13,47 +13,34 @@
 #include "support/strutil.h"
 #include "support/timeutil.h"
 #include "support/xmalloc.h"
+#include "tests/testutil.h"
 
 namespace {
 
-std::string to_mutf7(const std::string &utf8, size_t size = 1024, int *rc = nullptr) {
-    std::vector<char> buf(size ? size : 1, 'X');
-    int r = mutf7_fromutf8(utf8.c_str(), buf.data(), size);
-    if (rc) *rc = r;
-    return r == 0 ? std::string(buf.data()) : std::string("<error>");
-}
+typedef int (*convert_fn)(const char *, char *, size_t);
 
-std::string from_mutf7(const std::string &m, size_t size = 1024, int *rc = nullptr) {
+// The result of a conversion into a buffer of the given size, "<error>" if
+// it fails.
+std::string conv(convert_fn fn, const std::string &in, size_t size = 1024) {
     std::vector<char> buf(size ? size : 1, 'X');
-    int r = mutf7_toutf8(m.c_str(), buf.data(), size);
-    if (rc) *rc = r;
-    return r == 0 ? std::string(buf.data()) : std::string("<error>");
+    return fn(in.c_str(), buf.data(), size) == 0 ? std::string(buf.data()) : "<error>";
 }
 
 void append_utf8(std::string &s, uint32_t cp) {
     if (cp < 0x80) {
         s += (char)cp;
-    } else if (cp < 0x800) {
-        s += (char)(0xc0 | (cp >> 6));
-        s += (char)(0x80 | (cp & 0x3f));
-    } else if (cp < 0x10000) {
-        s += (char)(0xe0 | (cp >> 12));
-        s += (char)(0x80 | ((cp >> 6) & 0x3f));
-        s += (char)(0x80 | (cp & 0x3f));
-    } else {
-        s += (char)(0xf0 | (cp >> 18));
-        s += (char)(0x80 | ((cp >> 12) & 0x3f));
-        s += (char)(0x80 | ((cp >> 6) & 0x3f));
-        s += (char)(0x80 | (cp & 0x3f));
+        return;
     }
+    static const unsigned char lead[] = {0, 0xc0, 0xe0, 0xf0};
+    int extra = cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
+    s += (char)(lead[extra] | (cp >> (6 * extra)));
+    for (int i = extra - 1; i >= 0; i--) s += (char)(0x80 | ((cp >> (6 * i)) & 0x3f));
 }
 
 }  // namespace
 
 TEST(ModifiedUtf7, KnownEncodingsBothWays) {
-    struct {
-        const char *utf8, *mutf7;
-    } cases[] = {
+    struct { const char *utf8, *mutf7; } cases[] = {
         {"", ""},
         {"INBOX", "INBOX"},
         {"Entw\xc3\xbcrfe", "Entw&APw-rfe"},
@@ -69,8 +56,8 @@ TEST(ModifiedUtf7, KnownEncodingsBothWays) {
         {"\xc3\xa4&\xc3\xa4", "&AOQ-&-&AOQ-"},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(to_mutf7(c.utf8), c.mutf7) << c.utf8;
-        EXPECT_EQ(from_mutf7(c.mutf7), c.utf8) << c.mutf7;
+        EXPECT_EQ(conv(mutf7_fromutf8, c.utf8), c.mutf7) << c.utf8;
+        EXPECT_EQ(conv(mutf7_toutf8, c.mutf7), c.utf8) << c.mutf7;
     }
 }
 
@@ -85,111 +72,75 @@ TEST(ModifiedUtf7, RandomRoundTrips) {
         for (int i = 0; i < len; i++) {
             uint32_t cp;
             switch (pick(0, 6)) {
-                case 0: cp = pick(0x20, 0x7e); break;               // printable ASCII
-                case 1: cp = pick(0, 1) ? '&' : '-'; break;         // the shift characters
+                case 0: cp = pick(0x20, 0x7e); break;                   // printable ASCII
+                case 1: cp = pick(0, 1) ? '&' : '-'; break;             // the shift characters
                 case 2: cp = pick(0, 1) ? pick(1, 0x1f) : 0x7f; break;  // controls
                 case 3: cp = pick(0x80, 0x7ff); break;
                 case 4:
                     do cp = pick(0x800, 0xffff);
                     while (cp >= 0xd800 && cp <= 0xdfff);
                     break;
-                default: cp = pick(0x10000, 0x10ffff); break;       // astral
+                default: cp = pick(0x10000, 0x10ffff); break;  // astral
             }
             append_utf8(s, cp);
         }
-        int rc;
-        std::string m = to_mutf7(s, 1024, &rc);
-        ASSERT_EQ(rc, 0) << "encoding failed for case " << n;
+        std::string m = conv(mutf7_fromutf8, s);
+        ASSERT_NE(m, "<error>") << "encoding failed for case " << n;
         for (unsigned char c : m) ASSERT_TRUE(c >= 0x20 && c <= 0x7e) << m;
-        std::string back = from_mutf7(m, 1024, &rc);
-        ASSERT_EQ(rc, 0) << "decoder refused its own encoding " << m;
-        ASSERT_EQ(back, s) << m;
+        ASSERT_EQ(conv(mutf7_toutf8, m), s) << m;
     }
 }
 
-TEST(ModifiedUtf7, DecoderRefusesMalformedInput) {
+TEST(ModifiedUtf7, RefusesMalformedInputAndOverflow) {
     const char *bad[] = {
-        "&",            // run never started
-        "&AOQ",         // run not terminated
-        "a&AOQ",
-        "&AOR-",        // padding bits not zero
-        "&AOQA-",       // a superfluous base64 character
-        "&A-",          // fewer bits than one UTF-16 unit
-        "&AGE-",        // encodes "a", which must stand as itself
-        "&AGEA5A-",     // ASCII inside a run with other characters
-        "&ACY-",        // encodes "&", which must be "&-"
-        "&AAA-",        // NUL
-        "&2D0-",        // high surrogate alone
-        "&3gA-",        // low surrogate alone
-        "&2D0-&3gA-",   // a pair split across two runs
-        "&2D3YPQ-",     // high surrogate followed by another high one
-        "&A/Q-",        // "/" is not in the alphabet of the folder encoding
-        "&AOQ=-",       // no "=" padding either
-        "\xc3\xa4",     // raw 8-bit bytes
-        "a\tb",         // raw control character
+        "&", "&AOQ", "a&AOQ",              // a run never started or never ended
+        "&AOR-", "&AOQA-", "&A-",          // padding bits not zero, a character too many or too few
+        "&AGE-", "&AGEA5A-", "&ACY-",      // ASCII ("a", "&") that must stand as itself
+        "&AAA-", "&2D0-", "&3gA-",         // NUL, lone high and low surrogates
+        "&2D0-&3gA-", "&2D3YPQ-",          // a pair split across runs, two high surrogates
+        "&A/Q-", "&AOQ=-", "\xc3\xa4", "a\tb",  // "/" and "=" in a run, raw 8-bit and control bytes
     };
-    for (const char *b : bad) {
-        int rc = 0;
-        from_mutf7(b, 1024, &rc);
-        EXPECT_EQ(rc, -1) << "accepted: " << b;
-    }
-}
+    for (const char *b : bad) EXPECT_EQ(conv(mutf7_toutf8, b), "<error>") << "accepted: " << b;
+    for (const char *s : {"\xc3", "a\xc3(", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xff", "\x80"})
+        EXPECT_EQ(conv(mutf7_fromutf8, s), "<error>") << "accepted invalid UTF-8";
 
-TEST(ModifiedUtf7, ReportsOverflowAndInvalidUtf8) {
-    int rc;
-    // "&AOQ-" and its terminator take 6 bytes exactly.
-    EXPECT_EQ(to_mutf7("\xc3\xa4", 6, &rc), "&AOQ-");
-    to_mutf7("\xc3\xa4", 5, &rc);
-    EXPECT_EQ(rc, -1);
-    to_mutf7("&", 2, &rc);  // "&-" needs 3
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(from_mutf7("&AOQ-", 3, &rc), "\xc3\xa4");
-    from_mutf7("&AOQ-", 2, &rc);
-    EXPECT_EQ(rc, -1);
-    from_mutf7("abc", 3, &rc);
-    EXPECT_EQ(rc, -1);
+    // Buffers of exactly the size needed, and one byte less.
+    EXPECT_EQ(conv(mutf7_fromutf8, "\xc3\xa4", 6), "&AOQ-");
+    EXPECT_EQ(conv(mutf7_fromutf8, "\xc3\xa4", 5), "<error>");
+    EXPECT_EQ(conv(mutf7_fromutf8, "&", 2), "<error>");  // "&-" needs 3
+    EXPECT_EQ(conv(mutf7_toutf8, "&AOQ-", 3), "\xc3\xa4");
+    EXPECT_EQ(conv(mutf7_toutf8, "&AOQ-", 2), "<error>");
+    EXPECT_EQ(conv(mutf7_toutf8, "abc", 3), "<error>");
     // The terminator stays inside the buffer even when the result doesn't fit.
     char small[4];
     memset(small, 'X', sizeof small);
     EXPECT_EQ(mutf7_toutf8("abcdef", small, sizeof small), -1);
     EXPECT_EQ(strlen(small), 3u);
-
-    const char *not_utf8[] = {"\xc3", "a\xc3(", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80",
-                              "\xf4\x90\x80\x80", "\xff", "\x80"};
-    for (const char *s : not_utf8) {
-        to_mutf7(s, 1024, &rc);
-        EXPECT_EQ(rc, -1) << "accepted invalid UTF-8";
-    }
 }
 
 TEST(StringHelpers, UtfToUniCharWalksAString) {
-    // a, U+00E4, U+20AC, U+1F600 (outside the basic plane), a stray byte, z
-    const char *s = "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\xff" "z";
-    uint16_t expect_units[] = {'a', 0xe4, 0x20ac, 0xfffd, 0xfffd, 'z', 0};
-    int expect_lens[] = {1, 2, 3, 4, 1, 1, 0};
+    // a, U+00E4, U+20AC, U+1F600 (outside the basic plane), a stray byte, z;
+    // then a truncated sequence (one replacement, the next character goes
+    // through) and an overlong form.
+    const char *s = "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\xff" "z\xe2\x82" "x\xc0\xaf";
+    uint16_t expect_units[] = {'a', 0xe4, 0x20ac, 0xfffd, 0xfffd, 'z', 0xfffd, 'x', 0xfffd, 0};
+    int expect_lens[] = {1, 2, 3, 4, 1, 1, 2, 1, 2, 0};
     const char *p = s;
-    for (size_t i = 0; i < sizeof expect_units / sizeof expect_units[0]; i++) {
+    for (size_t i = 0; i < sizeof expect_lens / sizeof expect_lens[0]; i++) {
         uint16_t u = 0x1234;
         int n = UtfToUniChar(p, &u);
         EXPECT_EQ(u, expect_units[i]) << i;
         EXPECT_EQ(n, expect_lens[i]) << i;
         p += n;
     }
-    // A truncated sequence gives one replacement and lets the next
-    // character through; an overlong form is refused.
-    uint16_t u;
-    EXPECT_EQ(UtfToUniChar("\xe2\x82" "x", &u), 2);
-    EXPECT_EQ(u, 0xfffd);
-    EXPECT_EQ(UtfToUniChar("\xc0\xaf", &u), 2);
-    EXPECT_EQ(u, 0xfffd);
 }
 
 TEST(StringHelpers, AtomsCaseAndCopies) {
-    const char *atoms[] = {"INBOX", "a.b-c_d", "x[1", "$Label", "~", "1234"};
-    for (const char *a : atoms) EXPECT_TRUE(imparse_isatom(a)) << a;
-    const char *not_atoms[] = {"", "a b", "(x", "x)", "{3}", "50%", "a*", "\"q\"", "\\Seen",
-                               "x]", "tab\there", "del\x7f", "\xc3\xa4"};
-    for (const char *a : not_atoms) EXPECT_FALSE(imparse_isatom(a)) << a;
+    for (const char *a : {"INBOX", "a.b-c_d", "x[1", "$Label", "~", "1234"})
+        EXPECT_TRUE(imparse_isatom(a)) << a;
+    for (const char *a : {"", "a b", "(x", "x)", "{3}", "50%", "a*", "\"q\"", "\\Seen", "x]",
+                          "tab\there", "del\x7f", "\xc3\xa4"})
+        EXPECT_FALSE(imparse_isatom(a)) << a;
 
     char s[] = "MiXeD \xc3\x84 Case 9";
     EXPECT_STREQ(lcase(s), "mixed \xc3\x84 case 9");  // bytes above ASCII untouched
@@ -207,21 +158,9 @@ TEST(StringHelpers, AtomsCaseAndCopies) {
 
 TEST(TimeHelpers, MkgmtimeKnownValuesAndNormalisation) {
     auto mk = [](int y, int mon, int mday, int h, int mi, int s) {
-        struct tm tm;
-        memset(&tm, 0, sizeof tm);
-        tm.tm_year = y - 1900;
-        tm.tm_mon = mon;
-        tm.tm_mday = mday;
-        tm.tm_hour = h;
-        tm.tm_min = mi;
-        tm.tm_sec = s;
-        tm.tm_isdst = -1;
-        return tm;
+        return tm{s, mi, h, mday, mon, y - 1900, 0, 0, -1, 0, nullptr};
     };
-    struct {
-        struct tm tm;
-        long long expect;
-    } cases[] = {
+    struct { struct tm tm; long long expect; } cases[] = {
         {mk(1970, 0, 1, 0, 0, 0), 0},
         {mk(2000, 1, 29, 12, 34, 56), 951827696},
         {mk(2038, 0, 19, 3, 14, 7), 2147483647LL},
@@ -234,64 +173,36 @@ TEST(TimeHelpers, MkgmtimeKnownValuesAndNormalisation) {
         {mk(2000, 0, 1, 0, 0, 86400 * 2), 946857600},  // seconds spill over into days
         {mk(2000, -1, 1, 0, 0, 0), 944006400},         // month -1 is December of 1999
     };
-    for (auto &c : cases) {
-        struct tm tm = c.tm;
-        EXPECT_EQ((long long)mkgmtime(&tm), c.expect);
-        struct tm ref;
-        time_t t = (time_t)c.expect;
-        ASSERT_TRUE(mtgmtime(&t, &ref));
-        EXPECT_EQ(tm.tm_year, ref.tm_year);
-        EXPECT_EQ(tm.tm_mon, ref.tm_mon);
-        EXPECT_EQ(tm.tm_mday, ref.tm_mday);
-        EXPECT_EQ(tm.tm_hour, ref.tm_hour);
-        EXPECT_EQ(tm.tm_wday, ref.tm_wday);
-        EXPECT_EQ(tm.tm_yday, ref.tm_yday);
-    }
+    for (auto &c : cases) EXPECT_EQ((long long)mkgmtime(&c.tm), c.expect);
 
-    // The result doesn't depend on the process's time zone, and it agrees
-    // with the C library's timegm on wildly out-of-range fields.
-    const char *oldtz = getenv("TZ");
-    std::string saved = oldtz ? oldtz : "";
-    setenv("TZ", "America/New_York", 1);
-    tzset();
+    // The result doesn't depend on the process's time zone; it and the
+    // normalised fields agree with the C library's timegm on wildly
+    // out-of-range fields, and mtgmtime gives those fields back.
+    testutil::ScopedTZ tz("America/New_York");
     std::mt19937 rng(7);
     auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
     for (int i = 0; i < 20000; i++) {
         struct tm a = mk(pick(1800, 2300), pick(-40, 40), pick(-400, 400), pick(-100, 100),
                          pick(-3000, 3000), pick(-200000, 200000));
-        struct tm b = a;
+        struct tm b = a, back;
         time_t ours = mkgmtime(&a);
-        time_t theirs = timegm(&b);
-        ASSERT_EQ((long long)ours, (long long)theirs) << "case " << i;
-        ASSERT_EQ(a.tm_mday, b.tm_mday);
-        ASSERT_EQ(a.tm_wday, b.tm_wday);
+        ASSERT_EQ((long long)ours, (long long)timegm(&b)) << "case " << i;
+        ASSERT_TRUE(mtgmtime(&ours, &back));
+        for (const struct tm *o : {&b, &back})
+            ASSERT_TRUE(a.tm_year == o->tm_year && a.tm_mon == o->tm_mon && a.tm_mday == o->tm_mday &&
+                        a.tm_hour == o->tm_hour && a.tm_min == o->tm_min && a.tm_sec == o->tm_sec &&
+                        a.tm_wday == o->tm_wday && a.tm_yday == o->tm_yday)
+                << "case " << i;
     }
-    if (oldtz)
-        setenv("TZ", saved.c_str(), 1);
-    else
-        unsetenv("TZ");
-    tzset();
 }
 
 TEST(Memory, CopiesAndExhaustion) {
-    char *a = xstrndup("abcdef", 3);
-    EXPECT_STREQ(a, "abc");
-    char *b = xstrdup("");
-    EXPECT_STREQ(b, "");
+    EXPECT_EQ("abc", testutil::take(xstrndup("abcdef", 3)));
     int *z = (int *)xcalloc(16, sizeof(int));
-    for (int i = 0; i < 16; i++) EXPECT_EQ(z[i], 0);
-    z = (int *)xrealloc(z, 1024 * sizeof(int));
-    z[1023] = 5;
-    free(a);
-    free(b);
-    free(z);
+    EXPECT_EQ(std::vector<int>(z, z + 16), std::vector<int>(16, 0));
+    free(xrealloc(z, 1024 * sizeof(int)));
 #if !defined(__SANITIZE_ADDRESS__)
     // An impossible request ends the process with status 75 and a message.
-    EXPECT_EXIT(
-        {
-            void *volatile p = xmalloc(SIZE_MAX / 2);
-            (void)p;
-        },
-        ::testing::ExitedWithCode(75), "Out of memory");
+    EXPECT_EXIT(free(xmalloc(SIZE_MAX / 2)), ::testing::ExitedWithCode(75), "Out of memory");
 #endif
 }

@@ -7,7 +7,12 @@
 #include <unistd.h>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <ftw.h>
+#include <regex.h>
+#include <sys/select.h>
+#include <time.h>
 
 #include <fstream>
 #include <sstream>
@@ -56,6 +61,7 @@ Instance::Instance(const std::string &extra_config) {
 }
 
 Instance::~Instance() {
+    if (storedPid_ > 0) stopStored();
     configmsg_reset();
     unsetenv("STORE_INSTANCEDIR");
 }
@@ -85,6 +91,69 @@ void StderrCapture::restore() {
     dup2(saved_, 2);
     close(saved_);
     saved_ = -1;
+}
+
+static int wait_status(int pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    if (WIFEXITED(st)) return WEXITSTATUS(st);
+    return 128 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0);
+}
+
+bool Instance::startStored() {
+    if (storedPid_ > 0) return true;
+    std::string bin = binary_dir() + "/bin/stored";
+    std::string ready = tmp_.path() + "/data/store/stored.ready";
+    std::string log = tmp_.path() + "/log/stored.out";
+    fflush(nullptr);
+    int pid = fork();
+    if (pid == 0) {
+        setenv("STORE_INSTANCEDIR", tmp_.path().c_str(), 1);
+        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+            close(fd);
+        }
+        execl(bin.c_str(), "stored", (char *)nullptr);
+        _exit(127);
+    }
+    if (pid < 0) return false;
+    storedPid_ = pid;
+    // Ready once the daemon holds the lock of its ready mark.
+    for (int i = 0; i < 600; i++) {
+        int st;
+        if (waitpid(pid, &st, WNOHANG) == pid) {
+            storedPid_ = -1;
+            storedStatus_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+            return false;
+        }
+        int fd = open(ready.c_str(), O_RDONLY);
+        if (fd >= 0) {
+            bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
+            if (!held) flock(fd, LOCK_UN);
+            close(fd);
+            if (held) return true;
+        }
+        usleep(50 * 1000);
+    }
+    killStored();
+    return false;
+}
+
+int Instance::stopStored() {
+    if (storedPid_ <= 0) return storedStatus_;
+    kill(storedPid_, SIGTERM);
+    storedStatus_ = wait_status(storedPid_);
+    storedPid_ = -1;
+    return storedStatus_;
+}
+
+void Instance::killStored() {
+    if (storedPid_ <= 0) return;
+    kill(storedPid_, SIGKILL);
+    storedStatus_ = wait_status(storedPid_);
+    storedPid_ = -1;
 }
 
 std::string source_dir() {
@@ -120,6 +189,81 @@ int run_command(const std::string &cmd, std::string *out, std::string *err) {
     if (st == -1) return -1;
     if (WIFEXITED(st)) return WEXITSTATUS(st);
     return 128 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0);
+}
+
+int wait_child(pid_t pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+std::vector<std::string> split_lines(const std::string &s) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < s.size()) {
+        size_t nl = s.find('\n', start);
+        if (nl == std::string::npos) {
+            lines.push_back(s.substr(start) + "<no newline>");
+            break;
+        }
+        lines.push_back(s.substr(start, nl - start));
+        start = nl + 1;
+    }
+    return lines;
+}
+
+bool matches(const std::string &re, const std::string &text) {
+    regex_t r;
+    if (regcomp(&r, re.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
+    bool ok = regexec(&r, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&r);
+    return ok;
+}
+
+std::string take(char *s) {
+    std::string r = s ? s : "<null>";
+    free(s);
+    return r;
+}
+
+int read_byte(int fd, int ms) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    struct timeval tv = {ms / 1000, (ms % 1000) * 1000};
+    if (select(fd + 1, &set, nullptr, nullptr, &tv) <= 0) return -1;
+    unsigned char c;
+    if (read(fd, &c, 1) != 1) return -1;
+    return c;
+}
+
+Pipe::Pipe() {
+    int p[2];
+    if (pipe(p) == 0) {
+        r = p[0];
+        w = p[1];
+    }
+}
+
+Pipe::~Pipe() {
+    if (r >= 0) close(r);
+    if (w >= 0) close(w);
+}
+
+ScopedTZ::ScopedTZ(const char *tz) {
+    const char *old = getenv("TZ");
+    had_ = old != nullptr;
+    if (old) old_ = old;
+    setenv("TZ", tz, 1);
+    tzset();
+}
+
+ScopedTZ::~ScopedTZ() {
+    if (had_)
+        setenv("TZ", old_.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
 }
 
 }  // namespace testutil

@@ -1,0 +1,204 @@
+// Helpers shared by the store modules; see storeutil.h.
+#include "store/storeutil.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "support/config.h"
+#include "support/log.h"
+#include "support/strutil.h"
+#include "support/timeutil.h"
+#include "support/xmalloc.h"
+
+#define PARTITION_FILE "store.parts"
+
+char *store_canonifyid(char *id)
+{
+    if (!id) return id;
+    char *at = strrchr(id, '@');
+    if (!at) return id;
+    const char *defdomain = config_get_string(nullptr, "service.defaultdomain", nullptr);
+    if (defdomain && *defdomain && strcasecmp(defdomain, at + 1) == 0)
+        *at = '\0';
+    else
+        lcase(at + 1);
+    return id;
+}
+
+char *store_canonifymboxname(char *name)
+{
+    if (!name || strncmp(name, "user/", 5) != 0) return name;
+    char *id = name + 5;
+    char *slash = strchr(id, '/');
+    if (!slash) {
+        store_canonifyid(id);
+        return name;
+    }
+    *slash = '\0';
+    store_canonifyid(id);
+    size_t idlen = strlen(id);
+    char *rest = slash + 1;
+    id[idlen] = '/';
+    if (id + idlen + 1 != rest) memmove(id + idlen + 1, rest, strlen(rest) + 1);
+    return name;
+}
+
+int store_isInbox(const char *name)
+{
+    if (!name || strncmp(name, "user/", 5) != 0) return 0;
+    const char *slash = strchr(name + 5, '/');
+    return !slash || strcmp(slash, "/INBOX") == 0;
+}
+
+char *store_time2str(time_t t, const char *format, char *buf, size_t size)
+{
+    if (!buf || size == 0) return buf;
+    struct tm tm;
+    if (!mtlocaltime(&t, &tm) || strftime(buf, size, format, &tm) == 0) buf[0] = '\0';
+    return buf;
+}
+
+static uint32_t kilobytes(double bytes)
+{
+    double kb = bytes / 1024.0;
+    if (kb >= 4294967295.0) return 0xFFFFFFFFu;
+    return kb > 0 ? (uint32_t)kb : 0;
+}
+
+int store_getpathinfo(const char *path, uint32_t *total, uint32_t *free_kb)
+{
+    *total = 0;
+    *free_kb = 0;
+    char *work = xstrdup(path ? path : "");
+    struct stat st;
+    while (stat(work, &st) != 0) {
+        char *slash = strrchr(work, '/');
+        char *bslash = strrchr(work, '\\');
+        char *cut = bslash && (!slash || bslash > slash) ? bslash : slash;
+        if (!cut) break;
+        // An absolute path keeps its root directory.
+        if (cut == work && *cut == '/') {
+            if (work[1] == '\0') break;
+            cut++;
+        }
+        *cut = '\0';
+    }
+    struct statvfs vfs;
+    int rc = statvfs(work, &vfs);
+    free(work);
+    if (rc != 0) {
+        svclog(0, 3, "storeutil_getpathinfo(%s) return (%s)", path ? path : "", strerror(errno));
+        return -1;
+    }
+    *total = kilobytes((double)vfs.f_frsize * (double)vfs.f_blocks);
+    *free_kb = kilobytes((double)vfs.f_frsize * (double)vfs.f_bavail);
+    return 0;
+}
+
+static char *partition_file(const char *suffix)
+{
+    const char *root = configmsg_getconfigroot();
+    if (!root) return nullptr;
+    size_t n = strlen(root) + sizeof(PARTITION_FILE) + strlen(suffix) + 1;
+    char *path = (char *)xmalloc(n);
+    snprintf(path, n, "%s/%s%s", root, PARTITION_FILE, suffix);
+    return path;
+}
+
+int store_readpartitionId(char ***names)
+{
+    *names = nullptr;
+    char *path = partition_file("");
+    if (!path) return -1;
+    FILE *f = fopen(path, "re");
+    free(path);
+    if (!f) return -1;
+
+    char first[1024];
+    int announced = fgets(first, sizeof first, f) ? atoi(first) : 0;
+    if (announced <= 0) {
+        fclose(f);
+        return 0;
+    }
+
+    // The array grows with the lines read, so a wild count in a damaged
+    // file costs nothing before the names run out.
+    int have = 0, room = announced < 64 ? announced : 64;
+    char **list = (char **)xmalloc((size_t)room * sizeof *list);
+    char *line = nullptr;
+    size_t linesize = 0;
+    while (have < announced) {
+        ssize_t len = getline(&line, &linesize, f);
+        if (len < 0) break;
+        if (len > 0 && line[len - 1] == '\n') line[--len] = '\0';
+        if (have == room) {
+            room = room > announced / 2 ? announced : room * 2;
+            list = (char **)xrealloc(list, (size_t)room * sizeof *list);
+        }
+        list[have++] = xstrndup(line, (size_t)len);
+    }
+    free(line);
+    fclose(f);
+
+    if (have < announced) {
+        // A short table gives no names at all: ids would be wrong.
+        store_freepartition(list, have);
+        return 0;
+    }
+    *names = list;
+    return have;
+}
+
+int store_writepartitionId(const char **names, int count)
+{
+    if (count < 0) count = 0;
+    if (count > 1) qsort(names, (size_t)count, sizeof *names, compare_names);
+    char *path = partition_file("");
+    char *tmp = partition_file(".new");
+    if (!path || !tmp) {
+        free(path);
+        free(tmp);
+        return -1;
+    }
+    int rc = -1;
+    FILE *f = fopen(tmp, "we");
+    if (f) {
+        int bad = fprintf(f, "%d\n", count) < 0;
+        for (int i = 0; i < count && !bad; i++) bad = fprintf(f, "%s\n", names[i]) < 0;
+        if (fflush(f) != 0) bad = 1;
+        if (fclose(f) != 0) bad = 1;
+        if (!bad && rename(tmp, path) == 0)
+            rc = 0;
+        else
+            unlink(tmp);
+    }
+    free(path);
+    free(tmp);
+    return rc;
+}
+
+int compare_names(const void *a, const void *b)
+{
+    return strcasecmp(*(const char *const *)a, *(const char *const *)b);
+}
+
+int store_partitionId(const char *const *names, int count, const char *name)
+{
+    if (!names || count <= 0 || !name) return -1;
+    const char *const *hit =
+        (const char *const *)bsearch(&name, names, (size_t)count, sizeof *names, compare_names);
+    return hit ? (int)(hit - names) : -1;
+}
+
+void store_freepartition(char **names, int count)
+{
+    if (!names) return;
+    for (int i = 0; i < count; i++) free(names[i]);
+    free(names);
+}
