@@ -7,6 +7,7 @@
 // the file is a 32-bit word that a damaged file may set to anything, and
 // sums of such words must neither wrap nor lead a read outside the map.
 #include "store/mailbox.h"
+#include "store/mboxlist.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -805,12 +806,13 @@ int mailbox_convertfromv1(struct mailbox *mailbox) {
         goto done;
     }
 
-    // Folder database step, not made yet: the folder's row in the folder
-    // database holds a copy of mbd and gets the new summary here, before
-    // the rename, through mboxlist_updatedata(mailbox, 0); its failure is
-    // logged as "Unable to update mboxlist for %s: %m" at level 58 and gives
-    // IMAP_IOERROR. The call belongs here once the folder database module
-    // provides it.
+    // The folder's row holds a copy of mbd: it gets the new summary before
+    // the new file takes the place of the old one.
+    if (mboxlist_updatedata(mailbox, 0) != 0) {
+        svclog(nullptr, 58, "Unable to update mboxlist for %s: %m", mbname(mailbox));
+        r = IMAP_IOERROR;
+        goto done;
+    }
 
     if (rename(newpath, idxpath) < 0) {
         svclog(nullptr, 58, "Unable to rename index file for %s: %m", mbname(mailbox));

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "store/imap_err.h"
+#include "store/mailbox_create.h"
 #include "store/mboxlist.h"
 #include "store/mboxname.h"
 #include "store/storeassert.h"
@@ -29,14 +30,6 @@
 #include "support/log.h"
 #include "support/map.h"
 #include "support/xmalloc.h"
-
-// Record slots of a new index, and the initial end of its variable header.
-#define NEW_INDEX_SLOTS 100
-#define NEW_INDEX_START 256
-
-// Longest folder directory that a create accepts: the directory and the
-// longest file name in it must fit a path buffer of MAX_MAILBOX_PATH.
-#define CREATE_PATH_SLACK 16
 
 // The sync levels are read at the first open of the process.
 static PRCallOnceType loaded_config;
@@ -300,74 +293,36 @@ static int index_missing(const struct mailbox *mailbox) {
 }
 
 // ---------------------------------------------------------------------------
-// Creating the index of a folder that has a row and no files
+// Opening
 
-// Makes the directories and an empty "store.idx" at the current version
-// for a handle that holds name, partition, directories and ACL (and no
-// file), and reads it back under the handle's open mode. IMAP_MAILBOX_EXISTS
-// if another process made the file first; other failures leave no file.
-static int create_index(struct mailbox *mailbox) {
-    static const struct index_record empty_slots[NEW_INDEX_SLOTS] = {};
-
-    if (strlen(mailbox->path) + CREATE_PATH_SLACK > MAX_MAILBOX_PATH) return IMAP_MAILBOX_BADNAME;
-    int r = mailbox_makedirs(mailbox->path);
-    if (r == 0 && mailbox->mpath != mailbox->path) r = mailbox_makedirs(mailbox->mpath);
-    if (r) return r;
-
-    char path[PATH_MAX];
-    int fd = -1;
-    if (folder_file(mailbox, "store.idx", path) == 0) {
-        // No truncation: a file that a racing process filled must stay.
-        do {
-            fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        } while (fd < 0 && errno == EINTR);
+// Creates the files of the folder that the handle names (name, partition,
+// directories and ACL filled in, no file open) at the current version,
+// and writes its row, which then shows that version. The handle ends open
+// on the new file, for the caller's mode and rights. IMAP_MAILBOX_EXISTS
+// if another process made the folder first: the handle is then as it came
+// in. Any other failure closes the handle.
+static int create_folder(struct mailbox *mailbox, unsigned mode, const struct auth_state *auth) {
+    struct mailbox named = *mailbox;
+    *mailbox = zeromailbox;
+    int r = mailbox_create(named.name, named.partition, named.path,
+                           named.mpath != named.path ? named.mpath : nullptr, named.acl,
+                           MAILBOX_VERSION, mailbox, 0);
+    if (r == IMAP_MAILBOX_EXISTS) {
+        mailbox_close(mailbox);
+        *mailbox = named;
+        return r;
     }
-    if (fd < 0) {
-        svclog(nullptr, 59, "Unable to create index for %s: %m", mbname(mailbox));
-        return IMAP_IOERROR;
-    }
-    if (lock_blocking(fd) < 0) {
-        svclog(nullptr, 58, "Unable to lock index for %s: %m", mbname(mailbox));
-        close(fd);
-        return IMAP_IOERROR;
-    }
-    struct stat st;
-    if (fstat(fd, &st) < 0 || st.st_size != 0) {
-        lock_unlock(fd);
-        close(fd);
-        return IMAP_MAILBOX_EXISTS;
-    }
-
-    memset(&mailbox->mbd, 0, sizeof mailbox->mbd);
-    memset(&mailbox->hdr, 0, sizeof mailbox->hdr);
-    mailbox->mbd.version = MAILBOX_VERSION;
-    mailbox->mbd.uidvalidity = (uint32_t)time(nullptr);
-    mailbox->hdr.start_offset = NEW_INDEX_START;
-    mailbox->hdr.cache_offset = NEW_INDEX_START + NEW_INDEX_SLOTS * INDEX_RECORD_SIZE;
-    mailbox->index_fd = fd;
-    mailbox->index_lock_count = 1;
-
-    // The fixed header first: a crash before the slots are written leaves
-    // a file that the reader extends with zeros.
-    r = mailbox_write_index_fixed_header(mailbox);
-    // A long ACL moves start_offset and cache_offset, the gap stays.
-    if (r == 0) r = mailbox_write_index_variable_header(mailbox);
-    if (r == 0) r = mailbox_append_index(mailbox, empty_slots, 1, NEW_INDEX_SLOTS);
+    mailbox_close(&named);
     if (r) {
-        // Removed while still locked, so that no other process starts on it.
-        char newpath[PATH_MAX];
-        unlink(path);
-        if (folder_file(mailbox, "index.new", newpath) == 0) unlink(newpath);
+        mailbox_close(mailbox);
+        return r;
     }
-    mailbox_unlock_index(mailbox);
-
-    if (r == 0) r = mailbox_read_index_fixed_header(mailbox);
-    if (r) drop_file(mailbox);
+    mailbox->open_mode = mode;
+    mailbox->myrights = (unsigned long)acl_myrights(auth, mailbox->acl);
+    r = mboxlist_updatedata(mailbox, 0);
+    if (r) mailbox_close(mailbox);
     return r;
 }
-
-// ---------------------------------------------------------------------------
-// Opening
 
 int mailbox_open_path(const char *name, unsigned mode, const char *partition, const char *path,
                       const char *mpath, const char *acl, const struct auth_state *auth,
@@ -444,14 +399,10 @@ int mailbox_open(const char *name, unsigned mode, const struct auth_state *auth,
     // of a folder that so far has only its row, or a folder that lost its
     // files. A repair looks at what is there and creates nothing.
     if (!(mode & OPEN_REPAIR) && index_missing(mailbox)) {
-        r = create_index(mailbox);
-        if (r == 0) r = mboxlist_updatedata(mailbox, 0);
+        r = create_folder(mailbox, mode, auth);
         // IMAP_MAILBOX_EXISTS: another process made it first, and it is
         // opened below like any other.
-        if (r != IMAP_MAILBOX_EXISTS) {
-            if (r) mailbox_close(mailbox);
-            return r;
-        }
+        if (r != IMAP_MAILBOX_EXISTS) return r;
     }
 
     r = mailbox_reopen_index(mailbox);

@@ -104,7 +104,10 @@ const char *const *auth_getgroups(const struct auth_state *state);
 
 // The rights mask that acl gives the state: the union of the positive
 // entries whose identifier counts for it, less the union of its negative
-// entries. auth_dontCheckAcl gives ACL_ALL; a null acl gives 0.
+// entries. A site administrator and auth_dontCheckAcl hold ACL_ALL on
+// every folder; a tenant administrator holds what the ACL gives it (its
+// power over its domain's folders is asked through auth_adminFor). A null
+// state counts as "anyone"; a null acl gives nothing.
 int acl_myrights(const struct auth_state *state, const char *acl);
 
 // The mask of a rights text; unknown letters are ignored.

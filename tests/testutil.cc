@@ -3,9 +3,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -264,6 +266,40 @@ ScopedTZ::~ScopedTZ() {
     else
         unsetenv("TZ");
     tzset();
+}
+
+std::string crlf(const std::string &s) {
+    std::string out;
+    out.reserve(s.size() + s.size() / 16);
+    for (char c : s) {
+        if (c == '\n') out += '\r';
+        out += c;
+    }
+    return out;
+}
+
+std::string be32(std::initializer_list<uint32_t> words) {
+    std::string out;
+    for (uint32_t w : words) {
+        uint32_t n = htonl(w);
+        out.append(reinterpret_cast<const char *>(&n), 4);
+    }
+    return out;
+}
+
+uint32_t be32_at(const std::string &s, size_t off) {
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(s.data()) + off;
+    return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | p[3];
+}
+
+off_t file_size(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+bool file_exists(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
 }
 
 }  // namespace testutil

@@ -2,10 +2,13 @@
 #ifndef TESTS_TESTUTIL_H
 #define TESTS_TESTUTIL_H
 
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -135,6 +138,18 @@ class ScopedTZ {
     bool had_ = false;
     std::string old_;
 };
+
+// s with every "\n" turned into "\r\n".
+std::string crlf(const std::string &s);
+
+// The words in network byte order, one behind the other.
+std::string be32(std::initializer_list<uint32_t> words);
+// The network-order word at byte off of s (which must hold 4 bytes there).
+uint32_t be32_at(const std::string &s, size_t off);
+
+// The size of a file, or -1 if stat fails.
+off_t file_size(const std::string &path);
+bool file_exists(const std::string &path);
 
 }  // namespace testutil
 

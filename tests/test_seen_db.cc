@@ -1,0 +1,425 @@
+// Per-user flag records of "peruser.db": the record text, the locked
+// read-modify-write of one pair of folder and user (also between
+// processes), folder create, delete and copy, the range form with its
+// lookups, and the rebuild from "store.usr".
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "store/mailbox.h"
+#include "store/mboxlist.h"
+#include "store/seen_db.h"
+#include "support/config.h"
+#include "support/lock.h"
+#include "tests/testutil.h"
+
+using testutil::Instance;
+using testutil::take;
+
+namespace {
+
+DBT dbt_of(const std::string &s) {
+    DBT d;
+    memset(&d, 0, sizeof(d));
+    d.data = const_cast<char *>(s.data());
+    d.size = (uint32_t)s.size();
+    d.flags = DB_DBT_READONLY;
+    return d;
+}
+
+// An open folder as the records see it: name, directory, last_uid, exists.
+struct Folder {
+    Folder(const std::string &n, const std::string &dir, uint32_t last_uid, uint32_t exists = 0)
+        : name(n), path(dir) {
+        mb = zeromailbox;
+        mb.name = const_cast<char *>(name.c_str());
+        mb.path = const_cast<char *>(path.c_str());
+        mb.mbd.last_uid = last_uid;
+        mb.mbd.exists = exists;
+    }
+    std::string name, path;
+    struct mailbox mb;
+};
+
+// The stored value of a key, or "<none>".
+std::string raw(const std::string &k) {
+    DBT key = dbt_of(k), data;
+    memset(&data, 0, sizeof(data));
+    data.flags = DB_DBT_MALLOC;
+    int r = userflagdb->get(userflagdb, nullptr, &key, &data, 0);
+    std::string v = r == 0 ? std::string(static_cast<char *>(data.data), data.size) : "<none>";
+    free(data.data);
+    return v;
+}
+
+std::string word(uint32_t v) { return std::string(reinterpret_cast<const char *>(&v), 4); }
+
+void raw_put(const std::string &k, const std::string &v) {
+    DBT key = dbt_of(k), data = dbt_of(v);
+    int r;
+    do {
+        DB_TXN *txn;
+        ASSERT_EQ(mboxlist_trans_setup(&txn, "test", k.c_str()), 0);
+        r = mboxlist_trans_finish(txn, userflagdb->put(userflagdb, txn, &key, &data, 0));
+    } while (r == DB_LOCK_DEADLOCK);
+    ASSERT_EQ(r, 0);
+}
+
+// The keys that begin with prefix, in database order.
+std::vector<std::string> keys(const std::string &prefix) {
+    std::vector<std::string> out;
+    DBC *c;
+    if (userflagdb->cursor(userflagdb, nullptr, &c, 0) != 0) return out;
+    DBT k, v;
+    memset(&k, 0, sizeof(k));
+    memset(&v, 0, sizeof(v));
+    k.flags = v.flags = DB_DBT_MALLOC;
+    while (c->c_get(c, &k, &v, DB_NEXT) == 0) {
+        std::string key(static_cast<char *>(k.data), k.size);
+        if (key.compare(0, prefix.size(), prefix) == 0) out.push_back(key);
+        free(k.data);
+        free(v.data);
+    }
+    c->c_close(c);
+    return out;
+}
+using Keys = std::vector<std::string>;
+
+// What seen_lockread gives: "rc lastread recentuid lastchange|text".
+std::string lockread(struct seen *h) {
+    time_t lastread = 99, lastchange = 99;
+    unsigned recent = 99;
+    char *text = nullptr;
+    int rc = seen_lockread(h, &lastread, &recent, &lastchange, &text);
+    return std::to_string(rc) + " " + std::to_string(lastread) + " " + std::to_string(recent) +
+           " " + std::to_string(lastchange) + "|" + take(text);
+}
+
+using RangeList = std::vector<std::pair<uint32_t, uint32_t>>;
+const std::pair<uint32_t, uint32_t> kEnd(SEEN_RANGE_END, SEEN_RANGE_END);
+RangeList ranges(const seen_range *a, int n) {
+    RangeList v;
+    for (int i = 0; a && i < n; i++) v.emplace_back(a[i].low, a[i].high);
+    return v;
+}
+
+// Joins the store as a short-lived program does, in a forked child.
+void join_store(const char *name) {
+    configmsg_reset();
+    if (configmsg_init(nullptr, 16, name) != 0 || configmsg_initlog(nullptr, name) != 0) _exit(90);
+    if (mboxlist_init() != 0) _exit(91);
+}
+
+// A store recovered and opened by this process, as the daemon would.
+class SeenStore : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(configmsg_init(nullptr, 16, "seentest"), 0);
+        ASSERT_EQ(configmsg_initlog(nullptr, "seentest"), 0);
+        ASSERT_EQ(mboxlist_recover(), 0);
+    }
+    void TearDown() override { mboxlist_reset_for_tests(); }
+    std::string dir(const std::string &rel) {
+        std::string d = inst.path("partitions/primary/" + rel);
+        testutil::run_command("mkdir -p '" + d + "'");
+        return d;
+    }
+    Instance inst;
+};
+
+}  // namespace
+
+TEST_F(SeenStore, RecordTextAndLockedReadWrite) {
+    Folder f("user/bob/a", dir("bob/a"), 20);
+    struct seen *h = nullptr;
+    ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
+    EXPECT_EQ(raw("user/bob/a"), word(1));  // no record, no "store.usr": made new
+
+    // A user without a record: zeros and two empty lists.
+    EXPECT_EQ(lockread(h), "0 0 0 0| ");
+    EXPECT_EQ(f.mb.peruser_lock_count, 1u);
+
+    time_t before = time(nullptr);
+    ASSERT_EQ(seen_write(h, 5, 3, 9, "1:3,7 "), 0);
+    EXPECT_EQ(raw("user/bob/a\tfred"), "5 3 9 1:3,7 ");  // no terminators anywhere
+    EXPECT_EQ(raw(std::string("user/bob/a\tfred\0", 16)), "<none>");
+    std::string stamp = raw("user/bob/a");
+    ASSERT_EQ(stamp.size(), 4u);
+    uint32_t t;
+    memcpy(&t, stamp.data(), 4);
+    EXPECT_GE(t, (uint32_t)before);
+    EXPECT_LE(t, (uint32_t)time(nullptr));
+
+    // The mutex stays held: a second read must not take it again.
+    EXPECT_EQ(lockread(h), "0 5 3 9|1:3,7 ");
+    seen_unlock(h);
+    EXPECT_EQ(f.mb.peruser_lock_count, 0u);
+    seen_close(h);
+
+    // The text is the two lists and the white space between them only; a
+    // record cut short is read within its size.
+    raw_put("user/bob/a\tjoe", "12 4 4000000001 ,,2:4,9 ,5:6 tail\nmore");
+    ASSERT_EQ(seen_open(&f.mb, "joe", &h), 0);
+    EXPECT_EQ(lockread(h), "0 12 4 4000000001|,,2:4,9 ,5:6");
+    raw_put("user/bob/a\tjoe", "7 1");
+    EXPECT_EQ(lockread(h), "0 7 1 0|");
+    seen_close(h);
+}
+
+TEST_F(SeenStore, MutexIsPerPairAndReleasedByClose) {
+    Folder f("user/bob/a", dir("bob/a"), 20);
+    struct seen *h;
+    ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
+    ASSERT_EQ(seen_lockread(h, nullptr, nullptr, nullptr, nullptr), 0);
+
+    // Another process asks for the mutex of a pair by its name and says on
+    // the pipe when it has it.
+    auto contender = [](testutil::Pipe &p, const char *name) {
+        return testutil::spawn([&p, name]() {
+            db_globalmutex *m = db_globalmutex_open(name);
+            if (db_globalmutex_hold(m) != 0 || write(p.w, "x", 1) != 1) return 1;
+            db_globalmutex_close(m);
+            return 0;
+        });
+    };
+    testutil::Pipe other, same;
+    pid_t o = contender(other, "user/bob/a\tjoe peruser");
+    EXPECT_EQ(testutil::read_byte(other.r, 5000), 'x');  // another user: no wait
+    EXPECT_EQ(testutil::wait_child(o), 0);
+
+    pid_t s = contender(same, "user/bob/a\tfred peruser");
+    EXPECT_EQ(testutil::read_byte(same.r, 400), -1);
+    seen_close(h);  // without seen_unlock
+    EXPECT_EQ(f.mb.peruser_lock_count, 0u);
+    int got = testutil::read_byte(same.r, 5000);
+    EXPECT_EQ(got, 'x');
+    if (got != 'x') kill(s, SIGKILL);
+    EXPECT_EQ(testutil::wait_child(s), 0);
+}
+
+TEST_F(SeenStore, RangesAndLookups) {
+    Folder f("user/bob/a", dir("bob/a"), 20);
+    PerUserFlags fl;
+    ASSERT_EQ(getPerUserFlags(&f.mb, "nobody", &fl), 0);  // never used
+    EXPECT_EQ(ranges(fl.seen, fl.nseen), RangeList({kEnd}));
+    EXPECT_EQ(fl.deleted, nullptr);
+    EXPECT_FALSE(isSeen(&fl, 1) || isDeleted(&fl, 1) || isSeen(&fl, SEEN_RANGE_END));
+    freeUserFlags(&fl);
+
+    // Leading and doubled commas, and a ":" without a high end, are
+    // skipped; a garbled list keeps what came before the bad place and
+    // says where.
+    const std::string w = "warning: user/bob/a ";
+    const struct {
+        const char *stored;
+        RangeList seen, deleted;
+        std::string logged;
+    } cases[] = {
+        {"5 3 9 1:3,7 ", {{1, 3}, {7, 7}, kEnd}, {}, ""},  // an empty list: no array
+        {"5 3 9 ,,2:4,,9,11: ,5:6", {{2, 4}, {9, 9}, {11, 11}, kEnd}, {{5, 6}, kEnd}, ""},
+        {"0 0 0 1,5,3,8 ", {{1, 1}, {5, 5}, kEnd}, {}, w + "peruser flags out of order: 3,8"},
+        {"0 0 0 1,2:500 ", {{1, 1}, kEnd}, {}, w + "invalid sequence in peruser flags: 2:500"},
+        {"0 0 0 6:3 ", {kEnd}, {}, w + "invalid sequence in peruser flags: 6:3"},
+        {"0 0 0 1,x,3 ", {{1, 1}, kEnd}, {}, w + "invalid peruser flags: x,3"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.stored);
+        raw_put("user/bob/a\tfred", c.stored);
+        ASSERT_EQ(getPerUserFlags(&f.mb, "fred", &fl), 0);
+        EXPECT_EQ(std::to_string(fl.lastread) + " " + std::to_string(fl.recentuid) + " " +
+                      std::to_string(fl.lastchange),
+                  std::string(c.stored).substr(0, 5));
+        EXPECT_EQ(ranges(fl.seen, fl.nseen), c.seen);
+        EXPECT_EQ(ranges(fl.deleted, fl.ndeleted), c.deleted);
+        freeUserFlags(&fl);
+        EXPECT_TRUE(fl.seen == nullptr && fl.nseen == 0);
+        std::string log = testutil::read_file(inst.path("log/store.log"));
+        EXPECT_NE(log.find(c.logged), std::string::npos) << c.logged;
+    }
+    seen_range *arr = nullptr;
+    int n = -5;
+    EXPECT_EQ(scanFlags("", &arr, &n, &f.mb), nullptr);
+    EXPECT_TRUE(arr == nullptr && n == -5);
+
+    // Far more ranges than messages: the array grows, and the lookups are
+    // right at both ends of every range.
+    Folder big("user/bob/big", dir("bob/big"), 20000, 10);
+    std::string seen, del;
+    for (int i = 0; i < 1000; i++) {
+        seen += (i ? "," : "") + std::to_string(10 * i + 1) + ":" + std::to_string(10 * i + 5);
+        del += (i ? "," : "") + std::to_string(7 * i + 3);
+    }
+    raw_put("user/bob/big\tfred", "1 2 3 " + seen + " " + del);
+    ASSERT_EQ(getPerUserFlags(&big.mb, "fred", &fl), 0);
+    ASSERT_TRUE(fl.nseen == 1001 && fl.ndeleted == 1001);
+    for (uint32_t uid = 0; uid <= 10010; uid++) {
+        ASSERT_EQ(isSeen(&fl, uid), uid >= 1 && uid <= 9995 && (uid - 1) % 10 < 5) << uid;
+        ASSERT_EQ(isDeleted(&fl, uid), uid >= 3 && uid <= 6996 && (uid - 3) % 7 == 0) << uid;
+    }
+    freeUserFlags(&fl);
+}
+
+TEST_F(SeenStore, CreateDeleteAndCopy) {
+    Folder a("user/bob/a", dir("bob/a"), 20), ab("user/bob/ab", dir("bob/ab"), 20);
+    ASSERT_EQ(seen_create(&a.mb), 0);
+    EXPECT_EQ(raw("user/bob/a"), word(1));
+    raw_put("user/bob/a\tbob", "1 2 3 1:2 ");
+    raw_put("user/bob/a\tbobby", "7 8 9  ");
+    raw_put("user/bob/ab", word(1));
+    raw_put("user/bob/ab\tbob", "1 1 1 1 ");
+    raw_put("user/bob/a/b\tbob", "2 2 2 2 ");
+
+    auto copy = [](Folder &from, Folder &to, int rename_user, const char *o, const char *n) {
+        int r;
+        do {
+            DB_TXN *txn;
+            if (mboxlist_trans_setup(&txn, "rename", from.name.c_str())) return -1;
+            r = mboxlist_trans_finish(txn, seen_copy(txn, &from.mb, &to.mb, rename_user, o, n));
+        } while (r == DB_LOCK_DEADLOCK);
+        return r;
+    };
+    // The owner's own record follows the user rename; "bobby" is no "bob".
+    Folder carol("user/carol/a", dir("carol/a"), 20), dave("user/dave/a", dir("dave/a"), 20);
+    ASSERT_EQ(copy(a, carol, 1, "bob", "carol"), 0);
+    EXPECT_EQ(keys("user/carol/"),
+              Keys({"user/carol/a", "user/carol/a\tbobby", "user/carol/a\tcarol"}));
+    EXPECT_EQ(raw("user/carol/a"), word(1));
+    EXPECT_EQ(raw("user/carol/a\tcarol"), "1 2 3 1:2 ");
+    EXPECT_EQ(raw("user/bob/a\tbob"), "1 2 3 1:2 ");  // the source stays
+    ASSERT_EQ(copy(a, dave, 0, "bob", "dave"), 0);
+    EXPECT_EQ(keys("user/dave/"), Keys({"user/dave/a", "user/dave/a\tbob", "user/dave/a\tbobby"}));
+    raw_put("user/bob/a", word(77));
+    ASSERT_EQ(copy(a, a, 1, "bob", "carol"), 0);  // onto itself: nothing
+    EXPECT_EQ(raw("user/bob/a"), word(77));
+    EXPECT_EQ(keys("user/bob/a\t").size(), 2u);
+
+    // Delete takes the folder with its users, not its neighbours, and the
+    // checkpoint file only when asked.
+    testutil::write_file(a.path + "/store.usr", "bob\t1 2 3 1:2 \n");
+    testutil::write_file(ab.path + "/store.usr", "bob\t1 1 1 1 \n");
+    ASSERT_EQ(seen_delete(&a.mb, 1), 0);
+    EXPECT_EQ(keys("user/bob/"), Keys({"user/bob/a/b\tbob", "user/bob/ab", "user/bob/ab\tbob"}));
+    EXPECT_FALSE(testutil::file_exists(a.path + "/store.usr"));
+    ASSERT_EQ(seen_delete(&ab.mb, 0), 0);
+    EXPECT_EQ(keys("user/bob/ab"), Keys());
+    EXPECT_TRUE(testutil::file_exists(ab.path + "/store.usr"));
+    EXPECT_EQ(seen_delete(&a.mb, 1), 0);  // nothing left: no failure
+    EXPECT_EQ(keys("user/carol/").size(), 3u);
+}
+
+TEST_F(SeenStore, RebuildFromCheckpointFile) {
+    Folder f("user/bob/r", dir("bob/r"), 50);
+    testutil::write_file(f.path + "/store.usr",
+                         "fred\t5 3 9 1:3,7 \n"
+                         "no tab here 1 2 3\n"
+                         "joe\t1 2 3 1:2:3,0,60 ,4\n"
+                         "gone\t1 99 3  \n"  // recentuid above last_uid
+                         "last\t1 2 3  ");   // no line feed
+    struct seen *h;
+    ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
+    seen_close(h);
+    EXPECT_EQ(keys("user/bob/r"), Keys({"user/bob/r", "user/bob/r\tfred", "user/bob/r\tjoe"}));
+    EXPECT_EQ(raw("user/bob/r"), word(0));
+    EXPECT_EQ(raw("user/bob/r\tfred"), "5 3 9 1:3,7 ");
+    EXPECT_EQ(raw("user/bob/r\tjoe"), "1 2 3 1:2,3 4");
+}
+
+TEST(SeenFixdata, RepairsAndRemovals) {
+    const char *cases[][2] = {
+        // value, repaired text ("=": good as it is, "-": removed)
+        {"5 3 9 1:3,7 4:6", "="},       {"5 3 9  ", "="},
+        {"1 2 3 3:99 ", "1 2 3 3 "},    {"1 2 3 1:2:3 ", "1 2 3 1:2,3 "},
+        {"1 2 3 7,0,9 ", "1 2 3 7,9 "}, {"1 2 3 ,5 8: junk", "1 2 3 5 8"},
+        {"1 2 3 1:3", "-"},             {"1 2 3 1x 4", "-"},
+        {"1 51 3 1 ", "-"},             {"1 2 3", "-"},
+    };
+    for (const auto &c : cases) {
+        char *out = nullptr;
+        int r = seen_fixdata(&out, c[0], c[0] + strlen(c[0]), 50, 1000000, 0, 0, "u", nullptr,
+                             nullptr);
+        std::string want = c[1];
+        EXPECT_EQ(r, want == "=" ? 0 : 1) << c[0];
+        EXPECT_EQ(take(out), want == "=" || want == "-" ? "<null>" : want) << c[0];
+    }
+
+    // A clock far ahead counts as now for the age tests, and stays.
+    std::vector<std::string> active;
+    auto cb = [](void *r, const char *u) { static_cast<Keys *>(r)->push_back(u); };
+    const time_t now = 1000000;
+    const char *future = "2000000 1 1 1 ", *old = "500 1 1 1 ";
+    char *out = nullptr;
+    EXPECT_EQ(
+        seen_fixdata(&out, future, future + 14, 50, now, now - 1, now - 10, "ann", cb, &active), 0);
+    EXPECT_EQ(seen_fixdata(&out, old, old + 10, 50, now, 500, 501, "bea", cb, &active), 1);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(seen_fixdata(&out, old, old + 10, 50, now, 499, 500, "cid", cb, &active), 0);
+    EXPECT_EQ(active, Keys({"ann", "cid"}));
+}
+
+TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
+    Instance inst;
+    ASSERT_TRUE(inst.startStored()) << testutil::read_file(inst.path("log/stored.out"));
+    const int rounds = 150;
+    const std::string path = inst.path("partitions/primary/share/inbox");
+
+    // Each writer adds its own uids, one read-modify-write at a time.
+    pid_t pids[2];
+    for (int w = 0; w < 2; w++) {
+        pids[w] = testutil::spawn([&, w]() {
+            join_store(w ? "writer-b" : "writer-a");
+            Folder f("user/share/inbox", path, 2 * rounds);
+            for (int i = 0; i < rounds; i++) {
+                struct seen *h;
+                time_t lastread, lastchange;
+                unsigned recent;
+                char *text = nullptr;
+                seen_open(&f.mb, "pat", &h);
+                if (seen_lockread(h, &lastread, &recent, &lastchange, &text) != 0) return 11;
+                // The seen list, kept ascending, gets this round's uid.
+                std::string t = take(text), list;
+                size_t blank = t.find(' ');
+                if (blank == std::string::npos) return 12;
+                std::set<unsigned long> uids = {(unsigned long)(2 * i + 1 + w)};
+                for (const char *p = t.c_str(); *p && *p != ' '; p += *p == ',')
+                    uids.insert(strtoul(p, const_cast<char **>(&p), 10));
+                for (unsigned long u : uids) list += (list.empty() ? "" : ",") + std::to_string(u);
+                t.replace(0, blank, list);
+                usleep(200);  // widen the window between read and write
+                if (seen_write(h, lastread, recent, time(nullptr), t.c_str()) != 0) return 13;
+                seen_close(h);
+            }
+            mboxlist_close();
+            return 0;
+        });
+    }
+    for (pid_t p : pids) EXPECT_EQ(testutil::wait_child(p), 0);
+
+    // A fresh reader finds every uid of both writers.
+    testutil::Pipe pipe;
+    pid_t reader = testutil::spawn([&]() {
+        join_store("reader");
+        Folder f("user/share/inbox", path, 2 * rounds);
+        PerUserFlags fl;
+        if (getPerUserFlags(&f.mb, "pat", &fl) != 0) return 20;
+        for (uint32_t uid = 1; uid <= 2 * rounds; uid++)
+            if (!isSeen(&fl, uid) && write(pipe.w, &uid, sizeof(uid)) < 0) return 21;
+        if (fl.nseen != 2 * rounds + 1 || fl.deleted) return 22;
+        freeUserFlags(&fl);
+        mboxlist_close();
+        return 0;
+    });
+    EXPECT_EQ(testutil::wait_child(reader), 0);
+    close(pipe.w);
+    pipe.w = -1;
+    uint32_t lost;
+    std::set<uint32_t> missing;
+    while (read(pipe.r, &lost, sizeof(lost)) == (ssize_t)sizeof(lost)) missing.insert(lost);
+    EXPECT_TRUE(missing.empty()) << missing.size() << " uids lost";
+}
