@@ -303,28 +303,28 @@ int mboxlist_updatedata(struct mailbox *mailbox, int write_index_header) {
     return 0;
 }
 
-// The user's change-time row and subscription rows of subscr.db, under the
-// transaction.
-static int delete_subscriptions(DB_TXN *txn, const char *owner) {
+int mboxlist_delete_subscriptions(DB_TXN *txn, const char *owner) {
     DBC *cursor;
     int r = subsdb->cursor(subsdb, txn, &cursor, 0);
     if (r) return r;
     char keybuf[514];
+    size_t olen = strlen(owner);
+    if (olen + 1 > sizeof(keybuf)) olen = sizeof(keybuf) - 1;
+    memcpy(keybuf, owner, olen);
+    keybuf[olen] = '\0';
     DBT key, data;
     memset(&key, 0, sizeof(key));
-    size_t olen = strlen(owner);
-    memcpy(keybuf, owner, olen + 1);
     key.data = keybuf;
     key.size = (uint32_t)olen + 1;
     key.ulen = sizeof(keybuf);
     key.flags = DB_DBT_USERMEM;
-    memset(&data, 0, sizeof(data));
-    data.flags = DB_DBT_USERMEM | DB_DBT_PARTIAL;
-    data.ulen = data.dlen = 0;
     char none;
+    memset(&data, 0, sizeof(data));
     data.data = &none;
+    data.flags = DB_DBT_USERMEM | DB_DBT_PARTIAL;
     r = cursor->c_get(cursor, &key, &data, DB_SET | DB_RMW);
-    while (r == 0 && strncmp(keybuf, owner, olen) == 0 && keybuf[olen] == '\0') {
+    while (r == 0 && key.size > olen && strncmp(keybuf, owner, olen) == 0 &&
+           keybuf[olen] == '\0') {
         r = cursor->c_del(cursor, 0);
         if (r) break;
         r = cursor->c_get(cursor, &key, &data, DB_NEXT | DB_RMW);
@@ -351,7 +351,7 @@ int mboxlist_delete(const char *name) {
                 r = 0;
             } else if (r == 0) {
                 char owner[128];
-                if (mboxname_owner(name, owner)) r = delete_subscriptions(txn, owner);
+                if (mboxname_owner(name, owner)) r = mboxlist_delete_subscriptions(txn, owner);
             }
         }
         r = mboxlist_trans_finish(txn, r);

@@ -86,6 +86,9 @@ int mboxlist_trans_finish(DB_TXN *txn, int r);
 
 int mboxlist_updatedata(struct mailbox *mailbox, int write_index_header);
 int mboxlist_delete(const char *name);
+// Removes a user's change-time row and subscription rows of subscr.db under
+// the transaction; the Berkeley DB result.
+int mboxlist_delete_subscriptions(DB_TXN *txn, const char *owner);
 int mbox_count(const char *name, int matchlen, int maycreate, void *row, void *counter);
 
 // ---- environment and sessions ------------------------------------------

@@ -354,39 +354,6 @@ int mboxlist_deletemailboxcheck(const char *name, const struct auth_state *auth)
     return 0;
 }
 
-// The subscription rows of owner (its change-time row and one row per
-// subscribed folder, all keyed "owner" NUL ...), under the transaction.
-static int delete_user_subscriptions(DB_TXN *txn, const char *owner)
-{
-    DBC *cursor;
-    int r = subsdb->cursor(subsdb, txn, &cursor, 0);
-    if (r) return r;
-    char keybuf[514];
-    size_t olen = strlen(owner);
-    if (olen + 1 > sizeof keybuf) olen = sizeof keybuf - 1;
-    memcpy(keybuf, owner, olen);
-    keybuf[olen] = '\0';
-    DBT key, data;
-    memset(&key, 0, sizeof key);
-    key.data = keybuf;
-    key.size = (uint32_t)olen + 1;
-    key.ulen = sizeof keybuf;
-    key.flags = DB_DBT_USERMEM;
-    char none;
-    memset(&data, 0, sizeof data);
-    data.data = &none;
-    data.flags = DB_DBT_USERMEM | DB_DBT_PARTIAL;
-    r = cursor->c_get(cursor, &key, &data, DB_SET | DB_RMW);
-    while (r == 0 && key.size > olen && strncmp(keybuf, owner, olen) == 0 && keybuf[olen] == '\0') {
-        r = cursor->c_del(cursor, 0);
-        if (r) break;
-        r = cursor->c_get(cursor, &key, &data, DB_NEXT | DB_RMW);
-    }
-    if (r == DB_NOTFOUND || r == DB_KEYEMPTY) r = 0;
-    int c = cursor->c_close(cursor);
-    return r ? r : c;
-}
-
 // The first folder behind name + "/" in key order, into child; 1 if it is
 // one of name's children, 0 if none is left, or IMAP_IOERROR.
 static int next_child(const char *name, char *child)
@@ -554,7 +521,7 @@ int mboxlist_deletemailbox_internal(const char *name, int isadmin, const char *u
         if (!r && deleteuser) {
             r = quotadb->del(quotadb, txn, &key, 0);
             if (r == DB_NOTFOUND || r == DB_KEYEMPTY) r = 0;
-            if (!r && owner) r = delete_user_subscriptions(txn, owner);
+            if (!r && owner) r = mboxlist_delete_subscriptions(txn, owner);
         }
         r = mboxlist_trans_finish(txn, r);
     } while (r == DB_LOCK_DEADLOCK);

@@ -19,7 +19,14 @@
 #include <fstream>
 #include <sstream>
 
+#include "store/mailbox.h"
+#include "store/mailbox_create.h"
+#include "store/mboxlist.h"
+#include "store/mboxlist_create.h"
+#include "support/auth.h"
 #include "support/config.h"
+#include "support/log.h"
+#include "gtest/gtest.h"
 
 namespace testutil {
 
@@ -300,6 +307,89 @@ off_t file_size(const std::string &path) {
 bool file_exists(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
+}
+
+
+bool send_byte(int fd, char c) { return write(fd, &c, 1) == 1; }
+
+ino_t inode_of(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+int start_store(const char *prog) {
+    configmsg_reset();
+    if (configmsg_init(nullptr, 16, prog) != 0 || configmsg_initlog(nullptr, prog) != 0) return -1;
+    return mboxlist_recover() == 0 ? 0 : -1;
+}
+
+std::string folder_dir(const char *name, const char *partition) {
+    char path[MBOXLIST_PATH_BUFFER], mpath[MBOXLIST_PATH_BUFFER];
+    return mboxlist_getpath(name, partition, path, mpath) == 0 ? path : "";
+}
+
+bool has_row(const char *name) {
+    char *row = nullptr;
+    int n = mboxlist_lookup_data(name, &row, nullptr);
+    free(row);
+    return n > 0;
+}
+
+void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
+             uint32_t uidvalidity, const char *partition) {
+    mboxdata mbd = {};
+    mbd.version = version;
+    mbd.exists = exists;
+    mbd.uidvalidity = uidvalidity;
+    DBT key, data;
+    mboxlist_create_struct(&key, &data, nullptr, name, &mbd, partition, acl, nullptr);
+    int r;
+    do {
+        DB_TXN *txn;
+        ASSERT_EQ(mboxlist_trans_setup(&txn, "test", name), 0);
+        r = mboxlist_trans_finish(txn, mbl->put(mbl, txn, &key, &data, 0));
+    } while (r == DB_LOCK_DEADLOCK);
+    free(data.data);
+    ASSERT_EQ(r, 0) << name;
+}
+
+void deliver(struct ::mailbox *mb, unsigned n) {
+    ASSERT_EQ(mailbox_lock_index(mb), 0);
+    std::vector<index_record> recs(n);
+    for (unsigned i = 0; i < n; i++) {
+        index_record &rec = recs[i];
+        memset(&rec, 0, sizeof rec);
+        rec.uid = mb->mbd.last_uid + 1 + i;
+        rec.internaldate = 1000000 + (int)rec.uid;
+        std::string text = "Subject: " + std::to_string(rec.uid) + "\r\n\r\nbody\r\n";
+        rec.size = (uint32_t)text.size();
+        struct stat st;
+        ASSERT_EQ(fstat(mb->index_fd, &st), 0);
+        rec.rec_cache_offset = (uint32_t)(st.st_size - mb->hdr.cache_offset);
+        char zeros[4 * MAILBOX_CACHE_ITEMS] = {0};
+        ASSERT_EQ(pwrite(mb->index_fd, zeros, sizeof zeros, st.st_size), (ssize_t)sizeof zeros);
+        char fname[MAILBOX_FNAME_SIZE];
+        mailbox_message_fname(mb, rec.uid, fname);
+        std::string file = std::string(mb->mpath) + "/" + fname;
+        mkdir(file.substr(0, file.rfind('/')).c_str(), 0777);
+        write_file(file, text);
+    }
+    ASSERT_EQ(mailbox_append_index(mb, recs.data(), mb->mbd.exists + 1, n), 0);
+    mb->mbd.exists += n;
+    mb->mbd.last_uid += n;
+    ASSERT_EQ(mailbox_write_index_fixed_header(mb), 0);
+    mailbox_unlock_index(mb);
+}
+
+void make_folder(const char *name, const std::string &dir, const char *acl,
+                 uint32_t uidvalidity, unsigned n) {
+    struct ::mailbox mb = zeromailbox;
+    ASSERT_EQ(mailbox_create(name, "primary", dir.c_str(), nullptr, acl, MAILBOX_VERSION, &mb,
+                             uidvalidity),
+              0)
+        << name;
+    deliver(&mb, n);
+    mailbox_close(&mb);
 }
 
 }  // namespace testutil

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+struct mailbox;
+
 namespace testutil {
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its content when
@@ -150,6 +152,40 @@ uint32_t be32_at(const std::string &s, size_t off);
 // The size of a file, or -1 if stat fails.
 off_t file_size(const std::string &path);
 bool file_exists(const std::string &path);
+
+
+// ---- the store in this process ---------------------------------------------
+
+// Writes one byte to fd; false if it could not.
+bool send_byte(int fd, char c);
+
+// The inode of a path, or 0 if stat fails.
+ino_t inode_of(const std::string &path);
+
+// Brings the store up in this process as the daemon does: configuration and
+// log read afresh under prog, then the folder database recovered. 0 or -1.
+int start_store(const char *prog);
+
+// The directory of a folder on a partition as the folder database names
+// it; "" if there is none.
+std::string folder_dir(const char *name, const char *partition = "primary");
+
+// Whether the folder database has a row for name.
+bool has_row(const char *name);
+
+// Writes a folder's row straight into the folder database.
+void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
+             uint32_t uidvalidity = 77, const char *partition = "primary");
+
+// Delivers n messages to an open folder the way the store lays them out: a
+// message file "Subject: <uid>" under mpath, a record, an empty cache entry,
+// then the header that counts them. Takes and drops the index lock.
+void deliver(struct ::mailbox *mb, unsigned n);
+
+// The files of a folder at dir (no row) with n messages, made by
+// mailbox_create on partition "primary" and deliver.
+void make_folder(const char *name, const std::string &dir, const char *acl,
+                 uint32_t uidvalidity, unsigned n);
 
 }  // namespace testutil
 
