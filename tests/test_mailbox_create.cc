@@ -1,127 +1,74 @@
 // The files of a folder as a whole: create (also against a second
 // creator), delete, the rename steps and message file copies, on a store
-// that this process recovers and opens as the daemon would.
+// that this process brings up as the daemon would.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
-#include <vector>
 
 #include "store/imap_err.h"
 #include "store/mailbox.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
-#include "store/mboxname.h"
+#include "store/mboxlist_create.h"
 #include "store/seen_db.h"
 #include "support/auth.h"
-#include "support/config.h"
 #include "support/lock.h"
-#include "support/log.h"
 #include "support/map.h"
 #include "tests/testutil.h"
 
 namespace {
 
-bool exists(const std::string &p) {
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0;
+using testutil::deliver;
+using testutil::file_exists;
+using testutil::inode_of;
+
+// The uidvalidity in the index of the folder at dir (0 if unreadable).
+uint32_t uidvalidity_of(const std::string &dir) {
+    std::string s = testutil::read_file(dir + "/store.idx");
+    mboxdata mbd = {};
+    if (s.size() >= sizeof mbd) memcpy(&mbd, s.data(), sizeof mbd);
+    return mbd.uidvalidity;
 }
 
-ino_t inode(const std::string &p) {
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
-}
+bool has_peruser(const char *name) { return testutil::db_has(userflagdb, name); }
 
-off_t fsize(const std::string &p) {
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
-struct Header {
-    mboxdata mbd;
-    index_header hdr;
-};
-
-Header read_header(const std::string &path) {
-    Header h;
-    memset(&h, 0, sizeof h);
-    int fd = open((path + "/store.idx").c_str(), O_RDONLY);
-    if (fd >= 0) {
-        if (read(fd, &h, sizeof h) != (ssize_t)sizeof h) memset(&h, 0, sizeof h);
-        close(fd);
-    }
-    return h;
-}
-
-bool has_peruser(const std::string &name) {
-    DBT key, data;
-    memset(&key, 0, sizeof key);
-    memset(&data, 0, sizeof data);
-    key.data = const_cast<char *>(name.data());
-    key.size = (uint32_t)name.size();
-    key.flags = DB_DBT_READONLY;
-    data.flags = DB_DBT_MALLOC;
-    int r = userflagdb->get(userflagdb, nullptr, &key, &data, 0);
-    free(data.data);
-    return r == 0;
-}
-
+// Partition "spool" keeps its messages apart from its folder directories.
 class MailboxFiles : public ::testing::Test {
   protected:
     void SetUp() override {
         inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool") +
                        "\nstore.partition.spool.messagepath: " + inst.path("messages/spool"));
-        ASSERT_EQ(configmsg_init(nullptr, 16, "createtest"), 0);
-        ASSERT_EQ(configmsg_initlog(nullptr, "createtest"), 0);
-        ASSERT_EQ(mboxlist_recover(), 0);
+        ASSERT_EQ(testutil::start_store("createtest"), 0);
     }
     void TearDown() override { mboxlist_reset_for_tests(); }
 
     std::string dir(const char *name, const char *partition = "primary") {
-        char buf[MAX_MAILBOX_PATH];
-        std::string root = inst.path(std::string("partitions/") + partition);
-        EXPECT_EQ(mboxname_getpath(name, root.c_str(), buf), 0);
-        return buf;
+        return testutil::folder_dir(name, partition);
     }
+    // The message directory of name on "spool".
     std::string mdir(const char *name) {
-        char buf[MAX_MAILBOX_PATH];
-        EXPECT_EQ(mboxname_getpath(name, inst.path("messages/spool").c_str(), buf), 0);
-        return buf;
+        char path[MBOXLIST_PATH_BUFFER], mpath[MBOXLIST_PATH_BUFFER];
+        EXPECT_EQ(mboxlist_getpath(name, "spool", path, mpath), 0);
+        return mpath;
     }
-
-    // Delivers n messages the way the store lays them out: a message file,
-    // a record, an empty cache entry, then the header that counts them.
-    void deliver(struct mailbox *mb, unsigned n) {
-        ASSERT_EQ(mailbox_lock_index(mb), 0);
-        std::vector<index_record> recs(n);
-        for (unsigned i = 0; i < n; i++) {
-            index_record &rec = recs[i];
-            memset(&rec, 0, sizeof rec);
-            rec.uid = mb->mbd.last_uid + 1 + i;
-            rec.internaldate = 1000000 + (int)rec.uid;
-            std::string text = "Subject: " + std::to_string(rec.uid) + "\r\n\r\nbody\r\n";
-            rec.size = (uint32_t)text.size();
-            struct stat st;
-            ASSERT_EQ(fstat(mb->index_fd, &st), 0);
-            rec.rec_cache_offset = (uint32_t)(st.st_size - mb->hdr.cache_offset);
-            char zeros[4 * MAILBOX_CACHE_ITEMS] = {0};
-            ASSERT_EQ(pwrite(mb->index_fd, zeros, sizeof zeros, st.st_size), (ssize_t)sizeof zeros);
-            char fname[MAILBOX_FNAME_SIZE];
-            mailbox_message_fname(mb, rec.uid, fname);
-            std::string file = std::string(mb->mpath) + "/" + fname;
-            mkdir(file.substr(0, file.rfind('/')).c_str(), 0777);
-            testutil::write_file(file, text);
-        }
-        ASSERT_EQ(mailbox_append_index(mb, recs.data(), mb->mbd.exists + 1, n), 0);
-        mb->mbd.exists += n;
-        mb->mbd.last_uid += n;
-        ASSERT_EQ(mailbox_write_index_fixed_header(mb), 0);
-        mailbox_unlock_index(mb);
+    // Creates, or opens from its files, name at the directories the
+    // partition gives it.
+    int create(const char *name, mailbox *mb, uint32_t uidvalidity = 1, const char *acl = "",
+               const char *partition = "primary") {
+        std::string m = strcmp(partition, "spool") ? "" : mdir(name);
+        return mailbox_create(name, partition, dir(name, partition).c_str(),
+                              m.empty() ? nullptr : m.c_str(), acl, MAILBOX_VERSION, mb,
+                              uidvalidity);
+    }
+    int openFolder(const char *name, mailbox *mb, const char *partition = "primary") {
+        std::string m = strcmp(partition, "spool") ? "" : mdir(name);
+        return mailbox_open_path(name, 0, partition, dir(name, partition).c_str(), m.c_str(), "",
+                                 auth_dontCheckAcl, mb);
     }
 
     testutil::Instance inst;
@@ -130,12 +77,9 @@ class MailboxFiles : public ::testing::Test {
 }  // namespace
 
 TEST_F(MailboxFiles, CreateLaysOutANewIndex) {
-    const char *name = "user/fred";
-    std::string d = dir(name);
-    struct mailbox mb = zeromailbox;
-    ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "fred\tlrswipcda\t",
-                             MAILBOX_VERSION, &mb, 12345),
-              0);
+    std::string d = dir("user/fred");
+    mailbox mb;
+    ASSERT_EQ(create("user/fred", &mb, 12345, "fred\tlrswipcda\t"), 0);
     EXPECT_NE(mb.index_fd, -1);
     EXPECT_EQ(mb.index_lock_count, 0u);
     EXPECT_EQ(mb.mpath, mb.path);
@@ -143,163 +87,109 @@ TEST_F(MailboxFiles, CreateLaysOutANewIndex) {
     EXPECT_EQ(mb.mbd.uidvalidity, 12345u);
     EXPECT_EQ(mb.mbd.exists, 0u);
     EXPECT_EQ(mb.hdr.start_offset, 256u);
-    EXPECT_EQ(mb.hdr.cache_offset, 256u + 7600u);
-    EXPECT_EQ(mb.index_size, 7856u);
+    EXPECT_EQ(mb.hdr.cache_offset, 256u + 7600u);  // room for 100 records
     ASSERT_NE(mb.index_map, nullptr);
-    EXPECT_EQ(mb.index_map->size, 7856u);
+    EXPECT_EQ(mb.index_size + mb.index_map->size, 2 * 7856u);
     mailbox_close(&mb);
+    EXPECT_EQ(testutil::file_size(d + "/store.idx"), 7856);
+    EXPECT_EQ(uidvalidity_of(d), 12345u);
+    EXPECT_TRUE(has_peruser("user/fred"));
 
-    EXPECT_EQ(fsize(d + "/store.idx"), 7856);
-    Header h = read_header(d);
-    EXPECT_EQ(h.mbd.uidvalidity, 12345u);
-    EXPECT_EQ(h.hdr.start_offset, 256u);
-    EXPECT_TRUE(has_peruser(name));
-
-    // The file reads back as a folder, with its ACL.
-    ASSERT_EQ(mailbox_open_path(name, 0, "primary", d.c_str(), nullptr, "", auth_dontCheckAcl, &mb),
-              0);
-    EXPECT_EQ(mb.mbd.uidvalidity, 12345u);
-    mailbox_close(&mb);
-
-    // Without a handle nothing stays open; uidvalidity 0 means now.
+    // uidvalidity 0 means now.
     time_t before = time(nullptr);
-    std::string d2 = dir("user/fred/deep/er");
-    ASSERT_EQ(mailbox_create("user/fred/deep/er", "primary", d2.c_str(), nullptr, "", MAILBOX_VERSION,
-                             nullptr, 0),
-              0);
-    Header h2 = read_header(d2);
-    EXPECT_GE((time_t)h2.mbd.uidvalidity, before);
-    EXPECT_LE((time_t)h2.mbd.uidvalidity, time(nullptr));
+    ASSERT_EQ(create("user/fred/deep/er", nullptr, 0), 0);
+    time_t made = uidvalidity_of(dir("user/fred/deep/er"));
+    EXPECT_TRUE(made >= before && made <= time(nullptr)) << made;
 
     // A long ACL moves the records back, and the reserve follows them.
     std::string acl;
     for (int i = 0; i < 20; i++) acl += "someuser" + std::to_string(i) + "\tlrs\t";
-    ASSERT_GT(acl.size(), 176u);
-    std::string d3 = dir("user/fred/long");
-    ASSERT_EQ(mailbox_create("user/fred/long", "primary", d3.c_str(), nullptr, acl.c_str(),
-                             MAILBOX_VERSION, &mb, 7),
-              0);
+    ASSERT_EQ(create("user/fred/long", &mb, 7, acl.c_str()), 0);
     EXPECT_GT(mb.hdr.start_offset, 256u);
     EXPECT_EQ(mb.hdr.cache_offset, mb.hdr.start_offset + 7600u);
-    EXPECT_EQ(fsize(d3 + "/store.idx"), (off_t)mb.hdr.cache_offset);
+    EXPECT_EQ(testutil::file_size(dir("user/fred/long") + "/store.idx"),
+              (off_t)mb.hdr.cache_offset);
     mailbox_close(&mb);
-    ASSERT_EQ(mailbox_open_path("user/fred/long", 0, "primary", d3.c_str(), nullptr, "",
-                                auth_dontCheckAcl, &mb),
-              0);
+    ASSERT_EQ(openFolder("user/fred/long", &mb), 0);
     ASSERT_EQ(mailbox_read_index_header_acl(&mb), 0);
     EXPECT_EQ(std::string(mb.acl), acl);
     mailbox_close(&mb);
 
     // A separate message directory is made as well.
-    std::string sd = dir("user/fred", "spool"), sm = mdir("user/fred");
-    ASSERT_EQ(mailbox_create("user/fred", "spool", sd.c_str(), sm.c_str(), "", MAILBOX_VERSION, &mb,
-                             1),
-              0);
-    EXPECT_STREQ(mb.mpath, sm.c_str());
+    ASSERT_EQ(create("user/fred", &mb, 1, "", "spool"), 0);
+    EXPECT_EQ(std::string(mb.mpath), mdir("user/fred"));
     EXPECT_NE(mb.mpath, mb.path);
     mailbox_close(&mb);
-    EXPECT_TRUE(exists(sm));
-}
+    EXPECT_TRUE(file_exists(mdir("user/fred")));
 
-TEST_F(MailboxFiles, PathLengthLimit) {
-    // length + 16 may reach 1024.
-    std::string base = inst.path("partitions/primary");
-    auto path_of = [&](size_t len) {
-        std::string p = base;
-        while (p.size() < len) {
-            size_t room = len - p.size();
-            if (room == 1) {
-                p += "y";
-                break;
-            }
-            p += "/" + std::string(room - 1 < 200 ? room - 1 : 200, 'x');
-        }
-        return p;
-    };
-    std::string ok = path_of(1008), bad = path_of(1009);
+    // The path and 16 bytes more may reach 1024: 1008 bytes is the longest.
+    std::string ok = inst.path("partitions/primary");
+    while (ok.size() < 900) ok += "/" + std::string(100, 'x');
+    ok += "/" + std::string(1007 - ok.size(), 'y');
     ASSERT_EQ(ok.size(), 1008u);
-    ASSERT_EQ(bad.size(), 1009u);
-    EXPECT_EQ(mailbox_create("user/x", "primary", bad.c_str(), nullptr, "", MAILBOX_VERSION, nullptr,
-                             1),
+    EXPECT_EQ(mailbox_create("user/x", "primary", (ok + "z").c_str(), nullptr, "", MAILBOX_VERSION,
+                             nullptr, 1),
               IMAP_MAILBOX_BADNAME);
-    EXPECT_FALSE(exists(bad));
+    EXPECT_FALSE(file_exists(ok + "z"));
     EXPECT_EQ(mailbox_create("user/x", "primary", ok.c_str(), nullptr, "", MAILBOX_VERSION, nullptr,
                              1),
               0);
-    EXPECT_TRUE(exists(ok + "/store.idx"));
+    EXPECT_TRUE(file_exists(ok + "/store.idx"));
 }
 
 TEST_F(MailboxFiles, CreateOverExistingFiles) {
     const char *name = "user/fred/box";
-    std::string d = dir(name);
-    struct mailbox mb = zeromailbox;
-    ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "fred\tlrswipcda\t", MAILBOX_VERSION,
-                             &mb, 100),
-              0);
+    std::string d = dir(name), idx = d + "/store.idx";
+    mailbox mb;
+    ASSERT_EQ(create(name, &mb, 100), 0);
+    mailbox_close(&mb);
     // A folder without messages is replaced, with a new uidvalidity.
-    mailbox_close(&mb);
-    ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "x\tl\t", MAILBOX_VERSION, &mb, 200),
-              0);
-    EXPECT_EQ(read_header(d).mbd.uidvalidity, 200u);
+    ASSERT_EQ(create(name, &mb, 200, "x\tl\t"), 0);
+    EXPECT_EQ(uidvalidity_of(d), 200u);
     deliver(&mb, 3);
-    ASSERT_EQ(mailbox_lock_index(&mb), 0);
-    mb.flagname[0] = strdup("$Label1");
-    ASSERT_EQ(mailbox_write_index_variable_header(&mb), 0);
-    mailbox_unlock_index(&mb);
     mailbox_close(&mb);
-    std::string before = testutil::read_file(d + "/store.idx");
+    std::string before = testutil::read_file(idx);
 
     // A live folder is not touched, and the handle shows its counters.
-    ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "y\tlr\t", MAILBOX_VERSION, &mb, 300),
-              IMAP_MAILBOX_EXISTS);
+    ASSERT_EQ(create(name, &mb, 300, "y\tlr\t"), IMAP_MAILBOX_EXISTS);
     EXPECT_EQ(mb.mbd.exists, 3u);
     EXPECT_EQ(mb.mbd.last_uid, 3u);
     EXPECT_EQ(mb.mbd.uidvalidity, 200u);
     EXPECT_EQ(mb.myrights, (unsigned long)ACL_ALL);
     EXPECT_STREQ(mb.acl, "y\tlr\t");
-    EXPECT_EQ(mb.flagname[0], nullptr);  // flag names are not read
     EXPECT_EQ(mb.index_lock_count, 0u);
     ASSERT_NE(mb.index_map, nullptr);
     EXPECT_EQ(mb.index_size, (unsigned)before.size());
-    // The handle is usable: the lock reads the file.
-    ASSERT_EQ(mailbox_lock_index(&mb), 0);
+    ASSERT_EQ(mailbox_lock_index(&mb), 0);  // the handle is usable
     index_record rec;
     ASSERT_EQ(mailbox_read_index_record(&mb, 3, &rec), 0);
     EXPECT_EQ(rec.uid, 3u);
     mailbox_unlock_index(&mb);
     mailbox_close(&mb);
-    ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "", MAILBOX_VERSION, nullptr, 300),
-              IMAP_MAILBOX_EXISTS);
-    EXPECT_EQ(testutil::read_file(d + "/store.idx"), before);
+    ASSERT_EQ(create(name, nullptr, 300), IMAP_MAILBOX_EXISTS);
+    EXPECT_EQ(testutil::read_file(idx), before);
 
-    // 80 bytes or less, or an index whose summary counts nothing, is no
-    // folder: replaced.
+    // 80 bytes or less, or a summary that counts nothing, is no folder.
     for (size_t len : {0, 40, 80}) {
-        testutil::write_file(d + "/store.idx", before.substr(0, len));
-        ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "", MAILBOX_VERSION, nullptr,
-                                 400 + len),
-                  0)
-            << len;
-        EXPECT_EQ(read_header(d).mbd.uidvalidity, 400u + len);
-        EXPECT_EQ(fsize(d + "/store.idx"), 7856);
+        testutil::write_file(idx, before.substr(0, len));
+        ASSERT_EQ(create(name, nullptr, 400 + len), 0) << len;
+        EXPECT_EQ(uidvalidity_of(d), 400u + len);
+        EXPECT_EQ(testutil::file_size(idx), 7856);
     }
 
-    // An index shared with another folder by a hard link gets replaced by a
+    // An index shared with another folder by a hard link is replaced by a
     // file of its own; the other folder's file stays whole.
-    std::string other = dir("user/fred/other");
-    ASSERT_EQ(mailbox_create("user/fred/other", "primary", other.c_str(), nullptr, "", MAILBOX_VERSION,
-                             nullptr, 500),
-              0);
-    std::string otherbytes = testutil::read_file(other + "/store.idx");
-    ASSERT_EQ(unlink((d + "/store.idx").c_str()), 0);
-    ASSERT_EQ(link((other + "/store.idx").c_str(), (d + "/store.idx").c_str()), 0);
+    std::string other = dir("user/fred/other") + "/store.idx";
+    ASSERT_EQ(create("user/fred/other", nullptr, 500), 0);
+    std::string otherbytes = testutil::read_file(other);
+    ASSERT_EQ(unlink(idx.c_str()), 0);
+    ASSERT_EQ(link(other.c_str(), idx.c_str()), 0);
     testutil::write_file(d + "/store.exp", "x");
-    ASSERT_EQ(mailbox_create(name, "primary", d.c_str(), nullptr, "", MAILBOX_VERSION, nullptr, 600),
-              0);
-    EXPECT_NE(inode(d + "/store.idx"), inode(other + "/store.idx"));
-    EXPECT_FALSE(exists(d + "/store.exp"));
-    EXPECT_EQ(testutil::read_file(other + "/store.idx"), otherbytes);
-    EXPECT_EQ(read_header(d).mbd.uidvalidity, 600u);
+    ASSERT_EQ(create(name, nullptr, 600), 0);
+    EXPECT_NE(inode_of(idx), inode_of(other));
+    EXPECT_FALSE(file_exists(d + "/store.exp"));
+    EXPECT_EQ(testutil::read_file(other), otherbytes);
+    EXPECT_EQ(uidvalidity_of(d), 600u);
 }
 
 TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
@@ -307,14 +197,15 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
     // second must wait for it, leave its bytes alone and report the folder
     // as existing.
     const char *name = "user/race/a";
-    std::string d = dir(name);
+    std::string d = dir(name), idx = d + "/store.idx";
     ASSERT_EQ(mailbox_makedirs(d.c_str()), 0);
-    std::string idx = d + "/store.idx";
     int fd = open(idx.c_str(), O_RDWR | O_CREAT, 0666);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(lock_blocking(fd), 0);
-    Header h;
-    memset(&h, 0, sizeof h);
+    struct {
+        mboxdata mbd;
+        index_header hdr;
+    } h = {};
     h.mbd.version = MAILBOX_VERSION;
     h.mbd.uidvalidity = 4242;
     h.hdr.start_offset = 256;
@@ -323,15 +214,14 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
 
     testutil::Pipe done;
     pid_t pid = testutil::spawn([&] {
-        int r = mailbox_create(name, "primary", d.c_str(), nullptr, "", MAILBOX_VERSION, nullptr, 1);
-        char c = r == IMAP_MAILBOX_EXISTS ? 'E' : r == 0 ? '0' : 'X';
-        if (write(done.w, &c, 1) != 1) return 2;
-        return 0;
+        int r = create(name, nullptr);
+        return testutil::send_byte(done.w, r == IMAP_MAILBOX_EXISTS ? 'E' : r == 0 ? '0' : 'X')
+                   ? 0
+                   : 2;
     });
     ASSERT_GT(pid, 0);
-    // It waits for the lock.
-    EXPECT_EQ(testutil::read_byte(done.r, 400), -1);
-    std::string rest(7600 + 176, '\0');
+    EXPECT_EQ(testutil::read_byte(done.r, 400), -1);  // it waits for the lock
+    std::string rest(7856 - sizeof h, '\0');
     ASSERT_EQ(write(fd, rest.data(), rest.size()), (ssize_t)rest.size());
     std::string written = testutil::read_file(idx);
     ASSERT_EQ(written.size(), 7856u);
@@ -340,23 +230,19 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
     EXPECT_EQ(testutil::wait_child(pid), 0);
     close(fd);
     EXPECT_EQ(testutil::read_file(idx), written);
-    EXPECT_EQ(read_header(d).mbd.uidvalidity, 4242u);
+    EXPECT_EQ(uidvalidity_of(d), 4242u);
 }
 
 TEST_F(MailboxFiles, DeleteRemovesEverything) {
-    const char *name = "user/fred/gone";
+    const char *name = "user/fred/gone", *child = "user/fred/gone/child";
     std::string d = dir(name, "spool"), m = mdir(name);
-    struct mailbox mb = zeromailbox;
-    ASSERT_EQ(mailbox_create("user/fred", "spool", dir("user/fred", "spool").c_str(),
-                             mdir("user/fred").c_str(), "", MAILBOX_VERSION, nullptr, 1),
-              0);
-    ASSERT_EQ(mailbox_create(name, "spool", d.c_str(), m.c_str(), "", MAILBOX_VERSION, &mb, 1), 0);
+    mailbox mb;
+    ASSERT_EQ(create("user/fred", nullptr, 1, "", "spool"), 0);
+    ASSERT_EQ(create(name, &mb, 1, "", "spool"), 0);
     deliver(&mb, 100);  // message directories 00 and 01
-    ASSERT_TRUE(exists(m + "/00/1.msg"));
-    ASSERT_TRUE(exists(m + "/01/100.msg"));
-    ASSERT_EQ(mailbox_create("user/fred/gone/child", "spool", dir("user/fred/gone/child", "spool").c_str(),
-                             mdir("user/fred/gone/child").c_str(), "", MAILBOX_VERSION, nullptr, 1),
-              0);
+    ASSERT_TRUE(file_exists(m + "/00/1.msg"));
+    ASSERT_TRUE(file_exists(m + "/01/100.msg"));
+    ASSERT_EQ(create(child, nullptr, 1, "", "spool"), 0);
     testutil::write_file(d + "/store.usr", "x");
     testutil::write_file(d + "/stray", "x");
     ASSERT_TRUE(has_peruser(name));
@@ -364,142 +250,114 @@ TEST_F(MailboxFiles, DeleteRemovesEverything) {
     EXPECT_EQ(mailbox_delete(&mb, 0), 0);
     EXPECT_EQ(mb.index_fd, -1);
     EXPECT_EQ(mb.name, nullptr);
-    EXPECT_FALSE(exists(m + "/00"));
-    EXPECT_FALSE(exists(m + "/01"));
-    EXPECT_FALSE(exists(d + "/store.idx"));
-    EXPECT_FALSE(exists(d + "/store.usr"));
-    EXPECT_FALSE(exists(d + "/stray"));
+    for (const std::string &gone : {m + "/00", m + "/01", d + "/store.idx", d + "/store.usr",
+                                    d + "/stray"})
+        EXPECT_FALSE(file_exists(gone)) << gone;
     EXPECT_FALSE(has_peruser(name));
     // The child's directory keeps the folder's directories in place.
-    EXPECT_TRUE(exists(dir("user/fred/gone/child", "spool") + "/store.idx"));
-    EXPECT_TRUE(exists(d));
-    EXPECT_TRUE(has_peruser("user/fred/gone/child"));
+    EXPECT_TRUE(file_exists(dir(child, "spool") + "/store.idx"));
+    EXPECT_TRUE(file_exists(d));
+    EXPECT_TRUE(has_peruser(child));
 
-    // Deleting the child and the root empties the trees, but the partition
-    // directories stay.
-    ASSERT_EQ(mailbox_open_path("user/fred/gone/child", 0, "spool",
-                                dir("user/fred/gone/child", "spool").c_str(),
-                                mdir("user/fred/gone/child").c_str(), "", auth_dontCheckAcl, &mb),
-              0);
+    // Deleting the child (keeping its per-user data) and the root empties
+    // the trees, but the partition directories stay.
+    ASSERT_EQ(openFolder(child, &mb, "spool"), 0);
     mailbox_delete(&mb, 1);
-    EXPECT_TRUE(has_peruser("user/fred/gone/child"));  // kept on request
-    EXPECT_FALSE(exists(d));
-    ASSERT_EQ(mailbox_open_path("user/fred", 0, "spool", dir("user/fred", "spool").c_str(),
-                                mdir("user/fred").c_str(), "", auth_dontCheckAcl, &mb),
-              0);
+    EXPECT_TRUE(has_peruser(child));
+    EXPECT_FALSE(file_exists(d));
+    ASSERT_EQ(openFolder("user/fred", &mb, "spool"), 0);
     mailbox_delete(&mb, 0);
-    EXPECT_FALSE(exists(inst.path("partitions/spool/=user")));
-    EXPECT_FALSE(exists(inst.path("messages/spool/=user")));
-    EXPECT_TRUE(exists(inst.path("partitions/spool")));
-    EXPECT_TRUE(exists(inst.path("messages/spool")));
+    EXPECT_FALSE(file_exists(inst.path("partitions/spool/=user")));
+    EXPECT_FALSE(file_exists(inst.path("messages/spool/=user")));
+    EXPECT_TRUE(file_exists(inst.path("partitions/spool")));
+    EXPECT_TRUE(file_exists(inst.path("messages/spool")));
 
     // A folder whose directories are gone already is no failure.
-    struct mailbox ghost = zeromailbox;
+    mailbox ghost = zeromailbox;
     ghost.name = strdup("user/ghost");
     ghost.partition = strdup("primary");
-    ghost.path = strdup(dir("user/ghost").c_str());
-    ghost.mpath = ghost.path;
+    ghost.path = ghost.mpath = strdup(dir("user/ghost").c_str());
     EXPECT_EQ(mailbox_delete(&ghost, 0), 0);
     EXPECT_EQ(ghost.name, nullptr);
 }
 
 TEST_F(MailboxFiles, CopyingMessageFiles) {
-    std::string src = inst.path("src.msg");
+    std::string src = inst.path("src.msg"), d = inst.path("copies");
     testutil::write_file(src, "message");
-    std::string d = inst.path("copies");
     ASSERT_EQ(mkdir(d.c_str(), 0777), 0);
-
-    // A hard link where possible.
-    EXPECT_EQ(mailbox_copymsgfile(src.c_str(), (d + "/a").c_str()), 0);
-    EXPECT_EQ(inode(d + "/a"), inode(src));
-    // A target that exists is replaced.
     testutil::write_file(d + "/b", "old");
-    EXPECT_EQ(mailbox_copymsgfile(src.c_str(), (d + "/b").c_str()), 0);
-    EXPECT_EQ(inode(d + "/b"), inode(src));
+    // A hard link where possible; a target that exists is replaced, and a
+    // missing message directory (one level) is made.
+    for (const char *t : {"/a", "/b", "/07/c"}) {
+        EXPECT_EQ(mailbox_copymsgfile(src.c_str(), (d + t).c_str()), 0) << t;
+        EXPECT_EQ(inode_of(d + t), inode_of(src)) << t;
+    }
     EXPECT_EQ(mailbox_copyfile(src.c_str(), (d + "/b").c_str()), 0);
-    EXPECT_EQ(inode(d + "/b"), inode(src));
-    // A missing message directory is made (one level).
-    EXPECT_EQ(mailbox_copymsgfile(src.c_str(), (d + "/07/c").c_str()), 0);
-    EXPECT_EQ(inode(d + "/07/c"), inode(src));
-    // mailbox_copyfile makes no directories.
-    EXPECT_EQ(mailbox_copyfile(src.c_str(), (d + "/08/c").c_str()), IMAP_IOERROR);
-    // A source that is missing fails.
+    EXPECT_EQ(inode_of(d + "/b"), inode_of(src));
+    EXPECT_EQ(mailbox_copyfile(src.c_str(), (d + "/08/c").c_str()), IMAP_IOERROR);  // no mkdir
     EXPECT_EQ(mailbox_copymsgfile((d + "/none").c_str(), (d + "/d").c_str()), IMAP_IOERROR);
-    EXPECT_FALSE(exists(d + "/d"));
+    EXPECT_FALSE(file_exists(d + "/d"));
 
     // Across file systems the file is copied.
     const char *shm = "/dev/shm";
     struct stat a, b;
-    if (stat(shm, &a) == 0 && stat(d.c_str(), &b) == 0 && a.st_dev != b.st_dev &&
-        access(shm, W_OK) == 0) {
-        std::string target = std::string(shm) + "/mailstore-copy-" + std::to_string(getpid());
-        unlink(target.c_str());
-        EXPECT_EQ(mailbox_copymsgfile(src.c_str(), target.c_str()), 0);
-        EXPECT_EQ(testutil::read_file(target), "message");
-        EXPECT_NE(inode(target), inode(src));
-        testutil::write_file(target, "older and longer");
-        EXPECT_EQ(mailbox_copyfile(src.c_str(), target.c_str()), 0);
-        EXPECT_EQ(testutil::read_file(target), "message");
-        unlink(target.c_str());
-    } else {
-        ADD_FAILURE() << "no second file system at /dev/shm to copy across";
-    }
+    ASSERT_TRUE(stat(shm, &a) == 0 && stat(d.c_str(), &b) == 0 && a.st_dev != b.st_dev &&
+                access(shm, W_OK) == 0)
+        << "no second file system at /dev/shm to copy across";
+    std::string target = std::string(shm) + "/mailstore-copy-" + std::to_string(getpid());
+    unlink(target.c_str());
+    EXPECT_EQ(mailbox_copymsgfile(src.c_str(), target.c_str()), 0);
+    EXPECT_EQ(testutil::read_file(target), "message");
+    EXPECT_NE(inode_of(target), inode_of(src));
+    testutil::write_file(target, "older and longer");
+    EXPECT_EQ(mailbox_copyfile(src.c_str(), target.c_str()), 0);
+    EXPECT_EQ(testutil::read_file(target), "message");
+    unlink(target.c_str());
 }
 
 TEST_F(MailboxFiles, RenameSteps) {
     std::string od = dir("user/fred/old"), nd = dir("user/fred/new");
-    struct mailbox old = zeromailbox;
-    ASSERT_EQ(mailbox_create("user/fred/old", "primary", od.c_str(), nullptr, "fred\tlrswipcda\t",
-                             MAILBOX_VERSION, &old, 77),
-              0);
+    mailbox old, b;
+    ASSERT_EQ(create("user/fred/old", &old, 77, "fred\tlrswipcda\t"), 0);
     deliver(&old, 100);
     mailbox_close(&old);
 
     // Abort: the new side goes, the old one is whole.
-    ASSERT_EQ(mailbox_open_path("user/fred/old", 0, "primary", od.c_str(), nullptr, "fred\tlrswipcda\t",
-                                auth_dontCheckAcl, &old),
-              0);
-    struct mailbox *nmb = nullptr;
+    ASSERT_EQ(openFolder("user/fred/old", &old), 0);
+    mailbox *nmb = nullptr;
     ASSERT_EQ(mailbox_rename_start(&old, "user/fred/new", "primary", nd.c_str(), nullptr, 0, &nmb), 0);
     ASSERT_NE(nmb, nullptr);
     EXPECT_EQ(nmb->index_fd, -1);
     EXPECT_EQ(nmb->mbd.exists, 100u);
-    EXPECT_EQ(inode(nd + "/store.idx"), inode(od + "/store.idx"));
-    EXPECT_EQ(inode(nd + "/01/100.msg"), inode(od + "/01/100.msg"));
+    EXPECT_EQ(inode_of(nd + "/store.idx"), inode_of(od + "/store.idx"));
+    EXPECT_EQ(inode_of(nd + "/01/100.msg"), inode_of(od + "/01/100.msg"));
     EXPECT_TRUE(has_peruser("user/fred/new"));
     EXPECT_EQ(mailbox_rename_abort(nmb), 0);
-    EXPECT_FALSE(exists(nd));
-    EXPECT_TRUE(exists(od + "/00/1.msg"));
+    EXPECT_FALSE(file_exists(nd));
+    EXPECT_TRUE(file_exists(od + "/00/1.msg"));
     EXPECT_EQ(old.index_lock_count, 1u);  // held until the end of the rename
     mailbox_close(&old);
 
     // A name taken by a live folder refuses the start.
-    std::string busy = dir("user/fred/busy");
-    struct mailbox b = zeromailbox;
-    ASSERT_EQ(mailbox_create("user/fred/busy", "primary", busy.c_str(), nullptr, "", MAILBOX_VERSION,
-                             &b, 1),
-              0);
+    ASSERT_EQ(create("user/fred/busy", &b), 0);
     deliver(&b, 1);
     mailbox_close(&b);
-    ASSERT_EQ(mailbox_open_path("user/fred/old", 0, "primary", od.c_str(), nullptr, "", auth_dontCheckAcl,
-                                &old),
-              0);
-    EXPECT_EQ(mailbox_rename_start(&old, "user/fred/busy", "primary", busy.c_str(), nullptr, 0, &nmb),
+    ASSERT_EQ(openFolder("user/fred/old", &old), 0);
+    EXPECT_EQ(mailbox_rename_start(&old, "user/fred/busy", "primary",
+                                   dir("user/fred/busy").c_str(), nullptr, 0, &nmb),
               IMAP_MAILBOX_EXISTS);
     EXPECT_EQ(nmb, nullptr);
-    EXPECT_TRUE(exists(busy + "/00/1.msg"));
+    EXPECT_TRUE(file_exists(dir("user/fred/busy") + "/00/1.msg"));
     // Keeping the old folder needs expunge's rewrite, which isn't there.
     ASSERT_EQ(mailbox_rename_start(&old, "user/fred/new", "primary", nd.c_str(), nullptr, 0, &nmb), 0);
     EXPECT_EQ(mailbox_rename_commit(&old, nmb, 1), IMAP_MAILBOX_NOTSUPPORTED);
-    EXPECT_TRUE(exists(od + "/store.idx"));
+    EXPECT_TRUE(file_exists(od + "/store.idx"));
     EXPECT_EQ(mailbox_rename_abort(nmb), 0);
     mailbox_close(&old);
 
     // Commit with a change of owner: the new index carries the new ACL,
     // the old folder is gone, and the handle is the new folder.
-    ASSERT_EQ(mailbox_open_path("user/fred/old", 0, "primary", od.c_str(), nullptr, "", auth_dontCheckAcl,
-                                &old),
-              0);
+    ASSERT_EQ(openFolder("user/fred/old", &old), 0);
     free(old.acl);
     old.acl = strdup("bob\tlrswipcda\t");
     std::string bd = dir("user/bob/moved");
@@ -507,12 +365,10 @@ TEST_F(MailboxFiles, RenameSteps) {
     EXPECT_STREQ(old.acl, "fred\tlrswipcda\t");  // the file's text again
     EXPECT_EQ(mailbox_rename_commit(&old, nmb, 0), 0);
     EXPECT_STREQ(old.name, "user/bob/moved");
-    EXPECT_FALSE(exists(od));
+    EXPECT_FALSE(file_exists(od));
     EXPECT_FALSE(has_peruser("user/fred/old"));
     mailbox_close(&old);
-    ASSERT_EQ(mailbox_open_path("user/bob/moved", 0, "primary", bd.c_str(), nullptr, "",
-                                auth_dontCheckAcl, &old),
-              0);
+    ASSERT_EQ(openFolder("user/bob/moved", &old), 0);
     EXPECT_EQ(old.mbd.exists, 100u);
     EXPECT_EQ(old.mbd.uidvalidity, 77u);
     ASSERT_EQ(mailbox_read_index_header_acl(&old), 0);
@@ -525,8 +381,8 @@ TEST_F(MailboxFiles, RenameSteps) {
     ASSERT_EQ(mailbox_rename_start(&old, "user/bob/moved", "spool", sd.c_str(), sm.c_str(), 0, &nmb), 0);
     EXPECT_EQ(mailbox_rename_commit(&old, nmb, 0), 0);
     EXPECT_TRUE(has_peruser("user/bob/moved"));
-    EXPECT_FALSE(exists(bd));
-    EXPECT_TRUE(exists(sm + "/00/1.msg"));
-    EXPECT_TRUE(exists(sd + "/store.idx"));
+    EXPECT_FALSE(file_exists(bd));
+    EXPECT_TRUE(file_exists(sm + "/00/1.msg"));
+    EXPECT_TRUE(file_exists(sd + "/store.idx"));
     mailbox_close(&old);
 }

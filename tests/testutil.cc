@@ -17,16 +17,14 @@
 #include <time.h>
 
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sstream>
 
 #include "store/mailbox.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
-#include "support/auth.h"
 #include "support/config.h"
-#include "support/log.h"
-#include "gtest/gtest.h"
 
 namespace testutil {
 
@@ -333,6 +331,36 @@ bool has_row(const char *name) {
     int n = mboxlist_lookup_data(name, &row, nullptr);
     free(row);
     return n > 0;
+}
+
+static void set_dbt(DBT *dbt, const std::string &s) {
+    memset(dbt, 0, sizeof *dbt);
+    dbt->data = const_cast<char *>(s.data());
+    dbt->size = (uint32_t)s.size();
+    dbt->flags = DB_DBT_READONLY;
+}
+
+bool db_put(DB *db, const std::string &k, const std::string &v) {
+    DBT key, data;
+    set_dbt(&key, k);
+    set_dbt(&data, v);
+    int r;
+    do {
+        DB_TXN *txn;
+        if (mboxlist_trans_setup(&txn, "test", "raw") != 0) return false;
+        r = mboxlist_trans_finish(txn, db->put(db, txn, &key, &data, 0));
+    } while (r == DB_LOCK_DEADLOCK);
+    return r == 0;
+}
+
+bool db_has(DB *db, const std::string &k) {
+    DBT key, data;
+    set_dbt(&key, k);
+    memset(&data, 0, sizeof data);
+    data.flags = DB_DBT_MALLOC;
+    int r = db->get(db, nullptr, &key, &data, 0);
+    free(data.data);
+    return r == 0;
 }
 
 void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,

@@ -13,6 +13,7 @@
 #include <vector>
 
 struct mailbox;
+struct __db;
 
 namespace testutil {
 
@@ -172,6 +173,12 @@ std::string folder_dir(const char *name, const char *partition = "primary");
 
 // Whether the folder database has a row for name.
 bool has_row(const char *name);
+
+// Writes key with value into one of the store's databases, in a
+// transaction of its own; false if that failed.
+bool db_put(struct __db *db, const std::string &key, const std::string &value);
+// Whether one of the store's databases holds key.
+bool db_has(struct __db *db, const std::string &key);
 
 // Writes a folder's row straight into the folder database.
 void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
