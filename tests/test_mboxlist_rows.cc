@@ -34,49 +34,10 @@ int cmp(const std::string &a, const std::string &b) {
 class OpenStore : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(configmsg_init(nullptr, 16, "rowtest"), 0);
-        ASSERT_EQ(configmsg_initlog(nullptr, "rowtest"), 0);
-        ASSERT_EQ(mboxlist_recover(), 0);
+        ASSERT_EQ(testutil::start_store("rowtest"), 0);
         ASSERT_NE(mbl, nullptr);
     }
     void TearDown() override { mboxlist_reset_for_tests(); }
-
-    void putFolder(const char *name, const char *partition, const char *acl, uint32_t exists) {
-        struct mboxdata mbd;
-        memset(&mbd, 0, sizeof(mbd));
-        mbd.version = MAILBOX_VERSION;
-        mbd.exists = exists;
-        DBT key, data;
-        mboxlist_create_struct(&key, &data, nullptr, name, &mbd, partition, acl, nullptr);
-        int r;
-        do {
-            DB_TXN *txn;
-            ASSERT_EQ(mboxlist_trans_setup(&txn, "test", name), 0);
-            r = mboxlist_trans_finish(txn, mbl->put(mbl, txn, &key, &data, 0));
-        } while (r == DB_LOCK_DEADLOCK);
-        free(data.data);
-        ASSERT_EQ(r, 0);
-    }
-
-    void putRaw(DB *db, const std::string &k, const std::string &v) {
-        DBT key = key_of(k), data = key_of(v);
-        int r;
-        do {
-            DB_TXN *txn;
-            ASSERT_EQ(mboxlist_trans_setup(&txn, "test", k.c_str()), 0);
-            r = mboxlist_trans_finish(txn, db->put(db, txn, &key, &data, 0));
-        } while (r == DB_LOCK_DEADLOCK);
-        ASSERT_EQ(r, 0);
-    }
-
-    bool hasKey(DB *db, const std::string &k) {
-        DBT key = key_of(k), data;
-        memset(&data, 0, sizeof(data));
-        data.flags = DB_DBT_MALLOC;
-        int r = db->get(db, nullptr, &key, &data, 0);
-        free(data.data);
-        return r == 0;
-    }
 
     testutil::Instance inst;
 };
@@ -134,8 +95,8 @@ TEST(MboxlistKeys, FolderRowBytes) {
 }
 
 TEST_F(OpenStore, LookupsAndPaths) {
-    putFolder("user/fred", "primary", "fred\tlrswipcda\t", 3);
-    putFolder("user/fred/old", "version3", "", 0);
+    testutil::put_row("user/fred", MAILBOX_VERSION, 3, "fred\tlrswipcda\t", 77, "primary");
+    testutil::put_row("user/fred/old", MAILBOX_VERSION, 0, "", 77, "version3");
 
     struct mboxdata mbd;
     char *part = nullptr, *path = nullptr, *mpath = nullptr, *acl = nullptr;
@@ -175,13 +136,13 @@ TEST_F(OpenStore, QuotaRowsOfEverySize) {
     full.used_low = 77;
     full.limit_messages = 50;
     full.last_dbrepair = 99;
-    putRaw(quotadb, std::string("user/full\0", 10), std::string((char *)&full, 56));
+    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/full\0", 10), std::string((char *)&full, 56)));
     // A short row of 36 bytes: the message limit reads as none.
-    putRaw(quotadb, std::string("user/short\0", 11), std::string((char *)&full, 36));
+    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/short\0", 11), std::string((char *)&full, 36)));
     // A longer row reads its first 56 bytes.
     std::string longer((char *)&full, 56);
     longer += std::string(20, 'x');
-    putRaw(quotadb, std::string("user/long\0", 10), longer);
+    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/long\0", 10), longer));
 
     struct quotadata q;
     ASSERT_EQ(mboxlist_lookup_quota("user/full", &q, nullptr), 0);
@@ -199,30 +160,30 @@ TEST_F(OpenStore, QuotaRowsOfEverySize) {
 }
 
 TEST_F(OpenStore, DeleteRemovesRowsByOwner) {
-    putFolder("user/fred", "primary", "", 0);
-    putFolder("user/fred/sent", "primary", "", 0);
-    putFolder("user/freda", "primary", "", 0);
+    testutil::put_row("user/fred", MAILBOX_VERSION, 0, "", 77, "primary");
+    testutil::put_row("user/fred/sent", MAILBOX_VERSION, 0, "", 77, "primary");
+    testutil::put_row("user/freda", MAILBOX_VERSION, 0, "", 77, "primary");
     struct quotadata q;
     memset(&q, 0, sizeof(q));
-    putRaw(quotadb, std::string("user/fred\0", 10), std::string((char *)&q, 56));
-    putRaw(subsdb, std::string("fred\0", 5), std::string(4, '\0'));
-    putRaw(subsdb, std::string("fred\0user/fred/sent\0", 20), "");
-    putRaw(subsdb, std::string("fred\0user/other\0", 16), "");
-    putRaw(subsdb, std::string("freda\0", 6), std::string(4, '\0'));
+    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/fred\0", 10), std::string((char *)&q, 56)));
+    ASSERT_TRUE(testutil::db_put(subsdb, std::string("fred\0", 5), std::string(4, '\0')));
+    ASSERT_TRUE(testutil::db_put(subsdb, std::string("fred\0user/fred/sent\0", 20), ""));
+    ASSERT_TRUE(testutil::db_put(subsdb, std::string("fred\0user/other\0", 16), ""));
+    ASSERT_TRUE(testutil::db_put(subsdb, std::string("freda\0", 6), std::string(4, '\0')));
 
     // A folder that is no quota root: only its row goes.
     ASSERT_EQ(mboxlist_delete("user/fred/sent"), 0);
-    EXPECT_FALSE(hasKey(mbl, std::string("user/fred/sent\0", 15)));
-    EXPECT_TRUE(hasKey(subsdb, std::string("fred\0user/fred/sent\0", 20)));
+    EXPECT_FALSE(testutil::db_has(mbl, std::string("user/fred/sent\0", 15)));
+    EXPECT_TRUE(testutil::db_has(subsdb, std::string("fred\0user/fred/sent\0", 20)));
 
     // The inbox: its row, the quota row and all of fred's subscriptions.
     ASSERT_EQ(mboxlist_delete("user/fred"), 0);
-    EXPECT_FALSE(hasKey(mbl, std::string("user/fred\0", 10)));
-    EXPECT_FALSE(hasKey(quotadb, std::string("user/fred\0", 10)));
-    EXPECT_FALSE(hasKey(subsdb, std::string("fred\0", 5)));
-    EXPECT_FALSE(hasKey(subsdb, std::string("fred\0user/other\0", 16)));
-    EXPECT_TRUE(hasKey(subsdb, std::string("freda\0", 6)));
-    EXPECT_TRUE(hasKey(mbl, std::string("user/freda\0", 11)));
+    EXPECT_FALSE(testutil::db_has(mbl, std::string("user/fred\0", 10)));
+    EXPECT_FALSE(testutil::db_has(quotadb, std::string("user/fred\0", 10)));
+    EXPECT_FALSE(testutil::db_has(subsdb, std::string("fred\0", 5)));
+    EXPECT_FALSE(testutil::db_has(subsdb, std::string("fred\0user/other\0", 16)));
+    EXPECT_TRUE(testutil::db_has(subsdb, std::string("freda\0", 6)));
+    EXPECT_TRUE(testutil::db_has(mbl, std::string("user/freda\0", 11)));
 
     // A folder without a row is no failure.
     EXPECT_EQ(mboxlist_delete("user/ghost"), 0);
