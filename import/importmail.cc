@@ -193,9 +193,13 @@ time_t get_internaldate(const char *lineEnd, int timeOffset, int zoneOffset, int
     const char *zone = lineEnd + zoneOffset + 1;
     if (*zone == '-' || *zone == '+') {
         // Digits are taken as they stand, with no check: the fields hold
-        // Universal Time afterwards, out of range at times.
-        int hours = 10 * zone[1] + zone[2] - 528;
-        int minutes = 10 * zone[3] + zone[4] - 528;
+        // Universal Time afterwards, out of range at times. A zone behind
+        // the year may be shorter than sign and four digits; what would lie
+        // beyond the date text reads as "0", so nothing outside the line is
+        // read.
+        auto digit = [&](int i) { return zone + i < lineEnd ? zone[i] : '0'; };
+        int hours = 10 * digit(1) + digit(2) - 528;
+        int minutes = 10 * digit(3) + digit(4) - 528;
         if (*zone == '-') {
             tm.tm_hour += hours;
             tm.tm_min += minutes;

@@ -127,6 +127,22 @@ TEST_F(ScannerTest, SeparatorFormsAndTheirDates) {
     EXPECT_LE(date_of("From joe Tue NOV  5 10:20:30 2002"), 0);
 }
 
+TEST_F(ScannerTest, ShortNumericZoneReadsNothingBeyondTheLine) {
+    // A zone behind the year of sign and two bytes: the digits that aren't
+    // there read as "0". The line sits in a buffer of its exact size, so a
+    // read past it is caught by the address sanitizer.
+    const char text[] = "From bob Tue Mar  7 17:42:10 2002 -T0\n";
+    size_t n = sizeof(text) - 1;
+    char *buf = new char[n];
+    memcpy(buf, text, n);
+    FromLine fl;
+    ASSERT_TRUE(check_fromline(buf, buf + n, &fl));
+    // "T0" as digits: 10 * 'T' + '0' - 528 = 360 hours west of UTC.
+    EXPECT_EQ(get_internaldate(fl.lineEnd, fl.timeOffset, fl.zoneOffset, fl.dateOffset),
+              1015522930 + 360 * 3600);
+    delete[] buf;
+}
+
 TEST_F(ScannerTest, UnknownZonesAndTheLibraryTable) {
     // A zone name outside the fixed table goes to the conversion library;
     // one it doesn't know leaves the date as Universal Time.
