@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/benchutil.h"
 #include "store/mailbox.h"
 #include "store/message.h"
 
@@ -31,12 +32,6 @@ struct Msg {
     size_t offset;
     size_t size;
 };
-
-double now_seconds() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
-}
 
 // Appends the messages of one mail file to text (in CRLF form) and their
 // places to msgs.
@@ -102,16 +97,8 @@ int main(int argc, char **argv) {
     std::string text;
     std::vector<Msg> msgs;
     for (int i = optind; i < argc; i++) {
-        FILE *f = fopen(argv[i], "rb");
-        if (!f) {
-            perror(argv[i]);
-            return 66;
-        }
         std::string one;
-        char buf[65536];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof(buf), f)) > 0) one.append(buf, n);
-        fclose(f);
+        if (!bench_read_file(argv[i], &one)) return 66;
         cut_messages(one, &text, &msgs);
     }
     if (msgs.empty()) {
@@ -132,7 +119,7 @@ int main(int argc, char **argv) {
     printf("input:    %zu messages, %.2f MB, %d passes\n", msgs.size(),
            (double)pass_bytes / (1024.0 * 1024.0), repeats);
 
-    double t0 = now_seconds();
+    double t0 = bench_now();
     for (int r = 0; r < repeats; r++) {
         for (size_t i = 0; i < msgs.size(); i++) {
             struct msgrange range = {blocks[i], (uint32_t)msgs[i].size, 0};
@@ -144,7 +131,7 @@ int main(int argc, char **argv) {
             message_free_body(&body);
         }
     }
-    report("tree", now_seconds() - t0, pass_bytes * (size_t)repeats, msgs.size() * (size_t)repeats);
+    report("tree", bench_now() - t0, pass_bytes * (size_t)repeats, msgs.size() * (size_t)repeats);
 
     const char *tmpdir = getenv("TMPDIR");
     std::string tmpl = std::string(tmpdir && *tmpdir ? tmpdir : "/tmp") + "/bench_parse.XXXXXX";
@@ -160,7 +147,7 @@ int main(int argc, char **argv) {
     mb.name = (char *)"bench";
 
     off_t cache_bytes = 0;
-    t0 = now_seconds();
+    t0 = bench_now();
     for (int r = 0; r < repeats; r++) {
         if (ftruncate(fd, 0) != 0 || lseek(fd, 0, SEEK_SET) != 0) {
             perror("scratch file");
@@ -176,15 +163,13 @@ int main(int argc, char **argv) {
         }
         cache_bytes = lseek(fd, 0, SEEK_CUR);
     }
-    report("delivery", now_seconds() - t0, pass_bytes * (size_t)repeats,
+    report("delivery", bench_now() - t0, pass_bytes * (size_t)repeats,
            msgs.size() * (size_t)repeats);
     close(fd);
     printf("cache:    %.0f bytes per message\n", (double)cache_bytes / (double)msgs.size());
 
     for (char *b : blocks) free(b);
-    struct rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
     printf("peak memory: %.1f MB (the input itself is held in memory)\n",
-           (double)ru.ru_maxrss / 1024.0);
+           bench_peak_mb());
     return 0;
 }

@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "bench/benchutil.h"
 #include "import/importmail.h"
 
 static int count_deliver(void *rock, const ScannedMessage *m, int *) {
@@ -20,12 +21,6 @@ static int count_deliver(void *rock, const ScannedMessage *m, int *) {
     counts[0]++;
     counts[1] += m->size;
     return 1;
-}
-
-static double now_seconds() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
 }
 
 int main(int argc, char **argv) {
@@ -46,16 +41,8 @@ int main(int argc, char **argv) {
 
     std::string input;
     for (int i = optind; i < argc; i++) {
-        FILE *f = fopen(argv[i], "rb");
-        if (!f) {
-            perror(argv[i]);
-            return 66;
-        }
         std::string one;
-        char buf[65536];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof(buf), f)) > 0) one.append(buf, n);
-        fclose(f);
+        if (!bench_read_file(argv[i], &one)) return 66;
         if (!one.empty() && one.back() != '\n') one += '\n';
         input += one;
         input += '\n';
@@ -72,18 +59,16 @@ int main(int argc, char **argv) {
 
     unsigned long counts[2] = {0, 0};
     ScanHooks hooks = {count_deliver, nullptr, counts};
-    double t0 = now_seconds();
+    double t0 = bench_now();
     scan_messages(big.data(), big.size(), &first, &hooks);
-    double secs = now_seconds() - t0;
+    double secs = bench_now() - t0;
 
-    struct rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
     double mb = (double)big.size() / (1024.0 * 1024.0);
     printf("input:        %.1f MB, %lu messages\n", mb, counts[0]);
     printf("time:         %.3f s\n", secs);
     printf("messages/s:   %.0f\n", (double)counts[0] / secs);
     printf("MB/s:         %.1f\n", mb / secs);
     printf("peak memory:  %.1f MB (the input itself is held in memory)\n",
-           (double)ru.ru_maxrss / 1024.0);
+           bench_peak_mb());
     return 0;
 }

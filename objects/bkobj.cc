@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "support/charset.h"
+#include "support/retry.h"
 #include "support/xmalloc.h"
 
 // ---- BkAttr -----------------------------------------------------------
@@ -65,26 +66,10 @@ BkObj::BkAttr *BkObj::BkAttr::getCopy() const {
 }
 
 static int write_all(int fd, const void *p, size_t n) {
-    const char *c = static_cast<const char *>(p);
-    while (n) {
-        ssize_t w = write(fd, c, n);
-        if (w <= 0) return 0;
-        c += w;
-        n -= (size_t)w;
-    }
-    return 1;
+    return retry_write(fd, p, n) == (ssize_t)n;
 }
 
-static int read_all(int fd, void *p, size_t n) {
-    char *c = static_cast<char *>(p);
-    while (n) {
-        ssize_t r = read(fd, c, n);
-        if (r <= 0) return 0;
-        c += r;
-        n -= (size_t)r;
-    }
-    return 1;
-}
+static int read_all(int fd, void *p, size_t n) { return retry_read(fd, p, n) == (ssize_t)n; }
 
 // The binary form: length of the id (4 bytes), the id without terminator,
 // type (2), timestamp (4), size of attrData (4), its bytes, dataSize (4);

@@ -10,6 +10,7 @@
 #include "store/mboxlist.h"
 
 #include <arpa/inet.h>
+#include <prinit.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -75,6 +76,20 @@ void mailbox_reloadconfig(void) {
         config_get_int(c, "local.store.subscribesynclevel", subscribe_sync_level);
 }
 
+static PRCallOnceType sync_levels_loaded;
+
+static PRStatus load_sync_levels(void) {
+    mailbox_reloadconfig();
+    return PR_SUCCESS;
+}
+
+void mailbox_loadconfig(void) { PR_CallOnce(&sync_levels_loaded, load_sync_levels); }
+
+int mailbox_index_sync_level(void) {
+    mailbox_loadconfig();
+    return index_sync_level;
+}
+
 // ---------------------------------------------------------------------------
 // Small helpers
 
@@ -116,20 +131,6 @@ static uint32_t map_word(const struct map *map, uint64_t off) {
 }
 
 static uint64_t round4(uint64_t n) { return (n + 3) & ~(uint64_t)3; }
-
-static ssize_t read_full(int fd, void *buf, size_t len) {
-    size_t done = 0;
-    while (done < len) {
-        ssize_t n = read(fd, (char *)buf + done, len - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) break;
-        done += (size_t)n;
-    }
-    return (ssize_t)done;
-}
 
 // Writes len zero bytes at the current offset.
 static int write_zeros(int fd, uint64_t len) {
@@ -269,7 +270,7 @@ int mailbox_read_index_fixed_header(struct mailbox *mailbox) {
     if (partial) {
         char head[INDEX_HEADER_SIZE];
         if (lseek(mailbox->index_fd, 0, SEEK_SET) < 0 ||
-            read_full(mailbox->index_fd, head, sizeof head) != (ssize_t)sizeof head) {
+            retry_read(mailbox->index_fd, head, sizeof head) != (ssize_t)sizeof head) {
             if (!quiet)
                 svclog(nullptr, 58, "Mailbox corrupted, missing fixed headers: %s",
                        mbname(mailbox));

@@ -137,6 +137,10 @@ struct iovec;
 // local.store.synclevel for all six, then each specific key
 // (local.store.{message,cache,index,expunge,peruser,subscribe}synclevel).
 void mailbox_reloadconfig(void);
+// Reads them once per process, at the first call (the first open).
+void mailbox_loadconfig(void);
+// The sync level of "store.idx", read once per process.
+int mailbox_index_sync_level(void);
 
 // "%02lu/%lu.msg" of uid into buf (MAILBOX_FNAME_SIZE bytes); gives buf.
 char *mailbox_message_fname(struct mailbox *mailbox, unsigned long uid, char *buf);

@@ -27,17 +27,6 @@
 
 static const char create_zeros[MAILBOX_CREATE_SLOTS * INDEX_RECORD_SIZE] = {0};
 
-// The sync level of "store.idx", read as the folder module reads it: the
-// general key first, the specific key over it.
-static int index_sync_level(void)
-{
-    config_cache *c = config_getdefaultcache();
-    int level = 1;
-    int all = config_get_int(c, "local.store.synclevel", -1);
-    if (all != -1) level = all;
-    return config_get_int(c, "local.store.indexsynclevel", level);
-}
-
 static int join_path(char *buf, size_t size, const char *dir, const char *file)
 {
     int n = snprintf(buf, size, "%s/%s", dir, file);
@@ -48,21 +37,6 @@ static int join_path(char *buf, size_t size, const char *dir, const char *file)
     return 0;
 }
 
-static ssize_t pread_full(int fd, void *buf, size_t len, off_t off)
-{
-    size_t done = 0;
-    while (done < len) {
-        ssize_t n = pread(fd, (char *)buf + done, len - done, off + (off_t)done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) break;
-        done += (size_t)n;
-    }
-    return (ssize_t)done;
-}
-
 // Reads the summary and header at the start of fd into mbd and hdr.
 // 1 if the file is a live folder: longer than the fixed header, both parts
 // read whole, and messages counted.
@@ -70,9 +44,9 @@ static int read_live_header(int fd, struct mboxdata *mbd, struct index_header *h
 {
     struct stat st;
     if (fstat(fd, &st) != 0 || st.st_size <= INDEX_HEADER_SIZE) return 0;
-    if (pread_full(fd, mbd, sizeof *mbd, 0) != (ssize_t)sizeof *mbd) return 0;
+    if (retry_pread(fd, mbd, sizeof *mbd, 0) != (ssize_t)sizeof *mbd) return 0;
     if (mbd->exists == 0) return 0;
-    return pread_full(fd, hdr, sizeof *hdr, sizeof *mbd) == (ssize_t)sizeof *hdr;
+    return retry_pread(fd, hdr, sizeof *hdr, sizeof *mbd) == (ssize_t)sizeof *hdr;
 }
 
 // Gives the handle copies of the folder's strings and all rights.
@@ -248,7 +222,7 @@ int mailbox_create(const char *name, const char *partition, const char *path, co
             r = -1;
         }
     }
-    if (!r && sync_file(mb->index_fd, index_sync_level()) != 0) {
+    if (!r && sync_file(mb->index_fd, mailbox_index_sync_level()) != 0) {
         svclog(nullptr, 59, "Unable to write index for %s: %m", name);
         r = IMAP_IOERROR;
     }
@@ -365,6 +339,20 @@ int mailbox_delete(struct mailbox *mailbox, int keep_peruser)
 // ---------------------------------------------------------------------------
 // Copies of files
 
+// copy_file with a hard link first and, where that fails, a copy of the
+// bytes (across file systems).
+static int copy_with_fallback(const char *source, const char *target)
+{
+    if (copy_file(source, target, 1) == 0) return 0;
+    if (unlink(target) != 0 && errno != ENOENT) {
+        svclog(nullptr, 59, "Unable to remove %s: %m", target);
+        return IMAP_IOERROR;
+    }
+    if (copy_file(source, target, 0) == 0) return 0;
+    svclog(nullptr, 59, "Unable to copy to %s: %m", target);
+    return IMAP_IOERROR;
+}
+
 int mailbox_copyfile(const char *source, const char *target)
 {
     if (link(source, target) == 0) return 0;
@@ -375,14 +363,7 @@ int mailbox_copyfile(const char *source, const char *target)
         }
         if (link(source, target) == 0) return 0;
     }
-    if (copy_file(source, target, 1) == 0) return 0;
-    if (unlink(target) != 0 && errno != ENOENT) {
-        svclog(nullptr, 59, "Unable to remove %s: %m", target);
-        return IMAP_IOERROR;
-    }
-    if (copy_file(source, target, 0) == 0) return 0;
-    svclog(nullptr, 59, "Unable to copy to %s: %m", target);
-    return IMAP_IOERROR;
+    return copy_with_fallback(source, target);
 }
 
 int mailbox_copymsgfile(const char *source, const char *target)
@@ -405,14 +386,7 @@ int mailbox_copymsgfile(const char *source, const char *target)
         }
         if (was == ENOENT && link(source, target) == 0) return 0;
     }
-    if (copy_file(source, target, 1) == 0) return 0;
-    if (unlink(target) != 0 && errno != ENOENT) {
-        svclog(nullptr, 59, "Unable to remove %s: %m", target);
-        return IMAP_IOERROR;
-    }
-    if (copy_file(source, target, 0) == 0) return 0;
-    svclog(nullptr, 59, "Unable to copy to %s: %m", target);
-    return IMAP_IOERROR;
+    return copy_with_fallback(source, target);
 }
 
 int expungeall(void *, const struct index_record *) { return 1; }

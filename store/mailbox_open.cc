@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <prerror.h>
-#include <prinit.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -31,13 +30,6 @@
 #include "support/map.h"
 #include "support/xmalloc.h"
 
-// The sync levels are read at the first open of the process.
-static PRCallOnceType loaded_config;
-
-static PRStatus load_config(void) {
-    mailbox_reloadconfig();
-    return PR_SUCCESS;
-}
 
 // ---------------------------------------------------------------------------
 // Small helpers
@@ -375,7 +367,7 @@ static int open_from_disk(const char *name, unsigned mode, const struct auth_sta
 
 int mailbox_open(const char *name, unsigned mode, const struct auth_state *auth,
                  struct mailbox *mailbox) {
-    PR_CallOnce(&loaded_config, load_config);
+    mailbox_loadconfig();  // the sync levels, at the first open of the process
     *mailbox = zeromailbox;
 
     struct mboxdata dbmbd;

@@ -45,6 +45,29 @@ ssize_t retry_write(int fd, const void *buf, size_t count) {
 // Writes all of iov, at most IOV_MAX entries per system call. The caller's
 // array is left alone: each call gets a copy of the entries still due, the
 // first one trimmed by what an earlier short write already took.
+// Reads at the current offset (offset < 0) or at offset.
+static ssize_t read_whole(int fd, void *buf, size_t count, off_t offset) {
+    size_t done = 0;
+    while (done < count) {
+        char *p = static_cast<char *>(buf) + done;
+        ssize_t n = offset < 0 ? read(fd, p, count - done)
+                               : pread(fd, p, count - done, offset + (off_t)done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) break;
+        done += (size_t)n;
+    }
+    return (ssize_t)done;
+}
+
+ssize_t retry_read(int fd, void *buf, size_t count) { return read_whole(fd, buf, count, -1); }
+
+ssize_t retry_pread(int fd, void *buf, size_t count, off_t offset) {
+    return offset < 0 ? (errno = EINVAL, -1) : read_whole(fd, buf, count, offset);
+}
+
 ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt) {
     if (iovcnt < 0 || (iovcnt > 0 && !iov)) {
         errno = EINVAL;

@@ -7,6 +7,11 @@
 #include <sys/uio.h>
 
 ssize_t retry_write(int fd, const void *buf, size_t count);
+// Reads until count bytes have come or the file ends, trying again after
+// interruptions; returns the bytes read (short only at the end of the
+// file), or -1. retry_pread does the same at a file offset.
+ssize_t retry_read(int fd, void *buf, size_t count);
+ssize_t retry_pread(int fd, void *buf, size_t count, off_t offset);
 ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt);
 
 // Levels of sync_file:
