@@ -1,7 +1,15 @@
 // The folder database: five Berkeley DB B-trees in one transactional
 // environment ("folder.db", "quota.db", "subscr.db", "lright.db",
-// "peruser.db"), a lock-only environment for folder locks, the start-up and
-// recovery of the store, and the repairs of the database directory.
+// "peruser.db") and a lock-only environment for folder locks.
+//
+// The module has three parts, each with a header of its own:
+//   store/mboxlist.h          rows, lookups and transactions (this file)
+//   store/mboxlist_env.h      the environments, session locks and the
+//                             daemon's periodic maintenance
+//   store/mboxlist_startup.h  start-up, recovery and the repairs of the
+//                             database directory
+// Including this header brings in the other two, because no row can be read
+// before the store has been started and its environment joined.
 #ifndef STORE_MBOXLIST_H
 #define STORE_MBOXLIST_H
 
@@ -10,6 +18,8 @@
 #include <time.h>
 
 #include "store/mailbox.h"
+#include "store/mboxlist_env.h"
+#include "store/mboxlist_startup.h"
 
 // The row of "quota.db": fourteen host-order words.
 struct quotadata {
@@ -38,21 +48,6 @@ extern DB *mbl;       // folder.db
 extern DB *quotadb;   // quota.db
 extern DB *subsdb;    // subscr.db
 extern DB *lrightdb;  // lright.db
-extern DB_ENV *mboxlist_dbenv;
-extern DB_ENV *mboxlockenv;
-
-extern uint32_t do_recovery;
-extern int mboxlist_dont_check_stored;
-extern int mboxlist_do_final_checkpoint;
-extern int mboxlist_db_memp_fsync;
-extern int ensureownerrights;
-extern int mboxlist_listrecover;
-extern uint32_t mboxlist_last_catastrophic_event;
-extern uint32_t mboxlist_last_catastrophic_check;
-extern int db_state;
-extern int catrecov;
-extern int catrecov_forced;
-extern char mboxlistdir[1024];
 
 // ---- rows and lookups ---------------------------------------------------
 
@@ -90,90 +85,5 @@ int mboxlist_delete(const char *name);
 // the transaction; the Berkeley DB result.
 int mboxlist_delete_subscriptions(DB_TXN *txn, const char *owner);
 int mbox_count(const char *name, int matchlen, int maycreate, void *row, void *counter);
-
-// ---- environment and sessions ------------------------------------------
-
-// Asks mboxlist_open_env for commits that don't sync the log. The request
-// travels in a bit of its own among the open flags: the library gives
-// DB_TXN_NOSYNC the same value as DB_CREATE.
-#define MBOXLIST_TXN_NOSYNC 0x40000000u
-
-int mboxlist_session_lock(void);
-void mboxlist_session_unlock(void);
-int register_with_watcher(void);
-int mboxlist_open_env(uint32_t flags, const char *home);
-int mboxlist_remove_env(int only_tmpfiles);
-void mboxlist_close(void);
-int mboxlist_recover(void);
-void mboxlist_err(const DB_ENV *env, const char *prefix, const char *message);
-
-int mboxlist_deadlockcheck(void);
-int mboxlist_checkpoint15(void);
-int mboxlist_checkpoint60(void);
-int mboxlist_checkpoint300(void);
-
-int mboxlist_log_archive_obsolete(char ***list);
-int mboxlist_log_archive_current(char ***list);
-int mboxlist_log_count(void);
-int mboxlist_log_count_nodb(void);
-int mboxlist_maxlog_check(int count);
-
-// ---- start-up and recovery ----------------------------------------------
-
-int mboxlist_init(void);
-int mboxlist_initactual(void);
-int mboxlist_mboxlist_path(char *buf);
-int check_db_dir(const char *dir, uint32_t *exists, int *nfiles, int *nfiles_u, int *logs,
-                 long *lowest, long *highest);
-int db_log_version(const char *dir, const char *file);
-int get_phase_sequence(unsigned *count, uint32_t *numbers, const char *file);
-int phase_function_execute(uint32_t number);
-int storestartup_phaseI(const char *dir, int have_cache, const char *cachedir);
-int storestartup_phaseII(const char *dir, int have_cache, const char *cachedir);
-int storestartup_phaseIII(uint32_t flags);
-// Forgets what start-up did, so that a test can start the store again in
-// the same process after mboxlist_close.
-void mboxlist_reset_for_tests(void);
-
-// Bits of check_db_dir's exists mask.
-#define DBDIR_FOLDER 0x00001
-#define DBDIR_QUOTA 0x00002
-#define DBDIR_PERUSER 0x00004
-#define DBDIR_SUBSCR 0x00008
-#define DBDIR_LRIGHT 0x00010
-#define DBDIR_DB_CONFIG 0x00100
-#define DBDIR_FOLDERLOCK 0x00200
-#define DBDIR_SESSIONS 0x00400
-#define DBDIR_REGION1 0x00800  // "__db.001"; the next four bits are 002 to 005
-#define DBDIR_CATRECOV 0x10000
-
-// ---- database files and snapshots ---------------------------------------
-
-extern int nsnaps;
-extern uint32_t snaptimes[5];
-extern char snapdirs[5][5];
-extern char snapPath[1024];
-extern uint32_t stored_last_snapshot;
-extern uint32_t stored_last_checkpoint;
-
-#define DBGROUP_LOGS 1
-#define DBGROUP_DATABASES 2
-#define DBGROUP_REGIONS 4
-#define DBGROUP_CONFIG 8
-
-int db_rm(const char *dir, int mask);
-int db_file_copy(const char *target, const char *source);
-int db_copy(const char *target, const char *source);
-int rename_db(const char *target, const char *source);
-int backup_rename_db(void);
-int write_db_config(const char *dbdir, const char *cachedir);
-int zero_lsn(const char *path, int pagesize);
-int zero_logs(const char *dir);
-int recover_snapshot(const char *dbdir, int have_cache, const char *cachedir, const char *snapdir);
-int remove_db(const char *dbdir, const char *cachedir);
-int insert_template(void);
-int mboxlist_snapshot_path(char *buf);
-int analyse_snapshots(const char *place, int *count, uint32_t *times, char (*names)[5]);
-int snapshot_abort(void);
 
 #endif
