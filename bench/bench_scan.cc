@@ -58,9 +58,9 @@ int main(int argc, char **argv) {
     }
 
     unsigned long counts[2] = {0, 0};
-    ScanHooks hooks = {count_deliver, nullptr, counts};
+    ScanHooks hooks = {count_deliver, nullptr, counts, 0};
     double t0 = bench_now();
-    scan_messages(big.data(), big.size(), &first, &hooks);
+    scan_messages(big.data(), big.size(), -1, &first, &hooks);
     double secs = bench_now() - t0;
 
     double mb = (double)big.size() / (1024.0 * 1024.0);

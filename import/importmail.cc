@@ -11,10 +11,10 @@
 #include <string.h>
 #include <strings.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "objects/bkobj.h"
 #include "store/message.h"
-#include "support/charset.h"
 #include "support/map.h"
 #include "support/timeutil.h"
 #include "support/xmalloc.h"
@@ -29,8 +29,7 @@ static const char *const monthname[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Ju
 
 // The message buffer: it lives from message to message and only grows.
 static char *msg = nullptr;
-static int msg_size = 0;
-static int msg_alloc = 8192;
+static size_t msg_alloc = 8192;
 
 // Room for the path of a message: the folder's path, "/" and a number.
 static const size_t PATH_BUFSIZE = 1024;
@@ -188,76 +187,60 @@ time_t get_internaldate(const char *lineEnd, int timeOffset, int zoneOffset, int
     year[4] = '\0';
     tm.tm_year = atoi(year) - 1900;
 
+    // A date without a zone counts as local time.
     if (zoneOffset == 0) return mktime(&tm);
 
+    // Otherwise the fields are brought to Universal Time, out of range at
+    // times, and mkgmtime puts them into range. (mktime would do that by
+    // the local zone's rules and shift dates near a daylight saving change.)
     const char *zone = lineEnd + zoneOffset + 1;
-    if (*zone == '-' || *zone == '+') {
-        // Digits are taken as they stand, with no check: the fields hold
-        // Universal Time afterwards, out of range at times. A zone behind
-        // the year may be shorter than sign and four digits; what would lie
-        // beyond the date text reads as "0", so nothing outside the line is
-        // read.
-        auto digit = [&](int i) { return zone + i < lineEnd ? zone[i] : '0'; };
-        int hours = 10 * digit(1) + digit(2) - 528;
-        int minutes = 10 * digit(3) + digit(4) - 528;
-        if (*zone == '-') {
-            tm.tm_hour += hours;
-            tm.tm_min += minutes;
-        } else {
-            tm.tm_hour -= hours;
-            tm.tm_min -= minutes;
-        }
-    } else if (!strncasecmp(zone, "EDT", 3)) {
-        tm.tm_hour += 4;
-    } else if (!strncasecmp(zone, "EST", 3) || !strncasecmp(zone, "CDT", 3)) {
-        tm.tm_hour += 5;
-    } else if (!strncasecmp(zone, "CST", 3) || !strncasecmp(zone, "MDT", 3)) {
-        tm.tm_hour += 6;
-    } else if (!strncasecmp(zone, "MST", 3) || !strncasecmp(zone, "PDT", 3)) {
-        tm.tm_hour += 7;
-    } else if (!strncasecmp(zone, "PST", 3)) {
-        tm.tm_hour += 8;
-    } else if (!strncasecmp(zone, "GMT", 3) || !strncasecmp(zone, "UT", 2)) {
-        // Universal Time already.
-    } else {
-        char name[16];
-        size_t n = 0;
-        while (n < sizeof(name) - 1 && zone + n < lineEnd && zone[n] != ' ') {
-            name[n] = zone[n];
-            n++;
-        }
-        name[n] = '\0';
-        char sign = '+';
-        int hours = 0, minutes = 0;
-        if (MCV_TimeZoneToOffset(name, &sign, &hours, &minutes)) {
-            if (sign == '-') {
-                tm.tm_hour += hours;
-                tm.tm_min += minutes;
-            } else {
-                tm.tm_hour -= hours;
-                tm.tm_min -= minutes;
-            }
-        }
-    }
-    mktime(&tm);
+    int minutes;
+    if (!message_parse_zone(zone, (size_t)(lineEnd - zone), &minutes)) return 0;
+    tm.tm_min -= minutes;
     return mkgmtime(&tm);
 }
 
 // ---- message loop -----------------------------------------------------
 
+namespace {
+// The message being cut, as it stands after the lines taken so far.
+struct Cut {
+    size_t size;           // bytes of the message as stored
+    size_t contentLength;  // value of the last "content-length: " header, 0 if none
+    size_t bodyBytes;      // input bytes of body lines, counted while contentLength is set
+    unsigned statusFlags;
+    unsigned xStatusFlags;
+    bool inHeader;  // until the first line after the first blank line
+    bool lastBlank;
+};
+
+// The mail file: its map, and the descriptor for finding holes, or -1.
+struct Input {
+    const char *base;
+    const char *end;
+    int fd;
+};
+}  // namespace
+
+// Room a line may need beyond its own bytes: a space in front, CR and LF;
+// and at the end of a message a CR LF for a message without body and a NUL.
+static const size_t LINE_EXTRA = 3;
+static const size_t BUFFER_SLACK = 2 * LINE_EXTRA;
+// A stretch without a line end after which the scanner looks for a hole.
+static const size_t HOLE_PROBE = (size_t)1 << 20;
+
 // Reads the flags and the content length from one header line, and tells
 // whether the line needs a space in front to be a field or a continuation.
-static int header_line(const char *line, size_t len, unsigned *statusFlags,
-                       unsigned *xStatusFlags, int *contentLength) {
+static int header_line(const char *line, size_t len, Cut *c) {
     if (len >= 8 && !strncasecmp(line, "status: ", 8)) {
         for (size_t i = 8; i < len && line[i] != '\n' && line[i] != '\0'; i++) {
-            if (line[i] == 'R') *statusFlags |= 1;
-            if (line[i] == 'D') *statusFlags |= 2;
+            if (line[i] == 'R') c->statusFlags |= 1;
+            if (line[i] == 'D') c->statusFlags |= 2;
         }
     }
     if (len >= 10 && !strncasecmp(line, "x-status: ", 10)) {
         for (size_t i = 10; i < len && line[i] != '\n' && line[i] != '\0'; i++)
-            if (line[i] == 'A') *xStatusFlags |= 1;
+            if (line[i] == 'A') c->xStatusFlags |= 1;
     }
     if (!noContentLen && len >= 16 && !strncasecmp(line, "content-length: ", 16)) {
         // The value is read up to the end of the line only.
@@ -268,8 +251,8 @@ static int header_line(const char *line, size_t len, unsigned *statusFlags,
             n++;
         }
         num[n] = '\0';
-        int v = atoi(num);
-        *contentLength = v < 0 ? 0 : v;
+        long long v = strtoll(num, nullptr, 10);
+        c->contentLength = v < 0 ? 0 : (size_t)v;
     }
 
     // The space rule: every line of the header block becomes a field line
@@ -281,31 +264,110 @@ static int header_line(const char *line, size_t len, unsigned *statusFlags,
     return i < len && line[i] == ':' ? 0 : 1;
 }
 
-static int grow_buffer(size_t need) {
-    if (need > (size_t)0x7fffffff) return 0;
-    int old = msg_alloc;
-    while ((size_t)msg_alloc < need) msg_alloc *= 2;
-    if (msg_alloc != old || !msg) msg = static_cast<char *>(xrealloc(msg, (size_t)msg_alloc));
-    return msg != nullptr;
+// Whether the line at line ends the message: a separator after a blank
+// line, unless a content length still protects the body. The blank line in
+// front of a separator belongs to the mail file: it is CR LF, or a bare LF
+// when it was the message's first line.
+static inline bool ends_message(Cut *c, const char *line, const char *end, FromLine *sep) {
+    if (!c->lastBlank || (c->contentLength != 0 && c->bodyBytes < c->contentLength) ||
+        !check_fromline(line, end, sep))
+        return false;
+    c->size = c->size >= 2 ? c->size - 2 : 0;
+    return true;
 }
 
-int scan_messages(const char *base, size_t len, const FromLine *first, const ScanHooks *hooks) {
-    const char *end = base + len;
+// Takes the line [line, line + len) (its LF not included; hasLf tells
+// whether one follows) into the message: copies it to out with Copy, or
+// only counts it. Both ways give the same size.
+template <bool Copy>
+static inline void take_line(Cut *c, const char *line, size_t len, bool hasLf, char *out) {
+    if (c->lastBlank && c->inHeader) c->inHeader = false;
+    // A blank line is LF alone or CR LF.
+    c->lastBlank = len == 0 || (len == 1 && line[0] == '\r' && hasLf);
+
+    if (c->inHeader && !c->lastBlank && header_line(line, len, c)) {
+        if (Copy) out[c->size] = ' ';
+        c->size++;
+    }
+    if (Copy) {
+        char *dst = out + c->size;
+        memcpy(dst, line, len);
+        if (c->inHeader)
+            for (size_t i = 0; i < len; i++) dst[i] &= 0x7f;
+    }
+    if (!c->inHeader && c->contentLength != 0) c->bodyBytes += len + 1;
+    c->size += len;
+    // Every line ends in CR LF; a CR of the input (in the header, a byte
+    // that became CR) is not doubled. What stands in front of an empty
+    // line is the LF of the one before.
+    bool endsInCr = len > 0 && (c->inHeader ? line[len - 1] & 0x7f : line[len - 1]) == '\r';
+    if (c->size != 0 && !endsInCr) {
+        if (Copy) out[c->size] = '\r';
+        c->size++;
+    }
+    if (Copy) out[c->size] = '\n';
+    c->size++;
+}
+
+// The next LF at or behind p, or null. Holes of a sparse file read as NUL
+// bytes: after a stretch without a line end, the rest of a hole is passed
+// over without reading its pages.
+static const char *find_lf(const char *p, const Input &in) {
+    for (;;) {
+        size_t n = (size_t)(in.end - p) < HOLE_PROBE ? (size_t)(in.end - p) : HOLE_PROBE;
+        const char *nl = static_cast<const char *>(memchr(p, '\n', n));
+        if (nl || n < HOLE_PROBE) return nl;
+        p += n;
+        if (in.fd < 0 || p == in.end) continue;
+        off_t at = (off_t)(p - in.base);
+        off_t data = lseek(in.fd, at, SEEK_DATA);
+        if (data < 0 && errno == ENXIO) return nullptr;  // nothing but a hole behind
+        if (data > at) p = data < in.end - in.base ? in.base + data : in.end;
+    }
+}
+
+// Follows the message from the line at p to its end without copying it;
+// *c goes on as if the lines were cut. Returns where the message ends: at
+// the separator put into *sep, or at the end of the input.
+static const char *measure_rest(const char *p, const Input &in, Cut *c, FromLine *sep) {
+    while (p < in.end) {
+        if (ends_message(c, p, in.end, sep)) return p;
+        const char *nl = find_lf(p, in);
+        take_line<false>(c, p, (size_t)((nl ? nl : in.end) - p), nl != nullptr, nullptr);
+        p = nl ? nl + 1 : in.end;
+    }
+    return in.end;
+}
+
+// Makes room for a message of size bytes, as measured. The buffer
+// doubles, but never beyond what the largest message allowed needs.
+static void grow_buffer(size_t size, size_t maxSize) {
+    const size_t need = size + BUFFER_SLACK + LINE_EXTRA;
+    const size_t cap = maxSize + BUFFER_SLACK + LINE_EXTRA;
+    size_t alloc = msg_alloc;
+    while (alloc < need) alloc *= 2;
+    if (alloc > cap && cap >= need) alloc = cap;
+    if (alloc > msg_alloc) {
+        msg = static_cast<char *>(xrealloc(msg, alloc));
+        msg_alloc = alloc;
+    }
+}
+
+int scan_messages(const char *base, size_t len, int fd, const FromLine *first,
+                  const ScanHooks *hooks) {
+    const Input in = {base, base + len, fd};
+    const size_t maxSize = hooks->maxSize ? hooks->maxSize : MESSAGE_SIZE_MAX;
     const char *cursor = base;
     FromLine sep = *first;
     int result = 1;
 
     msg_alloc = 8192;
-    msg_size = 0;
-    msg = static_cast<char *>(xmalloc((size_t)msg_alloc));
+    msg = static_cast<char *>(xmalloc(msg_alloc));
 
-    while (cursor < end) {
+    while (cursor < in.end) {
         if (hooks->stop && hooks->stop(hooks->rock)) break;
 
-        unsigned statusFlags = 0, xStatusFlags = 0;
-        int inHeader = 1, lastBlank = 0, contentLength = 0, bodyBytes = 0;
-        msg_size = 0;
-
+        Cut c = {0, 0, 0, 0, 0, true, false};
         time_t internalDate =
             get_internaldate(sep.lineEnd, sep.timeOffset, sep.zoneOffset, sep.dateOffset);
         time_t now = time(nullptr);
@@ -315,71 +377,55 @@ int scan_messages(const char *base, size_t len, const FromLine *first, const Sca
         }
 
         // Behind the separator line.
-        const char *nl = static_cast<const char *>(memchr(cursor, '\n', (size_t)(end - cursor)));
-        cursor = nl ? nl + 1 : end;
+        const char *nl = static_cast<const char *>(memchr(cursor, '\n', (size_t)(in.end - cursor)));
+        cursor = nl ? nl + 1 : in.end;
 
-        int bufferFailed = 0;
-        while (cursor < end) {
-            nl = static_cast<const char *>(memchr(cursor, '\n', (size_t)(end - cursor)));
-            size_t lineLen = (size_t)((nl ? nl : end) - cursor);
-
-            if (!grow_buffer(lineLen + (size_t)msg_size + 10)) {
-                bufferFailed = 1;
-                break;
-            }
-
-            if (lastBlank && !(contentLength != 0 && bodyBytes < contentLength)) {
-                FromLine cand;
-                if (check_fromline(cursor, end, &cand)) {
-                    // The blank line in front of a separator belongs to the
-                    // mail file, not to the message.
-                    if (msg_size >= 2 && msg[msg_size - 2] == '\r')
-                        msg_size -= 2;
-                    else if (msg_size >= 1)
-                        msg_size -= 1;
-                    sep = cand;
+        bool tooLarge = false;
+        while (cursor < in.end) {
+            if (ends_message(&c, cursor, in.end, &sep)) break;
+            // The line is looked for only as far as the buffer has room.
+            size_t avail = (size_t)(in.end - cursor);
+            size_t room = msg_alloc - c.size > BUFFER_SLACK ? msg_alloc - c.size - BUFFER_SLACK : 0;
+            nl = static_cast<const char *>(memchr(cursor, '\n', avail < room ? avail : room));
+            if (!nl && avail > room) {
+                // Not enough room: measure the rest of the message before
+                // the buffer grows, so a message too large is never copied.
+                Cut whole = c;
+                FromLine next;
+                const char *stop = measure_rest(cursor, in, &whole, &next);
+                if (whole.inHeader) whole.size += 2;
+                if (whole.size > maxSize) {
+                    c.size = whole.size;
+                    tooLarge = true;
+                    if (stop < in.end) sep = next;
+                    cursor = stop;
                     break;
                 }
+                grow_buffer(whole.size, maxSize);
+                continue;
             }
-            if (lastBlank && inHeader) inHeader = 0;
-            // A blank line is LF alone or CR LF.
-            lastBlank = lineLen == 0 || (lineLen == 1 && cursor[0] == '\r' && nl != nullptr);
+            take_line<true>(&c, cursor, (size_t)((nl ? nl : in.end) - cursor), nl != nullptr, msg);
+            cursor = nl ? nl + 1 : in.end;
+        }
 
-            if (inHeader && !lastBlank &&
-                header_line(cursor, lineLen, &statusFlags, &xStatusFlags, &contentLength))
-                msg[msg_size++] = ' ';
-
-            char *dst = msg + msg_size;
-            memcpy(dst, cursor, lineLen);
-            if (inHeader) {
-                for (size_t i = 0; i < lineLen; i++) dst[i] &= 0x7f;
-            } else if (contentLength != 0) {
-                bodyBytes += (int)lineLen + 1;
+        if (!tooLarge) {
+            // A message without a body gets the blank line that ends its
+            // header.
+            if (c.inHeader) {
+                msg[c.size++] = '\r';
+                msg[c.size++] = '\n';
             }
-            msg_size += (int)lineLen;
-            if (msg_size != 0 && msg[msg_size - 1] != '\r') msg[msg_size++] = '\r';
-            msg[msg_size++] = '\n';
-
-            cursor = nl ? nl + 1 : end;
+            msg[c.size] = '\0';
+            tooLarge = c.size > maxSize;
         }
-        if (bufferFailed) {
-            result = 0;
-            break;
-        }
-
-        if (inHeader) {
-            msg[msg_size++] = '\r';
-            msg[msg_size++] = '\n';
-        }
-        msg[msg_size] = '\0';
 
         ScannedMessage m;
-        m.text = msg;
-        m.size = (size_t)msg_size;
+        m.text = tooLarge ? nullptr : msg;
+        m.size = c.size;
         m.internalDate = internalDate;
-        m.statusFlags = statusFlags;
-        m.xStatusFlags = xStatusFlags;
-        m.offset = (long)(cursor - base);
+        m.statusFlags = c.statusFlags;
+        m.xStatusFlags = c.xStatusFlags;
+        m.offset = (size_t)(cursor - base);
         int more = 1;
         result = hooks->deliver(hooks->rock, &m, &more);
         if (!more) break;
@@ -387,7 +433,6 @@ int scan_messages(const char *base, size_t len, const FromLine *first, const Sca
 
     free(msg);
     msg = nullptr;
-    msg_size = 0;
     msg_alloc = 8192;
     return result;
 }
@@ -410,24 +455,34 @@ static int import_stop(void *rock) {
 
 static int import_deliver(void *rock, const ScannedMessage *m, int *more) {
     ImportRun *run = static_cast<ImportRun *>(rock);
-    if (run->debug) printf("msg size: %lu offset: %d\n", (unsigned long)m->size, (int)m->offset);
-
     run->number++;
-    snprintf(run->msgPath, sizeof(run->msgPath), "%s/%d", run->folderPath, run->number);
-    if (Verbose > 1) fprintf(stderr, "%s\n", run->msgPath);
+    int rc;
+    if (!m->text) {
+        fprintf(stderr,
+                "Error: message %d is %lu bytes, more than the %lu bytes a message of the store "
+                "can hold; not loaded\n",
+                run->number, (unsigned long)m->size, (unsigned long)MESSAGE_SIZE_MAX);
+        run->session->setExitCode(65);
+        rc = 0;
+    } else {
+        if (run->debug)
+            printf("msg size: %lu offset: %lu\n", (unsigned long)m->size, (unsigned long)m->offset);
+        snprintf(run->msgPath, sizeof(run->msgPath), "%s/%d", run->folderPath, run->number);
+        if (Verbose > 1) fprintf(stderr, "%s\n", run->msgPath);
 
-    Message *message = new Message(run->session, run->msgPath, 0);
-    message->setMsgInfo((long)m->internalDate, (unsigned)m->size, m->statusFlags,
-                        m->xStatusFlags, 0, 0);
-    Vdata text((unsigned)m->size, const_cast<char *>(m->text), 0);
-    int rc = message->restoreData(&text);
+        Message *message = new Message(run->session, run->msgPath, 0);
+        message->setMsgInfo((long)m->internalDate, (unsigned)m->size, m->statusFlags,
+                            m->xStatusFlags, 0, 0);
+        Vdata text((unsigned)m->size, const_cast<char *>(m->text), 0);
+        rc = message->restoreData(&text);
+        delete message;
+    }
     if (rc == 0) {
         if (AutoAns == 2)
             *more = 0;
         else if (AutoAns == 0 && !prompt_user("Import failed. Do you want to continue? [Y/N] "))
             *more = 0;
     }
-    delete message;
     return rc;
 }
 
@@ -498,8 +553,8 @@ int importmail(BkSession *session, const char *user, int fd, const char *folder)
         run.folderPath = folderPath;
         run.number = 0;
         run.debug = debug;
-        ScanHooks hooks = {import_deliver, import_stop, &run};
-        result = scan_messages(base, len, &first, &hooks);
+        ScanHooks hooks = {import_deliver, import_stop, &run, 0};
+        result = scan_messages(base, len, fd, &first, &hooks);
     }
     map_free(m);
     return result;

@@ -30,30 +30,44 @@ int check_fromline(const char *start, const char *end, FromLine *fl);
 // if the date is no good.
 time_t get_internaldate(const char *lineEnd, int timeOffset, int zoneOffset, int dateOffset);
 
+// The largest message the store can hold, in bytes as stored (CRLF line
+// ends): its size is a 32-bit unsigned word in the index record, in the
+// folder's largest-message field, in the message object and in the
+// description of a delivery. The scanner refuses larger messages.
+static const size_t MESSAGE_SIZE_MAX = 0xFFFFFFFFu;
+
 // One message as the scanner cut it: the text with CRLF line ends (a NUL
-// stands behind it, not counted in size).
+// stands behind it, not counted in size). A message larger than the limit
+// is not cut: text is null, size is what it would have been.
 struct ScannedMessage {
     const char *text;
     size_t size;
     time_t internalDate;
     unsigned statusFlags;   // bit 0 seen ("R"), bit 1 deleted ("D")
     unsigned xStatusFlags;  // bit 0 answered ("A")
-    long offset;            // where the scanner stands in the file after the message
+    size_t offset;          // where the scanner stands in the file after the message
 };
 
 struct ScanHooks {
-    // Delivers one message; returns the delivery's result (1 for success)
-    // and clears *more to end the run.
+    // Delivers one message, or refuses one that is too large (text null);
+    // returns the delivery's result (1 for success) and clears *more to
+    // end the run.
     int (*deliver)(void *rock, const ScannedMessage *m, int *more);
     // Polled before each message: non-zero ends the run.
     int (*stop)(void *rock);
     void *rock;
+    // The largest message to cut; 0 means MESSAGE_SIZE_MAX.
+    size_t maxSize;
 };
 
 // Cuts the mail file at base/len into messages, starting with the separator
-// line at base (checked by the caller). Returns the result of the last
-// delivery, 1 if there was none, 0 if the message buffer can't grow.
-int scan_messages(const char *base, size_t len, const FromLine *first, const ScanHooks *hooks);
+// line at base (checked by the caller). fd is the file mapped at base, or
+// -1: with it, holes of a sparse file are passed over unread. A message is
+// measured before the buffer grows for it, so one too large is refused
+// without being copied. Returns the result of the last delivery, 1 if
+// there was none. The buffer's memory runs out only as xrealloc's does.
+int scan_messages(const char *base, size_t len, int fd, const FromLine *first,
+                  const ScanHooks *hooks);
 
 // Loads the mail file open on fd into folder of user. Returns 0 for a
 // failure (with the reason in the session's exit code where one applies).

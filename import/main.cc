@@ -1,5 +1,6 @@
 // importmail: loads a Unix mail file into a folder of a store user, the way
 // a delivery would.
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -76,17 +77,25 @@ int main(int argc, char **argv) {
         exit(64);
     }
 
-    fd = open64(file, O_RDONLY, 0);
+    // Opened without waiting: a FIFO with no writer would hold the open
+    // forever. Only a regular file is taken.
+    fd = open64(file, O_RDONLY | O_NONBLOCK, 0);
     if (fd < 0) {
         perror(file);
         exit(66);
     }
     struct stat64 st;
-    if (fstat64(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        fprintf(stderr, "Invalid file permission: %s\n", file);
+    if (fstat64(fd, &st) != 0) {
+        fprintf(stderr, "Invalid file permission: %s: %s\n", file, strerror(errno));
         close(fd);
         exit(66);
     }
+    if (!S_ISREG(st.st_mode)) {
+        fprintf(stderr, "Invalid file permission: %s is not a regular file\n", file);
+        close(fd);
+        exit(66);
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 
     context = new BkContext(argv[0], debug);
     if (context->isvalid()) {

@@ -161,6 +161,14 @@ void message_parse_rfc822space(const char **text);
 // its field. Never fails: a date that can't be read gives the current time.
 time_t message_parse_date(const char *text);
 
+// Reads the time zone at text (at most len bytes, or up to a NUL): a sign
+// and four digits, four digits, a name by its first letters ("EST", "PDT",
+// "GMT", "UT"...), or a name that MCV_TimeZoneToOffset knows, up to a blank
+// or "(". Sets *minutes to the zone's offset east of Universal Time; an
+// unknown name counts as Universal Time. 0 if a numeric zone has not four
+// digits, else 1.
+int message_parse_zone(const char *text, size_t len, int *minutes);
+
 // The message type plug-in. With a plug-in loaded, msgtype_examineMessage
 // is called on every parsed message with the plug-in's context (the first
 // word of msgtype_plugin), the message and the top node of its tree; the

@@ -1,6 +1,7 @@
 // Dates and white space of header fields.
 #include <ctype.h>
 #include <string.h>
+#include <strings.h>
 #include <time.h>
 
 #include "store/message.h"
@@ -58,6 +59,55 @@ void message_parse_rfc822space(const char **text) {
     }
 }
 
+int message_parse_zone(const char *text, size_t len, int *minutes) {
+    // Zones of North America and Universal Time by their first letters, as
+    // mail programs have long written them.
+    static const struct {
+        const char *name;
+        size_t n;
+        int hours;
+    } table[] = {{"EDT", 3, -4}, {"EST", 3, -5}, {"CDT", 3, -5}, {"CST", 3, -6},
+                 {"MDT", 3, -6}, {"MST", 3, -7}, {"PDT", 3, -7}, {"PST", 3, -8},
+                 {"GMT", 3, 0},  {"UT", 2, 0}};
+    *minutes = 0;
+    if (len == 0 || !*text) return 1;
+
+    size_t i = 0;
+    int sign = 1;
+    if (*text == '+' || *text == '-') {
+        sign = *text == '-' ? -1 : 1;
+        i = 1;
+    }
+    if (i == 1 || isdigit((unsigned char)*text)) {
+        if (len < i + 4) return 0;
+        for (size_t k = i; k < i + 4; k++)
+            if (!isdigit((unsigned char)text[k])) return 0;
+        int hours = (text[i] - '0') * 10 + (text[i + 1] - '0');
+        *minutes = sign * (hours * 60 + (text[i + 2] - '0') * 10 + (text[i + 3] - '0'));
+        return 1;
+    }
+
+    for (const auto &z : table) {
+        if (len >= z.n && !strncasecmp(text, z.name, z.n)) {
+            *minutes = z.hours * 60;
+            return 1;
+        }
+    }
+    // Any other name is the word up to a blank or a comment.
+    char name[32];
+    size_t n = 0;
+    while (n < len && n < sizeof(name) - 1 && text[n] && !isspace((unsigned char)text[n]) &&
+           text[n] != '(') {
+        name[n] = text[n];
+        n++;
+    }
+    name[n] = '\0';
+    char zsign = '+';
+    int h = 0, m = 0;
+    if (MCV_TimeZoneToOffset(name, &zsign, &h, &m)) *minutes = (zsign == '-' ? -1 : 1) * (h * 60 + m);
+    return 1;
+}
+
 // Reads one or two digits; returns -1 if there is no digit at p.
 static int read_small(const char *&p) {
     if (!isdigit((unsigned char)*p)) return -1;
@@ -72,7 +122,6 @@ time_t message_parse_date(const char *text) {
     struct tm tm;
     memset(&tm, 0, sizeof(tm));
     const char *p = text;
-    int zone_hours = 0, zone_minutes = 0;
 
     message_parse_rfc822space(&p);
     if (!p) return time(nullptr);
@@ -136,45 +185,11 @@ time_t message_parse_date(const char *text) {
     message_parse_rfc822space(&p);
     if (!p) return mktime(&tm);
 
-    if (*p == '-' || *p == '+' || isdigit((unsigned char)*p)) {
-        int sign = 1;
-        if (*p == '-') sign = -1;
-        if (*p == '-' || *p == '+') p++;
-        for (int i = 0; i < 4; i++)
-            if (!isdigit((unsigned char)p[i])) return time(nullptr);
-        zone_hours = sign * ((p[0] - '0') * 10 + (p[1] - '0'));
-        zone_minutes = sign * ((p[2] - '0') * 10 + (p[3] - '0'));
-    } else if (!strncasecmp(p, "EDT", 3)) {
-        zone_hours = -4;
-    } else if (!strncasecmp(p, "EST", 3) || !strncasecmp(p, "CDT", 3)) {
-        zone_hours = -5;
-    } else if (!strncasecmp(p, "CST", 3) || !strncasecmp(p, "MDT", 3)) {
-        zone_hours = -6;
-    } else if (!strncasecmp(p, "MST", 3) || !strncasecmp(p, "PDT", 3)) {
-        zone_hours = -7;
-    } else if (!strncasecmp(p, "PST", 3)) {
-        zone_hours = -8;
-    } else if (!strncasecmp(p, "GMT", 3) || !strncasecmp(p, "UT", 2)) {
-        zone_hours = 0;
-    } else {
-        // The zone name ends at the end of its word.
-        char name[32];
-        size_t n = 0;
-        while (n < sizeof(name) - 1 && p[n] && !isspace((unsigned char)p[n]) && p[n] != '(') {
-            name[n] = p[n];
-            n++;
-        }
-        name[n] = '\0';
-        char sign = '+';
-        int h = 0, mi = 0;
-        if (MCV_TimeZoneToOffset(name, &sign, &h, &mi)) {
-            zone_hours = sign == '-' ? -h : h;
-            zone_minutes = mi;
-        }
-    }
-
-    tm.tm_hour -= zone_hours;
-    tm.tm_min -= zone_minutes;
-    mktime(&tm);
+    int zone;
+    if (!message_parse_zone(p, (size_t)-1, &zone)) return time(nullptr);
+    // The fields hold Universal Time now, out of range at times; mkgmtime
+    // brings them into range by calendar arithmetic. mktime would apply the
+    // local zone's daylight saving rules to them.
+    tm.tm_min -= zone;
     return mkgmtime(&tm);
 }

@@ -1,8 +1,11 @@
-// The importmail program as an operator runs it: options, usage, exit
-// statuses, the format check and the debug output.
+// The importmail program as an operator runs it: options, exit statuses,
+// the input checks, folder names, the debug output, and a message too
+// large for the store.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <sstream>
 #include <string>
@@ -11,173 +14,149 @@
 #include "import/importmail.h"
 #include "tests/testutil.h"
 
-using testutil::Instance;
-using testutil::run_command;
-
 namespace {
+
+const std::string F = "From a Tue Nov  5 10:20:30 2002\n";
 
 std::string importmail() { return testutil::binary_dir() + "/bin/importmail"; }
 
-int run(const Instance &inst, const std::string &args, std::string *out = nullptr,
-        std::string *err = nullptr) {
-    return run_command("STORE_INSTANCEDIR='" + inst.dir() + "' " + importmail() + " " + args,
-                       out, err);
-}
+class ImportmailCli : public ::testing::Test {
+  protected:
+    // Runs importmail on this instance, killed after limit seconds.
+    int run(const std::string &args, std::string *out = nullptr, std::string *err = nullptr,
+            int limit = 120) {
+        return testutil::run_command("STORE_INSTANCEDIR='" + inst.dir() + "' timeout -s KILL " +
+                                         std::to_string(limit) + " " + importmail() + " " + args,
+                                     out, err);
+    }
+    std::string mbox(const std::string &name, const std::string &content) {
+        std::string path = inst.path(name);
+        testutil::write_file(path, content);
+        return path;
+    }
+    testutil::Instance inst;
+};
 
-std::vector<std::string> lines_starting(const std::string &text, const std::string &prefix) {
-    std::vector<std::string> r;
-    std::istringstream in(text);
+// The "msg size: N offset: M" lines of the debug output.
+std::vector<std::pair<unsigned long, unsigned long>> debug_sizes(const std::string &out) {
+    std::vector<std::pair<unsigned long, unsigned long>> r;
+    std::istringstream in(out);
     std::string line;
+    unsigned long size, offset;
     while (std::getline(in, line))
-        if (line.compare(0, prefix.size(), prefix) == 0) r.push_back(line);
+        if (sscanf(line.c_str(), "msg size: %lu offset: %lu", &size, &offset) == 2) r.push_back({size, offset});
     return r;
-}
-
-std::vector<unsigned long> scanner_sizes(const std::string &data) {
-    std::vector<unsigned long> sizes;
-    FromLine first;
-    if (!check_fromline(data.data(), data.data() + data.size(), &first)) return sizes;
-    ScanHooks hooks = {[](void *rock, const ScannedMessage *m, int *) {
-                           static_cast<std::vector<unsigned long> *>(rock)->push_back(m->size);
-                           return 1;
-                       },
-                       nullptr, &sizes};
-    scan_messages(data.data(), data.size(), &first, &hooks);
-    return sizes;
 }
 
 }  // namespace
 
-TEST(ImportmailCli, UsageErrorsExit64) {
-    Instance inst;
-    ASSERT_TRUE(inst.startStored());
-    std::string mbox = inst.path("in.mbox");
-    testutil::write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
-    std::string err;
-
-    EXPECT_EQ(run(inst, "", nullptr, &err), 64);
-    EXPECT_NE(err.find("USAGE: " + importmail() +
-                       ": [-g] [-v 0|1|2] [-c y|n] [-d mailbox] [-n] [-e encoding] [-i] -u user "
-                       "-s file\n"),
-              std::string::npos)
-        << err;
-
-    const char *bad[] = {
-        "-u joe -s %s -c yes", "-u joe -s %s -c x",     "-u joe -s %s -v 3",
-        "-u joe -s %s -v -1",  "-u joe -s %s -s %s",    "-u joe -u ann -s %s",
-        "-u joe -s %s -d a -d a", "-u joe -s %s -e utf-8 -e utf-8", "-u joe -s %s -x",
-        "-s %s",
-    };
+// Usage errors and unusable input end the run before the store is touched:
+// no daemon runs here.
+TEST_F(ImportmailCli, RefusedBeforeTheStoreIsTouched) {
+    std::string in = mbox("in.mbox", F + "\nx\n"), err;
+    const char *bad[] = {"-c yes", "-c x", "-v 3", "-v -1", "-s %s", "-u ann", "-d a -d a", "-e utf-8 -e utf-8", "-x"};
     for (const char *b : bad) {
-        std::string args = b;
-        size_t pos;
-        while ((pos = args.find("%s")) != std::string::npos) args.replace(pos, 2, mbox);
-        EXPECT_EQ(run(inst, args, nullptr, &err), 64) << args;
+        std::string args = std::string("-u joe -s %s ") + b;
+        for (size_t pos; (pos = args.find("%s")) != std::string::npos;) args.replace(pos, 2, in);
+        EXPECT_EQ(run(args, nullptr, &err), 64) << args;
         EXPECT_NE(err.find("USAGE:"), std::string::npos) << args;
     }
-    // A missing -u is found before the input file is touched.
-    EXPECT_EQ(run(inst, "-s /nonexistent/file"), 64);
+    EXPECT_EQ(run("-s " + in), 64);
+    EXPECT_EQ(run("-s /nonexistent/file"), 64);  // a missing -u is found first
+
+    EXPECT_EQ(run("-u joe -s /nonexistent/file.mbox", nullptr, &err), 66);
+    EXPECT_NE(err.find("/nonexistent/file.mbox"), std::string::npos) << err;
+    EXPECT_EQ(run("-u joe -s " + inst.path("config"), nullptr, &err), 66);
+    EXPECT_NE(err.find(inst.path("config")), std::string::npos) << err;
+    // A FIFO without a writer: refused at once, not waited on.
+    std::string fifo = inst.path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(run("-u joe -s " + fifo, nullptr, &err, 10), 66) << "killed after 10 s: " << err;
+    EXPECT_NE(err.find(fifo), std::string::npos) << err;
+
+    EXPECT_EQ(testutil::run_command("STORE_INSTANCEDIR=/nonexistent/instance " + importmail() + " -u joe -s " + in,
+                                    nullptr, &err),
+              69);
 }
 
-TEST(ImportmailCli, InputFileChecks) {
-    Instance inst;
+TEST_F(ImportmailCli, FormatChecksAndFolderNames) {
     ASSERT_TRUE(inst.startStored());
     std::string err;
-    EXPECT_EQ(run(inst, "-u joe -s /nonexistent/file.mbox", nullptr, &err), 66);
-    EXPECT_NE(err.find("/nonexistent/file.mbox"), std::string::npos);
+    // Not in the mail file format: no separator first, a first line without
+    // LF, a date form outside the tables.
+    for (const std::string &bad : {std::string("Subject: no separator\n\nbody\n"),
+                                   std::string("From joe Tue Nov  5 10:20:30 2002"),
+                                   std::string("From joe 2002-11-05 10:20:30 +0000 somewhere\n\nx\n")}) {
+        EXPECT_EQ(run("-u joe -s " + mbox("bad.mbox", bad), nullptr, &err), 65) << bad;
+        EXPECT_NE(err.find("Invalid /var/mail format"), std::string::npos) << err;
+    }
+    EXPECT_EQ(run("-v 0 -u joe -s " + mbox("empty.mbox", "")), 0);
 
-    EXPECT_EQ(run(inst, "-u joe -s " + inst.path("config"), nullptr, &err), 66);
-    EXPECT_NE(err.find("Invalid file permission: " + inst.path("config") + "\n"),
-              std::string::npos)
-        << err;
-
-    std::string notmbox = inst.path("not.mbox");
-    testutil::write_file(notmbox, "Subject: no separator\n\nbody\n");
-    EXPECT_EQ(run(inst, "-u joe -s " + notmbox, nullptr, &err), 65);
-    EXPECT_NE(err.find("Error: Invalid /var/mail format\n"), std::string::npos) << err;
-
-    // A first line without LF is no separator either.
-    testutil::write_file(notmbox, "From joe Tue Nov  5 10:20:30 2002");
-    EXPECT_EQ(run(inst, "-u joe -s " + notmbox, nullptr, &err), 65);
-
-    // A date form outside the tables.
-    testutil::write_file(notmbox, "From joe 2002-11-05 10:20:30 +0000 somewhere\n\nx\n");
-    EXPECT_EQ(run(inst, "-u joe -s " + notmbox, nullptr, &err), 65);
-
-    // An empty file is no error.
-    std::string empty = inst.path("empty.mbox");
-    testutil::write_file(empty, "");
-    EXPECT_EQ(run(inst, "-v 0 -u joe -s " + empty), 0);
-}
-
-TEST(ImportmailCli, RefusesWhatDoesNotFitAndMissingInstances) {
-    Instance inst;
-    ASSERT_TRUE(inst.startStored());
-    std::string mbox = inst.path("in.mbox");
-    testutil::write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
-    std::string err;
-    std::string longName(1100, 'f');
-    EXPECT_EQ(run(inst, "-v 0 -u joe -d " + longName + " -s " + mbox, nullptr, &err), 64);
+    std::string in = mbox("in.mbox", F + "\nx\n\n" + F + "\ny\n");
+    EXPECT_EQ(run("-v 0 -u joe -d " + std::string(1100, 'f') + " -s " + in, nullptr, &err), 64);
     EXPECT_NE(err.find("too long"), std::string::npos) << err;
 
-    EXPECT_EQ(run_command("STORE_INSTANCEDIR=/nonexistent/instance " + importmail() +
-                              " -u joe -s " + mbox,
-                          nullptr, &err),
-              69);
-    EXPECT_NE(err.find("ERROR: Could not initialize config system\n"), std::string::npos) << err;
+    // Progress names the folder (leading slashes dropped) and each message;
+    // without -d the file name is the folder name.
+    ASSERT_EQ(run("-u joe -d //Archive/2002 -s " + in, nullptr, &err), 0) << err;
+    for (const char *p : {"/export/user/joe/Archive/2002\n", "/export/user/joe/Archive/2002/1\n",
+                          "/export/user/joe/Archive/2002/2\n"})
+        EXPECT_NE(err.find(p), std::string::npos) << err;
+    ASSERT_EQ(run("-v 1 -u joe -s " + in, nullptr, &err), 0);
+    EXPECT_EQ(err, "/export/user/joe" + in + "\n");
 }
 
-TEST(ImportmailCli, DebugOutputCountsCorpusMessages) {
-    Instance inst;
+TEST_F(ImportmailCli, DebugOutputCountsCorpusMessages) {
     ASSERT_TRUE(inst.startStored());
-    struct {
-        const char *name;
-        size_t count;
-    } files[] = {{"list-archive.mbox", 53}, {"kernel-list.mbox", 210}, {"broken.mbox", 20}};
-    for (auto &f : files) {
-        std::string path = testutil::corpus_path(f.name);
-        std::string out, err;
-        ASSERT_EQ(run(inst, "-g -c y -v 0 -u joe -d inbox -s " + path, &out, &err), 0) << err;
-        auto sizes = lines_starting(out, "msg size: ");
-        EXPECT_EQ(sizes.size(), f.count) << f.name;
-        auto fs = lines_starting(out, "filesize: ");
-        ASSERT_EQ(fs.size(), 1u);
+    struct { const char *name; size_t count; } files[] = {
+        {"list-archive.mbox", 53}, {"kernel-list.mbox", 210}, {"broken.mbox", 20}};
+    for (const auto &f : files) {
+        std::string path = testutil::corpus_path(f.name), out, err;
+        ASSERT_EQ(run("-g -c y -v 0 -u joe -d inbox -s " + path, &out, &err), 0) << err;
         std::string data = testutil::read_file(path);
-        EXPECT_EQ(fs[0], "filesize: " + std::to_string(data.size()));
+        EXPECT_NE(out.find("filesize: " + std::to_string(data.size()) + "\n"), std::string::npos);
 
         // The program reports the messages exactly as the scanner cuts them.
-        std::vector<unsigned long> expected = scanner_sizes(data);
-        ASSERT_EQ(expected.size(), f.count);
-        long lastOffset = 0;
-        for (size_t i = 0; i < sizes.size() && i < expected.size(); i++) {
-            unsigned long size;
-            long offset;
-            ASSERT_EQ(sscanf(sizes[i].c_str(), "msg size: %lu offset: %ld", &size, &offset), 2);
-            EXPECT_EQ(size, expected[i]) << f.name << " message " << i + 1;
-            EXPECT_GT(offset, lastOffset);
-            lastOffset = offset;
-        }
-        EXPECT_EQ(lastOffset, (long)data.size());
+        std::vector<std::pair<unsigned long, unsigned long>> expected;
+        FromLine first;
+        ASSERT_TRUE(check_fromline(data.data(), data.data() + data.size(), &first));
+        ScanHooks hooks = {[](void *rock, const ScannedMessage *m, int *) {
+                               static_cast<decltype(expected) *>(rock)->push_back({m->size, m->offset});
+                               return 1;
+                           },
+                           nullptr, &expected, 0};
+        scan_messages(data.data(), data.size(), -1, &first, &hooks);
+        EXPECT_EQ(expected.size(), f.count) << f.name;
+        EXPECT_EQ(debug_sizes(out), expected) << f.name;
     }
 }
 
-TEST(ImportmailCli, VerboseNamesFolderAndMessages) {
-    Instance inst;
+// A message too large for the store's 32-bit sizes: the middle one of three,
+// a hole of more than 4 GB in a sparse file. It is refused without being
+// copied or even read; -c y goes on with the next message, -c n stops.
+TEST_F(ImportmailCli, MessageTooLargeForTheStore) {
     ASSERT_TRUE(inst.startStored());
-    std::string mbox = inst.path("in.mbox");
-    testutil::write_file(mbox,
-                         "From a Tue Nov  5 10:20:30 2002\n\nx\n\n"
-                         "From b Tue Nov  5 10:20:30 2002\n\ny\n");
-    std::string err;
-    ASSERT_EQ(run(inst, "-u joe -d //Archive/2002 -s " + mbox, nullptr, &err), 0) << err;
-    EXPECT_NE(err.find("/export/user/joe/Archive/2002\n"), std::string::npos) << err;
-    EXPECT_NE(err.find("/export/user/joe/Archive/2002/1\n"), std::string::npos) << err;
-    EXPECT_NE(err.find("/export/user/joe/Archive/2002/2\n"), std::string::npos) << err;
+    std::string path = inst.path("big.mbox");
+    std::string head = F + "Subject: one\n\nfirst\n\n" + F + "Subject: big\n\n", tail = "\n\n" + F + "\nlast\n";
+    off_t tailAt = (off_t)head.size() + ((off_t)4 << 30) + 4096;
+    int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, head.data(), head.size()), (ssize_t)head.size());
+    ASSERT_EQ(pwrite(fd, tail.data(), tail.size(), tailAt), (ssize_t)tail.size());
+    struct stat st;
+    ASSERT_EQ(fstat(fd, &st), 0);
+    close(fd);
+    if (st.st_blocks > 1024) GTEST_SKIP() << "the file system here keeps no sparse files";
 
-    ASSERT_EQ(run(inst, "-v 1 -u joe -d Archive -s " + mbox, nullptr, &err), 0);
-    EXPECT_EQ(err, "/export/user/joe/Archive\n");
+    std::string out, err;
+    EXPECT_EQ(run("-g -c y -v 0 -u joe -d inbox -s " + path, &out, &err), 0) << err;
+    auto sizes = debug_sizes(out);
+    ASSERT_EQ(sizes.size(), 2u) << out << err;
+    EXPECT_EQ(sizes[0].first, 23u);  // "Subject: one" CRLF CRLF "first" CRLF
+    EXPECT_EQ(sizes[1], std::make_pair(7ul, (unsigned long)st.st_size));
+    EXPECT_NE(err.find("message 2 "), std::string::npos) << err;
+    EXPECT_NE(err.find(std::to_string(MESSAGE_SIZE_MAX)), std::string::npos) << err;
 
-    // Without -d the file name is the folder name, leading slashes removed.
-    ASSERT_EQ(run(inst, "-v 1 -u joe -s " + mbox, nullptr, &err), 0);
-    EXPECT_EQ(err, "/export/user/joe" + mbox + "\n");
+    EXPECT_EQ(run("-g -c n -v 0 -u joe -d inbox -s " + path, &out, &err), 65) << err;
+    EXPECT_EQ(debug_sizes(out).size(), 1u) << out;
 }

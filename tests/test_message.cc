@@ -534,24 +534,4 @@ TEST(MessageParse, BareLineFeeds) {
     expect_whole(one);
 }
 
-TEST(MessageParse, Dates) {
-    testutil::ScopedTZ tz("UTC");
-    const std::pair<const char *, time_t> dates[] = {
-        {"Fri, 3 Jan 03 10:00:00 +0100", 1041584400},
-        {"3 Jan 49 10:00:00 +0000", 2493280800},
-        {"3 Jan 50 10:00:00 +0000", -630943200},
-        {"3 Jan 101 10:00:00 GMT", 978516000},
-        {"Fri, 3 Jan 2003", 1041595200},  // no time: local noon of the day
-    };
-    for (const auto &d : dates) EXPECT_EQ(message_parse_date(d.first), d.second) << d.first;
-    // No seconds, no date, a bad month or year: the current time.
-    for (const char *bad : {"Fri, 3 Jan 2003 10:00 +0000", (const char *)nullptr, "3 Foo 2003",
-                            "3 Jan 1899 10:00:00 +0000"}) {
-        time_t before = time(nullptr);
-        time_t got = message_parse_date(bad);
-        EXPECT_GE(got, before) << (bad ? bad : "null");
-        EXPECT_LE(got, time(nullptr)) << (bad ? bad : "null");
-    }
-}
-
 }  // namespace

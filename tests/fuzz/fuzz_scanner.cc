@@ -9,7 +9,7 @@ static int touch(void *rock, const ScannedMessage *m, int *) {
     // Read every byte handed out, so that a message reaching outside the
     // buffer is seen by the address sanitizer.
     unsigned *sum = static_cast<unsigned *>(rock);
-    for (size_t i = 0; i <= m->size; i++) *sum += (unsigned char)m->text[i];
+    for (size_t i = 0; m->text && i <= m->size; i++) *sum += (unsigned char)m->text[i];
     return 1;
 }
 
@@ -30,8 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FromLine first;
     if (size && memchr(buf, '\n', size) && check_fromline(buf, end, &first)) {
         unsigned sum = 0;
-        ScanHooks hooks = {touch, nullptr, &sum};
-        scan_messages(buf, size, &first, &hooks);
+        // A small limit, so that measuring and refusing are fuzzed as well.
+        ScanHooks hooks = {touch, nullptr, &sum, size / 2 + 1};
+        scan_messages(buf, size, -1, &first, &hooks);
     }
     delete[] buf;
     return 0;
