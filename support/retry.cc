@@ -13,38 +13,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 
 #ifndef IOV_MAX
 #define IOV_MAX 1024
 #endif
 
-ssize_t retry_write(int fd, const void *buf, size_t count) {
-    if (count > (size_t)SSIZE_MAX) {
-        errno = EINVAL;
-        return -1;
-    }
-    const char *p = (const char *)buf;
-    size_t done = 0;
-    while (done < count) {
-        ssize_t n = write(fd, p + done, count - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) {
-            // No progress and no error: the device takes nothing more.
-            errno = ENOSPC;
-            return -1;
-        }
-        done += (size_t)n;
-    }
-    return (ssize_t)done;
-}
-
-// Writes all of iov, at most IOV_MAX entries per system call. The caller's
-// array is left alone: each call gets a copy of the entries still due, the
-// first one trimmed by what an earlier short write already took.
 // Reads at the current offset (offset < 0) or at offset.
 static ssize_t read_whole(int fd, void *buf, size_t count, off_t offset) {
     size_t done = 0;
@@ -68,6 +43,9 @@ ssize_t retry_pread(int fd, void *buf, size_t count, off_t offset) {
     return offset < 0 ? (errno = EINVAL, -1) : read_whole(fd, buf, count, offset);
 }
 
+// Writes all of iov, at most IOV_MAX entries per system call. The caller's
+// array is left alone: each call gets a copy of the entries still due, the
+// first one trimmed by what an earlier short write already took.
 ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt) {
     if (iovcnt < 0 || (iovcnt > 0 && !iov)) {
         errno = EINVAL;
@@ -125,6 +103,13 @@ ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt) {
     return (ssize_t)done;
 }
 
+ssize_t retry_write(int fd, const void *buf, size_t count) {
+    struct iovec one;
+    one.iov_base = const_cast<void *>(buf);
+    one.iov_len = count;
+    return retry_writev(fd, &one, 1);
+}
+
 // ---------------------------------------------------------------------------
 // sync_file
 //
@@ -149,6 +134,16 @@ static pthread_mutex_t sync_barrier_lock = PTHREAD_MUTEX_INITIALIZER;
 static syncfs_entry sync_table[SYNC_MAXFS];
 static int sync_count;
 static pthread_once_t sync_atexit_once = PTHREAD_ONCE_INIT;
+static std::atomic<sync_observer_fn> sync_observer{nullptr};
+
+sync_observer_fn sync_set_observer(sync_observer_fn observer) {
+    return sync_observer.exchange(observer);
+}
+
+static void sync_tell(enum sync_event event, const char *path) {
+    sync_observer_fn fn = sync_observer.load();
+    if (fn) fn(event, path);
+}
 
 static void sync_atexit(void) { sync_file_barrier(); }
 static void sync_register_atexit(void) { atexit(sync_atexit); }
@@ -180,8 +175,9 @@ static int open_parent_dir(int fd, dev_t dev) {
     return dfd;
 }
 
-// 0 if the file system of dev is (now) remembered, -1 if not.
-static int sync_remember(int fd, dev_t dev) {
+// 0 if the file system of dev is (now) remembered, -1 if not. fd is a
+// file, or with is_dir a directory, which is remembered by a copy of fd.
+static int sync_remember(int fd, dev_t dev, int is_dir) {
     pthread_mutex_lock(&sync_table_lock);
     for (int i = 0; i < sync_count; i++) {
         if (sync_table[i].dev == dev) {
@@ -191,7 +187,7 @@ static int sync_remember(int fd, dev_t dev) {
     }
     int r = -1;
     if (sync_count < SYNC_MAXFS) {
-        int dfd = open_parent_dir(fd, dev);
+        int dfd = is_dir ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : open_parent_dir(fd, dev);
         if (dfd >= 0) {
             sync_table[sync_count].dev = dev;
             sync_table[sync_count].dirfd = dfd;
@@ -236,7 +232,7 @@ int sync_file(int fd, int level) {
             return retry_fdatasync(fd);
         return -1;
     }
-    if (sync_remember(fd, st.st_dev) == 0) return 0;
+    if (sync_remember(fd, st.st_dev, S_ISDIR(st.st_mode)) == 0) return 0;
     return retry_fdatasync(fd);
 }
 
@@ -267,7 +263,44 @@ int sync_file_barrier(void) {
         errno = err;
         return -1;
     }
+    sync_tell(SYNC_EVENT_BARRIER, nullptr);
     return 0;
+}
+
+// A descriptor of the directory that holds path, or -1.
+static int open_dir_of(const char *path) {
+    std::string dir(path);
+    size_t slash = dir.rfind('/');
+    if (slash == std::string::npos)
+        dir = ".";
+    else
+        dir.resize(slash == 0 ? 1 : slash);
+    int dfd;
+    do {
+        dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    } while (dfd < 0 && errno == EINTR);
+    return dfd;
+}
+
+int sync_rename(const char *from, const char *to, int level) {
+    if (level < 0) level = 1;
+    if (sync_file_barrier() != 0) return -1;
+    if (rename(from, to) != 0) return -1;
+    sync_tell(SYNC_EVENT_RENAME, to);
+    if (level == 0) return 0;
+    int dfd = open_dir_of(to);
+    if (dfd < 0) return -1;
+    // Level 1 hands the directory to the next barrier (or flushes it now
+    // when the table is full); levels 2 and 3 flush it now, with fsync,
+    // since a directory's entries are its metadata.
+    struct stat st;
+    int r = level == 1 && fstat(dfd, &st) == 0 && sync_remember(dfd, st.st_dev, 1) == 0
+                ? 0
+                : retry_fsync(dfd);
+    int e = errno;
+    close(dfd);
+    errno = e;
+    return r == 0 ? 0 : -1;
 }
 
 // ---------------------------------------------------------------------------

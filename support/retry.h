@@ -28,6 +28,28 @@ ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt);
 int sync_file(int fd, int level);
 int sync_file_barrier(void);
 
+// Puts a finished file in place: rename(from, to) as the last step of a
+// careful replacement of a file whose data was written at sync level level.
+// Before the rename it runs sync_file_barrier(), so that everything written
+// at level 1 so far (the file itself, and message files that it counts) is
+// on disk before the name makes it count; a failed barrier leaves from
+// where it is. After the rename, by level:
+//   0  nothing more;
+//   1  the directory's file system is remembered, so that the next barrier
+//      (at the latest the one at exit) makes the new name durable;
+//   2, 3  the directory is flushed now (fsync).
+// 0, or -1 with errno set; a failed directory flush comes after the rename.
+int sync_rename(const char *from, const char *to, int level);
+
+// Ordering points of careful writes, told to an observer: each finished
+// sync_file_barrier() and each rename of sync_rename(), with the target
+// path. Meant for tests that check that data is flushed before a name or a
+// row makes it count. One observer per process; null removes it. Returns
+// the observer that was installed before.
+enum sync_event { SYNC_EVENT_BARRIER = 1, SYNC_EVENT_RENAME = 2 };
+typedef void (*sync_observer_fn)(enum sync_event event, const char *path);
+sync_observer_fn sync_set_observer(sync_observer_fn observer);
+
 // Gives target the content of source. flag 1: a hard link is tried;
 // flag 0: the bytes are copied (works across file systems). 0 on success.
 int copy_file(const char *source, const char *target, int flag);
