@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 
 #include "support/charset.h"
@@ -20,85 +21,50 @@ std::string decode(const char *text) { return take(charset_decode1522(text, null
 
 TEST(Decode1522, WordsTextAroundThemAndBrokenWords) {
     struct { const char *in, *out; } cases[] = {
-        {"=?utf-8?B?VGFjayBhbGxhIHRyYWZpa2FudGVyIG9jaCBmb3Rnw6RuZ2FyZSE=?=",
-         "Tack alla trafikanter och fotg\xC3\xA4ngare!"},
-        {"=?UTF-8?q?Antoine_Beaupr=C3=A9?=", "Antoine Beaupr\xC3\xA9"},
-        {"=?ISO-8859-1?Q?Nicolas_de_Peslo=FCan?=", "Nicolas de Peslo\xC3\xBC" "an"},
-        {"=?latin1?b?5Q==?=", "\xC3\xA5"},
-        {"=?windows-1252?Q?=80?=", "\xE2\x82\xAC"},
+        {"=?latin1?b?5Q==?=", "\xC3\xA5"}, {"=?ISO-8859-1?Q?Peslo=FCan?=", "Peslo\xC3\xBC" "an"},
         {"=?utf-8*de?Q?=C3=A4?=", "\xC3\xA4"},  // language tag
         // Adjacent words are joined, also across a folded line; text between
-        // words and around them keeps its spaces.
+        // and around words keeps its spaces; a broken word joins with none.
         {"=?utf-8?Q?a?= =?utf-8?Q?b?=\r\n\t=?utf-8?Q?_c?=", "ab c"},
         {"Essai =?iso-8859-1?Q?accentu=E9?= done", "Essai accentu\xC3\xA9 done"},
-        {"=?utf-8?Q?a?= and =?utf-8?Q?b?=", "a and b"},
-        {"Re:=?utf-8?Q?x?=", "Re:x"},
         {"plain\r\n text\n\tmore", "plain text\tmore"},
-        {"", ""},
-        {nullptr, "<null>"},
-        // A broken word doesn't join with its neighbours, and the space stays.
         {"=?utf-8?Q?a?= =?bogus-cs?Q?b?= =?utf-8?Q?c?=", "a =?bogus-cs?Q?b?= c"},
-        // Bytes that are invalid in the charset become U+FFFD.
-        {"=?utf-8?Q?x=FFy?=", "x\xEF\xBF\xBDy"},
-        {"=?us-ascii?Q?=E9?=", "\xEF\xBF\xBD"},
+        {"", ""}, {nullptr, "<null>"},
+        {"=?utf-8?Q?x=FFy?=", "x\xEF\xBF\xBDy"},  // invalid in the charset: U+FFFD
     };
     for (const auto &c : cases) EXPECT_EQ(decode(c.in), c.out) << (c.in ? c.in : "null");
     // Unknown charset or encoding, no end, bad base64 or hex, no charset,
     // iconv suffixes: the words stay as they are.
     for (const char *r : {"=?x-no-such-charset?Q?abc?=", "=?utf-8?X?abc?=", "=?utf-8?Q?abc", "=?utf-8?B?###?=",
-                          "=?utf-8?Q?a=ZZ?=", "=?utf-8?Q?a=4?=", "=??Q?abc?=", "=?utf-8//IGNORE?Q?abc?=", "=?",
-                          "=?utf-8?Q?"})
+                          "=?utf-8?Q?a=ZZ?=", "=?utf-8?Q?a=4?=", "=??Q?abc?=", "=?utf-8//IGNORE?Q?abc?=", "=?", "=?utf-8?Q?"})
         EXPECT_EQ(decode(r), r) << r;
 
-    // Into the caller's buffer when the result fits (7 bytes and a NUL in
-    // 8), else on the heap; also for a buffer of size 0.
+    // Into the caller's buffer when the result and its NUL fit, else on the
+    // heap; also for a buffer of size 0.
     char buf[8];
-    EXPECT_EQ(charset_decode1522("=?utf-8?Q?abc?=", buf, sizeof buf), buf);
-    EXPECT_STREQ(buf, "abc");
     EXPECT_EQ(charset_decode1522("1234567", buf, sizeof buf), buf);
-    struct { const char *in; size_t size; const char *out; } heap[] = {
-        {"=?utf-8?Q?12345678?=", sizeof buf, "12345678"}, {"x", 0, "x"}};
-    for (const auto &h : heap) {
-        char *r = charset_decode1522(h.in, buf, h.size);
-        EXPECT_NE(r, buf);
-        EXPECT_EQ(take(r), h.out);
+    for (size_t size : {sizeof buf, (size_t)0}) {
+        char *r = charset_decode1522("=?utf-8?Q?12345678?=", buf, size);
+        EXPECT_TRUE(r != buf && take(r) == "12345678") << size;
     }
 }
 
 TEST(Charset, NamesLocalTextAndTimeZones) {
-    EXPECT_EQ(charset_lookupname("us-ascii"), 0);
-    EXPECT_EQ(charset_lookupname("US-ASCII"), 0);
-    EXPECT_EQ(charset_lookupname("iso-8859-1"), charset_lookupname("Latin1"));
-    EXPECT_EQ(charset_lookupname("utf-8"), charset_lookupname("UTF8"));
-    EXPECT_NE(charset_lookupname("utf-8"), charset_lookupname("iso-8859-1"));
-    EXPECT_NE(charset_lookupname("iso-8859-15"), charset_lookupname("iso-8859-1"));
-    EXPECT_GT(charset_lookupname("koi8-r"), 0);
     for (const char *n : {"x-unknown", "", (const char *)nullptr}) EXPECT_EQ(charset_lookupname(n), -1);
 
     struct { const char *in, *cs, *out; } cases[] = {
-        {"Gr\xFC\xDF" "e", "iso-8859-1", "Gr\xC3\xBC\xC3\x9F" "e"},
         {"\xA4", "ISO-8859-15", "\xE2\x82\xAC"},
-        {"\xC1", "koi8-r", "\xD0\xB0"},
-        {"\x1B$B$\"\x1B(B", "iso-2022-jp", "\xE3\x81\x82"},
         // Without a charset: valid UTF-8 is kept, other bytes are Latin-1.
         {"Sent/\xC3\xA4", nullptr, "Sent/\xC3\xA4"},
-        {"Sent/\xE4", nullptr, "Sent/\xC3\xA4"},
         {"\xED\xA0\x80", nullptr, "\xC3\xAD\xC2\xA0\xC2\x80"},  // surrogate
         {"\xC3", nullptr, "\xC3\x83"},                             // cut short
         // An unknown charset or input invalid in the charset: as without one.
-        {"\xE4", "x-no-such", "\xC3\xA4"},
-        {"\xE4", "utf-8", "\xC3\xA4"},
-        {nullptr, nullptr, "<null>"},
+        {"\xE4", "x-no-such", "\xC3\xA4"}, {"\xE4", "utf-8", "\xC3\xA4"}, {nullptr, nullptr, "<null>"},
     };
     for (const auto &c : cases) EXPECT_EQ(take(MCV_LocalToUTF8(c.in, c.cs)), c.out) << (c.cs ? c.cs : "none");
-    for (const char *n : {"INBOX", "Entw\xC3\xBC" "rfe/\xE2\x82\xAC", ""}) {
-        char *u = MCV_LocalToUTF8(n, nullptr), *l = MCV_UTF8ToLocal(u, 0);
-        EXPECT_NE(l, n);
-        EXPECT_EQ(take(l), n);
-        free(u);
-    }
 
-    // Time zones as "+hhmm", or "-" when not known.
+    // Zones as "+hhmm", or "-" when not known: what may follow a name, and
+    // numbers that are no zone.
     auto zone = [](const char *z) {
         char sign = 'x', buf[16];
         int h = -1, m = -1;
@@ -107,105 +73,78 @@ TEST(Charset, NamesLocalTextAndTimeZones) {
         return std::string(buf);
     };
     struct { const char *zone, *offset; } zones[] = {
-        {"EST", "-0500"},      {"edt", "-0400"},       {"PST", "-0800"},    {"CET", "+0100"},
-        {"cest", "+0200"},     {"JST", "+0900"},       {"IST", "+0530"},    {"NST", "-0330"},
-        {"AEDT", "+1100"},     {"GMT", "+0000"},       {"+0530", "+0530"},  {"-0800", "-0800"},
-        {"MEZ 2004", "+0100"}, {" BST\r\n", "+0100"},  {"UTC (x)", "+0000"}, {"XYZ", "-"},
-        {"ESTX", "-"},         {"+05", "-"},           {"+12345", "-"},     {"-0popo", "-"},
-        {"", "-"},             {"2004", "-"},          {"+0099", "-"}};
+        {"-0800", "-0800"},    {"MEZ 2004", "+0100"}, {" BST\r\n", "+0100"}, {"UTC (x)", "+0000"},
+        {"XYZ", "-"},          {"ESTX", "-"},         {"+05", "-"},          {"+12345", "-"},
+        {"-0popo", "-"},       {"", "-"},             {"2004", "-"},         {"+0099", "-"}};
     for (const auto &z : zones) EXPECT_EQ(zone(z.zone), z.offset) << z.zone;
     EXPECT_EQ(MCV_TimeZoneToOffset(nullptr, nullptr, nullptr, nullptr), 0);
 }
 
-// Renders a header value as a greeting would: first the size, then the
-// conversion into a buffer with room for the NUL, and into one too small.
-std::string header(const char *text) {
-    int need = MCV_UTF8ToInternetMessageHeader("en", text, nullptr, -1);
+// A generated header value or body: the size first, then the conversion
+// into a buffer of that size (a header also needs room for its NUL), and
+// into one too small.
+std::string generate(bool isHeader, const char *text) {
+    auto gen = [&](char *out, int size) {
+        return isHeader ? MCV_UTF8ToInternetMessageHeader("en", text, out, size)
+                        : MCV_UTF8ToInternetMessageBody("de", text, out, size, 0, 0);
+    };
+    int need = gen(nullptr, -1);
     EXPECT_GE(need, 0);
     std::string out(need + 1, '\0');
-    EXPECT_EQ(MCV_UTF8ToInternetMessageHeader("en", text, &out[0], need + 1), need);
-    EXPECT_EQ(out[need], '\0');
+    EXPECT_EQ(gen(&out[0], need + isHeader), need);
     if (need > 0) {
-        EXPECT_EQ(MCV_UTF8ToInternetMessageHeader("en", text, &out[0], need - 1), -1);
+        EXPECT_EQ(gen(&out[0], need - 1), -1);
     }
     out.resize(need);
     return out;
 }
 
-TEST(GeneratedMessage, HeaderValuesRoundTrip) {
-    EXPECT_EQ(header("Welcome to the store"), "Welcome to the store");
-    EXPECT_EQ(header(""), "");
-    EXPECT_EQ(header("Willkommen, M\xC3\xBCller!"), "Willkommen, =?utf-8?Q?M=C3=BCller!?=");
+std::string qp_decode(const std::string &s) {
+    std::string out;
+    for (size_t i = 0; i < s.size(); i++) {
+        if (s[i] != '=' || i + 2 >= s.size()) out += s[i];
+        else if (s.compare(i + 1, 2, "\r\n") != 0) out += (char)strtol(s.substr(i + 1, 2).c_str(), nullptr, 16);
+        if (s[i] == '=' && i + 2 < s.size()) i += 2;
+    }
+    return out;
+}
+
+TEST(GeneratedMessage, HeadersAndBodiesRoundTrip) {
     std::string longtext;
     for (int i = 0; i < 40; i++) longtext += "\xC3\xA9t\xC3\xA9 ";
-    for (const char *t : {"Willkommen bei M\xC3\xBCller und S\xC3\xB6hne",
+    for (const char *t : {"", "Welcome", "Willkommen bei M\xC3\xBCller und S\xC3\xB6hne",
                           "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E \xE3\x81\xAE \xE4\xBB\xB6\xE5\x90\x8D",
-                          "a =?utf-8?Q?looks_encoded?= b", " lead and trail \xC3\xA9 ",
-                          "tab\there \xC3\xA9\t\xC3\xA9", longtext.c_str()}) {
-        std::string enc = header(t);
-        for (char c : enc) EXPECT_LT((unsigned char)c, 0x80) << t;
-        // Every encoded word is at most 75 bytes long.
+                          "a =?utf-8?Q?looks_encoded?= b", " lead and trail \xC3\xA9 ", "tab\there \xC3\xA9\t\xC3\xA9",
+                          longtext.c_str()}) {
+        // 7-bit, encoded words of at most 75 bytes, decoding to the text.
+        std::string enc = generate(true, t);
         for (size_t pos = 0; (pos = enc.find("=?", pos)) != std::string::npos;) {
             size_t end = enc.find("?=", pos + 10);
             ASSERT_NE(end, std::string::npos);
             EXPECT_LE(end + 2 - pos, 75u) << enc;
             pos = end + 2;
         }
+        for (char c : enc) EXPECT_LT((unsigned char)c, 0x80) << t;
         EXPECT_EQ(decode(enc.c_str()), t) << enc;
     }
-}
 
-std::string qp_decode(const std::string &s) {
-    std::string out;
-    for (size_t i = 0; i < s.size(); i++) {
-        if (s[i] == '=' && i + 2 < s.size() && s[i + 1] == '\r' && s[i + 2] == '\n')
-            i += 2;
-        else if (s[i] == '=' && i + 2 < s.size())
-            out += (char)strtol(s.substr(i + 1, 2).c_str(), nullptr, 16), i += 2;
-        else
-            out += s[i];
-    }
-    return out;
-}
-
-// A body needs a buffer of exactly its length (the caller adds the NUL).
-std::string body(const char *text) {
-    int need = MCV_UTF8ToInternetMessageBody("de", text, nullptr, -1, 0, 0);
-    EXPECT_GE(need, 0);
-    std::string out(need + 1, '\0');
-    EXPECT_EQ(MCV_UTF8ToInternetMessageBody("de", text, &out[0], need, 0, 0), need);
-    if (need > 0) {
-        EXPECT_EQ(MCV_UTF8ToInternetMessageBody("de", text, &out[0], need - 1, 0, 0), -1);
-    }
-    out.resize(need);
-    return out;
-}
-
-TEST(GeneratedMessage, BodyInTheAnnouncedEncoding) {
     const char *ascii = "Hello bob,\nyour quota is 90%.\r\n= ok";
-    EXPECT_STREQ(MCV_InternetMessageCharset("en", ascii, "utf-8", 0), "us-ascii");
-    EXPECT_STREQ(MCV_InternetMessageContentTransferEncoding("en", ascii, "utf-8"), "7bit");
-    EXPECT_EQ(body(ascii), "Hello bob,\r\nyour quota is 90%.\r\n= ok");
-    EXPECT_EQ(body(""), "");
-
+    EXPECT_EQ(std::string(MCV_InternetMessageCharset("en", ascii, "utf-8", 0)) + " " +
+                  MCV_InternetMessageContentTransferEncoding("en", ascii, "utf-8") + " " + generate(false, ascii),
+              "us-ascii 7bit Hello bob,\r\nyour quota is 90%.\r\n= ok");
     // Quoted-printable lines are at most 76 bytes, of printable characters,
-    // without trailing blanks, and end in CRLF; an ASCII line too long for a
-    // transport needs quoted-printable too.
-    std::string text = "Gr\xC3\xBC\xC3\x9F" "e, trailing space \r\nline=2\t\r\n" + std::string(200, 'x') +
-                       "\r\n\xE2\x82\xAC";
+    // without trailing blanks, and end in CRLF; an ASCII line too long for
+    // a transport needs quoted-printable too.
+    std::string text = "Gr\xC3\xBC\xC3\x9F" "e, trailing space \r\nline=2\t\r\n" + std::string(200, 'x') + "\r\n\xE2\x82\xAC";
     EXPECT_STREQ(MCV_InternetMessageCharset("de", text.c_str(), "utf-8", 0), "utf-8");
     for (const std::string &t : {text, std::string(1200, 'a')}) {
         EXPECT_STREQ(MCV_InternetMessageContentTransferEncoding("de", t.c_str(), "utf-8"), "quoted-printable");
-        std::string qp = body(t.c_str());
-        for (size_t start = 0; start < qp.size();) {
-            size_t end = qp.find("\r\n", start);
-            if (end == std::string::npos) end = qp.size();
+        std::string qp = generate(false, t.c_str());
+        for (size_t start = 0, end; start < qp.size(); start = end + 2) {
+            end = std::min(qp.find("\r\n", start), qp.size());
             std::string line = qp.substr(start, end - start);
-            EXPECT_LE(line.size(), 76u) << line;
-            for (char c : line) EXPECT_TRUE(c >= 33 || c == ' ' || c == '\t') << line;
-            EXPECT_TRUE(line.empty() || line.back() != ' ') << line;
-            EXPECT_EQ(qp.find('\n', start), end == qp.size() ? std::string::npos : end + 1);
-            start = end + 2;
+            EXPECT_TRUE(line.size() <= 76 && (line.empty() || line.back() != ' ')) << line;
+            for (char c : line) EXPECT_TRUE(c >= 33 || c == ' ' || c == '\t') << line;  // no bare CR or LF
         }
         EXPECT_EQ(qp_decode(qp), t);
     }
@@ -216,27 +155,17 @@ TEST(Glob, MatchesOfPatterns) {
     const char *bob = "user/bob/";
     std::string as(400, 'a');
     struct { const char *pattern; int flags; const char *text, *suppress; int want; } cases[] = {
-        {"*", 0, "a/b/c", nullptr, 5},        {"%", 0, "abc", nullptr, 3},          {"%", 0, "a/b", nullptr, -1},
-        {"a/%", 0, "a/b", nullptr, 3},        {"a*c", 0, "abbbc", nullptr, 5},      {"a*c", 0, "abbbcd", nullptr, -1},
-        {"a%c", 0, "ab/c", nullptr, -1},      {"*%*", 0, "x/y", nullptr, 3},        {"Sent", 0, "sent", nullptr, -1},
-        {"Sent", GLOB_ICASE, "sEnT", nullptr, 4},
-        // The refused names of the folder name policy.
-        {"", 0, "", nullptr, 0},              {"", 0, "x", nullptr, -1},            {"*\t*", 0, "a\tb", nullptr, 3},
-        {"*\t*", 0, "ab", nullptr, -1},       {"/*", 0, "/x", nullptr, 2},          {"*/", 0, "user/x/", nullptr, 7},
-        {"*//*", 0, "user/a//b", nullptr, 9}, {"*//*", 0, "user/a/b", nullptr, -1}, {"user", 0, "user", nullptr, 4},
-        {"user", 0, "user/bob", nullptr, -1}, {"user", 0, "users", nullptr, -1},
+        {"%", 0, "a/b", nullptr, -1},         {"a%c", 0, "ab/c", nullptr, -1},      {"*%*", 0, "x/y", nullptr, 3},
+        {"Sent", GLOB_ICASE, "sEnT", nullptr, 4}, {"", 0, "", nullptr, 0},          {"", 0, "x", nullptr, -1},
         // Listing: only a trailing "%" reaches down to a "/" of a deeper
         // name; a whole match wins over a partial one.
-        {"%", list, "a/b", nullptr, 1},       {"%", list, "a", nullptr, 1},         {"a/%", list, "a/b/c", nullptr, 3},
-        {"Shared%", list, "Shared Folders/User", nullptr, 14},                      {"*", list, "a/b/c", nullptr, 5},
-        {"a", list, "a/b", nullptr, -1},      {"b%", list, "a/b", nullptr, -1},     {"*%", list, "a/b/c", nullptr, 5},
+        {"%", list, "a/b", nullptr, 1},       {"a/%", list, "a/b/c", nullptr, 3},   {"a", list, "a/b", nullptr, -1},
+        {"*%", list, "a/b/c", nullptr, 5},    {"b%", list, "a/b", nullptr, -1},
         // The inbox matches in any case, other names do not.
-        {"inbox", list, "INBOX", nullptr, 5}, {"inb*", list, "INBOX", nullptr, 5},  {"inbox", 0, "INBOX", nullptr, -1},
-        {"Inbox/%", list, "INBOX/Drafts", nullptr, 12},                             {"inbox", list, "INBOXES", nullptr, -1},
+        {"inb*", list, "INBOX", nullptr, 5},  {"inbox", 0, "INBOX", nullptr, -1},   {"Inbox/%", list, "INBOX/Drafts", nullptr, 12},
         {"inbox*", list, "INBOXES", nullptr, -1},                                   {"drafts", list, "Drafts", nullptr, -1},
         // A suppressed leading part is skipped, but counted in the result.
-        {"%", list, "user/bob/a/b", bob, 10}, {"a", list, "user/bob/a", bob, 10},   {"a", list, "a", bob, 1},
-        {"inbox", list, "user/bob/INBOX", bob, 14},
+        {"%", list, "user/bob/a/b", bob, 10}, {"a", list, "a", bob, 1},             {"inbox", list, "user/bob/INBOX", bob, 14},
         // Many stars against a long text that fails at the very end.
         {"*a*a*a*a*a*a*a*a*b", 0, as.c_str(), nullptr, -1}, {"*a*a*a*a*a*a*a*a*", 0, as.c_str(), nullptr, 400},
     };
@@ -246,19 +175,15 @@ TEST(Glob, MatchesOfPatterns) {
         glob_free(&g);
         EXPECT_EQ(g, nullptr);
     }
-    // Length argument: only that much of the text is looked at.
+    // Only the given length of the text is looked at.
     storeglob *g = glob_init_suppress("abc", 0, nullptr);
-    EXPECT_EQ(glob_test(g, "abcdef", 3, nullptr), 3);
-    EXPECT_EQ(glob_test(g, "abcdef", 4, nullptr), -1);
+    EXPECT_TRUE(glob_test(g, "abcdef", 3, nullptr) == 3 && glob_test(g, "abcdef", 4, nullptr) == -1);
     glob_free(&g);
-
     // A state goes through all matches, longest first.
     g = glob_init_suppress("*%", GLOB_HIERARCHY, nullptr);
     long state = 0;
     for (int want : {6, 4, 1, -1, -1}) EXPECT_EQ(glob_test(g, "a/bc/d", 0, &state), want);
     EXPECT_EQ(state, -1);
-    state = 0;
-    for (int want : {2, -1}) EXPECT_EQ(glob_test(g, "zz", 0, &state), want);
     glob_free(&g);
     glob_free(&g);  // a freed handle is null and may be freed again
 }

@@ -18,13 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     struct address *list = nullptr;
     parseaddr_list(text, &list);
-    for (struct address *a = list; a; a = a->next) {
-        // Touch every string handed out.
-        if (a->name) (void)strlen(a->name);
-        if (a->mailbox) (void)strlen(a->mailbox);
-        if (a->domain) (void)strlen(a->domain);
-        if (a->route) (void)strlen(a->route);
-    }
+    for (struct address *a = list; a; a = a->next)  // touch every string handed out
+        for (const char *s : {a->name, a->mailbox, a->domain, a->route})
+            if (s) (void)strlen(s);
     parseaddr_free(list);
 
     char small[32];
