@@ -340,15 +340,18 @@ int mailbox_read_index_fixed_header(struct mailbox *mailbox) {
                 truncated = is_truncated(mailbox);
             }
             // A create that stopped before the record reserve was written:
-            // the reserve is zeros, which extending the file gives. A gap
-            // wider than the reserve of a create is no such folder but a
-            // damaged header, which must not make the file grow.
+            // the reserve is zeros, which extending the file gives. The
+            // file is mapped again afterwards, so nothing is read beyond
+            // what it holds. A file that can't be extended (no space, a
+            // size limit) is no damaged folder.
             if (truncated && mailbox->mbd.exists == 0 &&
                 mailbox->index_size >= mailbox->hdr.start_offset &&
-                mailbox->index_size < mailbox->hdr.cache_offset &&
-                (uint64_t)mailbox->hdr.cache_offset - mailbox->hdr.start_offset <=
-                    sizeof zerobuf &&
-                ftruncate(mailbox->index_fd, (off_t)mailbox->hdr.cache_offset) == 0) {
+                mailbox->index_size < mailbox->hdr.cache_offset) {
+                if (ftruncate(mailbox->index_fd, (off_t)mailbox->hdr.cache_offset) != 0) {
+                    svclog(nullptr, 58, "Unable to extend partially created mailbox %s: %m",
+                           mbname(mailbox));
+                    return IMAP_IOERROR;
+                }
                 r = map_index(mailbox);
                 if (r) return r;
                 svclog(nullptr, 61, "Fixed partially created mailbox: %s", mbname(mailbox));
@@ -391,17 +394,22 @@ static int is_reserved_flag(const char *name, size_t len) {
     return 0;
 }
 
-int mailbox_read_index_variable_header(struct mailbox *mailbox) {
+// The line feed of the mapped variable header (and in *end the end of the
+// header's bytes), or null after a log entry when there is none.
+static const char *varhdr_find(const struct mailbox *mailbox, const char **end) {
     if (!mailbox->index_map || mailbox->hdr.start_offset < 60) {
         svclog(nullptr, 58, "unable to read index variable header: %s", mbname(mailbox));
-        return IMAP_MAILBOX_BADFORMAT;
+        return nullptr;
     }
+    const char *lf = varhdr_linefeed(mailbox, end);
+    if (!lf) svclog(nullptr, 58, "Flags corrupted: %s", mbname(mailbox));
+    return lf;
+}
+
+int mailbox_read_index_variable_header(struct mailbox *mailbox) {
     const char *end;
-    const char *lf = varhdr_linefeed(mailbox, &end);
-    if (!lf) {
-        svclog(nullptr, 58, "Flags corrupted: %s", mbname(mailbox));
-        return IMAP_MAILBOX_BADFORMAT;
-    }
+    const char *lf = varhdr_find(mailbox, &end);
+    if (!lf) return IMAP_MAILBOX_BADFORMAT;
 
     const char *p = mailbox->index_map->base + INDEX_HEADER_SIZE;
     int i = 0;
@@ -422,16 +430,9 @@ int mailbox_read_index_variable_header(struct mailbox *mailbox) {
 }
 
 int mailbox_read_index_header_acl(struct mailbox *mailbox) {
-    if (!mailbox->index_map) {
-        svclog(nullptr, 58, "unable to read index variable header: %s", mbname(mailbox));
-        return IMAP_MAILBOX_BADFORMAT;
-    }
     const char *end;
-    const char *lf = varhdr_linefeed(mailbox, &end);
-    if (!lf) {
-        svclog(nullptr, 58, "Flags corrupted: %s", mbname(mailbox));
-        return IMAP_MAILBOX_BADFORMAT;
-    }
+    const char *lf = varhdr_find(mailbox, &end);
+    if (!lf) return IMAP_MAILBOX_BADFORMAT;
     const char *acl = lf + 1;
     if (!memchr(acl, '\0', (size_t)(end - acl))) {
         svclog(nullptr, 58, "ACLs corrupted: %s", mbname(mailbox));
@@ -495,6 +496,12 @@ const char *mailbox_cache_item(const struct map *index_map, const char *name, un
 
 int mailbox_write_index_fixed_header(struct mailbox *mailbox) {
     STORE_ASSERT(mailbox->index_lock_count != 0);
+    // The header counts records, cache entries and message files that may
+    // have been written at sync level 1: they reach the disk before it.
+    if (sync_file_barrier() != 0) {
+        svclog(nullptr, 58, "Unable to write index header for %s: %m", mbname(mailbox));
+        return IMAP_IOERROR;
+    }
     struct iovec iov[2];
     iov[0].iov_base = &mailbox->mbd;
     iov[0].iov_len = sizeof(mboxdata);
@@ -619,11 +626,18 @@ static int rewrite_index(struct mailbox *mailbox, struct iovec *iov, int n, uint
     n++;
     uint64_t written = INDEX_HEADER_SIZE + newroom + taillen;
 
+    // sync_rename flushes what was written at level 1 before the new file
+    // takes the name, and the directory by the level after. A directory
+    // that could not be flushed leaves the new file in place: the handle
+    // follows it, and the caller hears of the failure.
     const char *failure = nullptr;
+    int renamed = -1;
     if (retry_writev(fd, iov, n) < 0 || sync_file(fd, index_sync_level) != 0)
         failure = "Unable to write new index for %s: %m";
-    else if (rename(newpath, path) < 0)
+    else if ((renamed = sync_rename(newpath, path, index_sync_level)) < 0)
         failure = "Unable to rename index file for %s: %m";
+    else if (renamed > 0)
+        svclog(nullptr, 58, "Unable to sync directory of index file for %s: %m", mbname(mailbox));
     map_free(whole);
     if (failure) {
         svclog(nullptr, 58, failure, mbname(mailbox));
@@ -651,7 +665,7 @@ static int rewrite_index(struct mailbox *mailbox, struct iovec *iov, int n, uint
         svclog(nullptr, 58, "Unable to map index file for %s: %m", mbname(mailbox));
         return IMAP_IOERROR;
     }
-    return 0;
+    return renamed > 0 ? IMAP_IOERROR : 0;
 }
 
 int mailbox_write_index_variable_header(struct mailbox *mailbox) {
@@ -733,7 +747,7 @@ int mailbox_convertfromv1(struct mailbox *mailbox) {
     uint64_t exists = oldmbd.exists;
     uint64_t start = oldhdr.start_offset;
     uint64_t newcache = exists * INDEX_RECORD_SIZE + start + sizeof zerobuf;
-    int renamed = 0;
+    int renamed = 0;  // the new file holds the name
 
     if (folder_file(mailbox, "store.cch", cchpath, sizeof cchpath) < 0 ||
         folder_file(mailbox, "index.new", newpath, sizeof newpath) < 0 ||
@@ -815,13 +829,22 @@ int mailbox_convertfromv1(struct mailbox *mailbox) {
         goto done;
     }
 
-    if (rename(newpath, idxpath) < 0) {
+    // A directory that could not be flushed leaves the new file in place
+    // but not surely on disk: the old cache stays beside it, unused.
+    int moved;
+    moved = sync_rename(newpath, idxpath, index_sync_level);
+    if (moved < 0) {
         svclog(nullptr, 58, "Unable to rename index file for %s: %m", mbname(mailbox));
         r = IMAP_IOERROR;
         goto done;
     }
+    if (moved > 0) {
+        svclog(nullptr, 58, "Unable to sync directory of index file for %s: %m", mbname(mailbox));
+        r = IMAP_IOERROR;
+    } else {
+        unlink(cchpath);
+    }
     renamed = 1;
-    unlink(cchpath);
 
 done:
     prot_free(out);
@@ -834,7 +857,10 @@ done:
     }
     mailbox_unlock_index(mailbox);
     if (nfd != -1) close(nfd);
-    if (renamed) r = mailbox_reopen_index(mailbox);
+    if (renamed) {
+        int reopened = mailbox_reopen_index(mailbox);
+        if (!r) r = reopened;
+    }
     return r;
 }
 

@@ -70,6 +70,14 @@ static void note_file(struct mailbox *mb)
     }
 }
 
+// Drops the lock and the descriptor of an index that is not ours to write.
+static int give_up(int fd, int result)
+{
+    lock_unlock(fd);
+    close(fd);
+    return result;
+}
+
 // Maps the whole file of a handle that the caller keeps open.
 static int map_whole(struct mailbox *mb)
 {
@@ -122,11 +130,7 @@ int mailbox_create(const char *name, const char *partition, const char *path, co
                 return IMAP_IOERROR;
             }
             // Read again under the lock: a writer may have been busy.
-            if (!read_live_header(fd, &mbd, &hdr)) {
-                lock_unlock(fd);
-                close(fd);
-                return IMAP_MAILBOX_EXISTS;
-            }
+            if (!read_live_header(fd, &mbd, &hdr)) return give_up(fd, IMAP_MAILBOX_EXISTS);
             mb->index_fd = fd;
             fill_handle(mb, name, partition, path, mpath, acl);
             mb->index_lock_count = 1;
@@ -192,16 +196,10 @@ int mailbox_create(const char *name, const char *partition, const char *path, co
         first = stat(fname, &bypath) == 0 && bypath.st_ino == now.st_ino &&
                 bypath.st_dev == now.st_dev;
     }
-    if (!first) {
-        lock_unlock(fd);
-        close(fd);
-        return IMAP_MAILBOX_EXISTS;
-    }
+    if (!first) return give_up(fd, IMAP_MAILBOX_EXISTS);
     if (now.st_size != 0 && ftruncate(fd, 0) != 0) {
         svclog(nullptr, 59, "Unable to create index for %s: %m", name);
-        lock_unlock(fd);
-        close(fd);
-        return IMAP_IOERROR;
+        return give_up(fd, IMAP_IOERROR);
     }
 
     mb->index_fd = fd;
@@ -339,11 +337,31 @@ int mailbox_delete(struct mailbox *mailbox, int keep_peruser)
 // ---------------------------------------------------------------------------
 // Copies of files
 
-// copy_file with a hard link first and, where that fails, a copy of the
-// bytes (across file systems).
-static int copy_with_fallback(const char *source, const char *target)
+// Gives target the content of source through copy_file: a hard link, a
+// target that exists replaced by the link, with make_dir a missing
+// directory of the target made, and where no link can be had (another file
+// system) a copy of the bytes.
+static int copy_into_place(const char *source, const char *target, int make_dir)
 {
     if (copy_file(source, target, 1) == 0) return 0;
+    if (errno == EEXIST) {
+        if (unlink(target) != 0) {
+            svclog(nullptr, 59, "Unable to remove %s: %m", target);
+            return IMAP_IOERROR;
+        }
+        if (copy_file(source, target, 1) == 0) return 0;
+    }
+    if (make_dir && errno == ENOENT) {
+        char dir[PATH_MAX];
+        const char *slash = strrchr(target, '/');
+        size_t len = slash ? (size_t)(slash - target) : 0;
+        if (len > 0 && len < sizeof dir) {
+            memcpy(dir, target, len);
+            dir[len] = '\0';
+            mkdir(dir, 0777);
+            if (copy_file(source, target, 1) == 0) return 0;
+        }
+    }
     if (unlink(target) != 0 && errno != ENOENT) {
         svclog(nullptr, 59, "Unable to remove %s: %m", target);
         return IMAP_IOERROR;
@@ -355,38 +373,12 @@ static int copy_with_fallback(const char *source, const char *target)
 
 int mailbox_copyfile(const char *source, const char *target)
 {
-    if (link(source, target) == 0) return 0;
-    if (errno == EEXIST) {
-        if (unlink(target) != 0) {
-            svclog(nullptr, 59, "Unable to remove %s: %m", target);
-            return IMAP_IOERROR;
-        }
-        if (link(source, target) == 0) return 0;
-    }
-    return copy_with_fallback(source, target);
+    return copy_into_place(source, target, 0);
 }
 
 int mailbox_copymsgfile(const char *source, const char *target)
 {
-    if (link(source, target) == 0) return 0;
-    if (errno == EEXIST) {
-        unlink(target);
-        if (link(source, target) == 0) return 0;
-    }
-    if (errno == ENOENT || errno == EINVAL) {
-        int was = errno;
-        char dir[PATH_MAX];
-        if (strlen(target) < sizeof dir) {
-            strcpy(dir, target);
-            char *slash = strrchr(dir, '/');
-            if (slash && slash != dir) {
-                *slash = '\0';
-                mkdir(dir, 0777);
-            }
-        }
-        if (was == ENOENT && link(source, target) == 0) return 0;
-    }
-    return copy_with_fallback(source, target);
+    return copy_into_place(source, target, 1);
 }
 
 int expungeall(void *, const struct index_record *) { return 1; }

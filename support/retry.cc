@@ -289,7 +289,7 @@ int sync_rename(const char *from, const char *to, int level) {
     sync_tell(SYNC_EVENT_RENAME, to);
     if (level == 0) return 0;
     int dfd = open_dir_of(to);
-    if (dfd < 0) return -1;
+    if (dfd < 0) return 1;
     // Level 1 hands the directory to the next barrier (or flushes it now
     // when the table is full); levels 2 and 3 flush it now, with fsync,
     // since a directory's entries are its metadata.
@@ -300,7 +300,7 @@ int sync_rename(const char *from, const char *to, int level) {
     int e = errno;
     close(dfd);
     errno = e;
-    return r == 0 ? 0 : -1;
+    return r == 0 ? 0 : 1;
 }
 
 // ---------------------------------------------------------------------------

@@ -38,7 +38,8 @@ int sync_file_barrier(void);
 //   1  the directory's file system is remembered, so that the next barrier
 //      (at the latest the one at exit) makes the new name durable;
 //   2, 3  the directory is flushed now (fsync).
-// 0, or -1 with errno set; a failed directory flush comes after the rename.
+// 0; -1 with errno set when from was left where it was; 1 with errno set
+// when the rename was done but the directory could not be flushed.
 int sync_rename(const char *from, const char *to, int level);
 
 // Ordering points of careful writes, told to an observer: each finished
