@@ -6,25 +6,27 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
+
+#include <prerror.h>
 
 #include "store/imap_err.h"
 #include "store/mboxname.h"
 #include "support/config.h"
 #include "support/log.h"
-#include "support/osl.h"
 #include "support/xmalloc.h"
 
-DB *mbl = nullptr;
-DB *quotadb = nullptr;
-DB *subsdb = nullptr;
-DB *lrightdb = nullptr;
+static DB *mbl = nullptr;       // folder.db
+static DB *quotadb = nullptr;   // quota.db
+static DB *subsdb = nullptr;    // subscr.db
+static DB *lrightdb = nullptr;  // lright.db
 
 // ---- key order ----------------------------------------------------------
 
 // NUL sorts before TAB, TAB before "/", and "/" before every other byte, so
 // that a folder is followed at once by its children, and the first part of
 // a two-part key keeps its rows together.
-int key_compare(DB *, const DBT *a, const DBT *b) {
+int mboxlist_key_compare(DB *, const DBT *a, const DBT *b) {
     const signed char *x = static_cast<const signed char *>(a->data);
     const signed char *y = static_cast<const signed char *>(b->data);
     uint32_t n = a->size < b->size ? a->size : b->size;
@@ -42,7 +44,7 @@ int key_compare(DB *, const DBT *a, const DBT *b) {
     return (int)a->size - (int)b->size;
 }
 
-size_t key_prefix(DB *, const DBT *a, const DBT *b) {
+size_t mboxlist_key_prefix(DB *, const DBT *a, const DBT *b) {
     const char *x = static_cast<const char *>(a->data);
     const char *y = static_cast<const char *>(b->data);
     uint32_t n = a->size < b->size ? a->size : b->size;
@@ -51,7 +53,7 @@ size_t key_prefix(DB *, const DBT *a, const DBT *b) {
     return a->size < b->size ? a->size + 1 : a->size;
 }
 
-int name_comparen(const char *a, const char *b, int n) {
+int mboxlist_name_comparen(const char *a, const char *b, int n) {
     while (n > 0 && *a && *a == *b) {
         a++;
         b++;
@@ -65,37 +67,55 @@ int name_comparen(const char *a, const char *b, int n) {
 
 // ---- opening ------------------------------------------------------------
 
-static int open_btree(DB **handle, DB_ENV *env, const char *file, uint32_t pagesize,
-                      key_compare_fn cmp, key_prefix_fn prefix, int level, const char *what) {
-    int r = db_create(handle, env, 0);
-    if (r == 0) r = (*handle)->set_pagesize(*handle, pagesize);
-    if (r == 0) r = (*handle)->set_bt_compare(*handle, cmp);
-    if (r == 0) r = (*handle)->set_bt_prefix(*handle, prefix);
+struct dbfile {
+    DB **handle;
+    const char *file;
+    uint32_t pagesize;
+    int level;         // of the log line when the open fails
+    const char *what;  // the database's name in that line
+};
+
+// quota.db has small pages for its 56-byte rows.
+static const struct dbfile dbfiles[] = {
+    {&mbl, "folder.db", 4096, 59, "mboxlist"},
+    {&quotadb, "quota.db", 512, 58, "quota"},
+    {&subsdb, "subscr.db", 4096, 58, "subscription"},
+    {&lrightdb, "lright.db", 4096, 58, "lright"},
+};
+
+int mboxlist_db_open(enum mboxlist_dbid which, DB_ENV *env) {
+    const struct dbfile *f = &dbfiles[which];
+    DB *db = nullptr;
+    int r = db_create(&db, env, 0);
+    if (r == 0) r = db->set_pagesize(db, f->pagesize);
+    if (r == 0) r = db->set_bt_compare(db, mboxlist_key_compare);
+    if (r == 0) r = db->set_bt_prefix(db, mboxlist_key_prefix);
     if (r == 0)
-        r = (*handle)->open(*handle, nullptr, file, nullptr, DB_BTREE,
-                            DB_CREATE | DB_THREAD | DB_AUTO_COMMIT, 0600);
+        r = db->open(db, nullptr, f->file, nullptr, DB_BTREE,
+                     DB_CREATE | DB_THREAD | DB_AUTO_COMMIT, 0600);
     if (r != 0) {
+        if (db) db->close(db, 0);
         if (r > 0) errno = r;
-        svclog(nullptr, level, "Unable to open %s database: %s", what, db_strerror(r));
+        svclog(nullptr, f->level, "Unable to open %s database: %s", f->what, db_strerror(r));
         return -1;
     }
+    *f->handle = db;
     return 0;
 }
 
-int folder_init(DB_ENV *env, const char *file, key_compare_fn cmp, key_prefix_fn prefix) {
-    return open_btree(&mbl, env, file, 4096, cmp, prefix, 59, "mboxlist");
-}
+DB *mboxlist_db(enum mboxlist_dbid which) { return *dbfiles[which].handle; }
 
-int quota_init(DB_ENV *env, const char *file, key_compare_fn cmp, key_prefix_fn prefix) {
-    return open_btree(&quotadb, env, file, 512, cmp, prefix, 58, "quota");
-}
-
-int sub_init(DB_ENV *env, const char *file, key_compare_fn cmp, key_prefix_fn prefix) {
-    return open_btree(&subsdb, env, file, 4096, cmp, prefix, 58, "subscription");
-}
-
-int lright_init(DB_ENV *env, const char *file, key_compare_fn cmp, key_prefix_fn prefix) {
-    return open_btree(&lrightdb, env, file, 4096, cmp, prefix, 58, "lright");
+int mboxlist_db_close_all(uint32_t flags) {
+    int result = 0;
+    for (const struct dbfile &f : dbfiles) {
+        DB *db = *f.handle;
+        if (!db) continue;
+        // Forgotten first: nobody may borrow a handle that is going away.
+        *f.handle = nullptr;
+        int r = db->close(db, flags);
+        if (result == 0) result = r;
+    }
+    return result;
 }
 
 // ---- rows ---------------------------------------------------------------
@@ -140,10 +160,27 @@ const char *mboxlist_acl(const char *row) {
     return p + strlen(p) + 1;
 }
 
+const char *mboxlist_strerror(int r) {
+    if (r >= IMAP_ERR_BASE && r < IMAP_ERR_BASE + IMAP_ERR_COUNT) return PR_ErrorToString(r, 0);
+    // Berkeley DB's own codes and system error numbers alike.
+    return db_strerror(r);
+}
+
 // ---- lookups ------------------------------------------------------------
 
+// Whether a row of size bytes holds its summary, then a partition and an
+// ACL each ended by a NUL, so that mboxlist_partition and mboxlist_acl
+// stay inside it.
+static int row_is_whole(const char *row, uint32_t size) {
+    const uint32_t fixed = sizeof(struct mboxdata);
+    if (size < fixed + 2 || row[size - 1] != '\0') return 0;
+    return memchr(row + fixed, '\0', size - fixed - 1) != nullptr;
+}
+
 int mboxlist_lookup_data(const char *name, char **row, DB_TXN *txn) {
-    if (mboxlist_init() != 0) return -1;
+    if (row) *row = nullptr;
+    int r = mboxlist_init();
+    if (r) return r;
     DBT key, data;
     mboxlist_set_key(name, &key);
     memset(&data, 0, sizeof(data));
@@ -157,24 +194,32 @@ int mboxlist_lookup_data(const char *name, char **row, DB_TXN *txn) {
         data.ulen = 0;
         data.dlen = 0;
     }
-    for (;;) {
-        int r = mbl->get(mbl, txn, &key, &data, 0);
-        if (r == 0) {
-            if (row) *row = static_cast<char *>(data.data);
-            return (int)data.size;
-        }
-        if (r == DB_LOCK_DEADLOCK) {
-            if (txn) return 0;
-            continue;
-        }
-        return -1;
+    do {
+        r = mbl->get(mbl, txn, &key, &data, 0);
+    } while (r == DB_LOCK_DEADLOCK && !txn);
+    if (r == DB_NOTFOUND || r == DB_KEYEMPTY) return IMAP_MAILBOX_NONEXISTENT;
+    if (r == DB_LOCK_DEADLOCK) return r;
+    if (r) {
+        // Not "no such folder": the caller must not act as if there were none.
+        svclog(nullptr, 59, "Unable to read mailbox list entry of %s: %s", name, db_strerror(r));
+        return IMAP_IOERROR;
     }
+    if (!row) return 0;
+    char *text = static_cast<char *>(data.data);
+    if (!row_is_whole(text, data.size)) {
+        svclog(nullptr, 59, "Mailbox list entry of %s is damaged: %u bytes", name, data.size);
+        free(text);
+        return IMAP_MAILBOX_BADFORMAT;
+    }
+    *row = text;
+    return 0;
 }
 
 int mboxlist_lookup_quota(const char *root, struct quotadata *qd, DB_TXN *txn) {
-    if (mboxlist_init() != 0) return -1;
     memset(qd, 0, sizeof(*qd));
     qd->limit_messages = QUOTA_UNLIMITED;
+    int r = mboxlist_init();
+    if (r) return r;
     DBT key, data;
     mboxlist_set_key(root, &key);
     memset(&data, 0, sizeof(data));
@@ -182,11 +227,10 @@ int mboxlist_lookup_quota(const char *root, struct quotadata *qd, DB_TXN *txn) {
     data.ulen = data.dlen = sizeof(*qd);
     data.doff = 0;
     data.flags = DB_DBT_USERMEM | DB_DBT_PARTIAL;
-    for (;;) {
-        int r = quotadb->get(quotadb, txn, &key, &data, txn ? DB_RMW : 0);
-        if (r == DB_LOCK_DEADLOCK && !txn) continue;
-        return r;
-    }
+    do {
+        r = quotadb->get(quotadb, txn, &key, &data, txn ? DB_RMW : 0);
+    } while (r == DB_LOCK_DEADLOCK && !txn);
+    return r;
 }
 
 int mboxlist_getpath(const char *name, const char *partition, char *path, char *mpath) {
@@ -196,12 +240,11 @@ int mboxlist_getpath(const char *name, const char *partition, char *path, char *
     int r = mboxname_getpath(name, root, path);
     free(root);
     if (mpath) {
+        mpath[0] = '\0';
         char *mroot = configmsg_partitionmsgdir(partition);
         if (mroot) {
             if (r == 0) r = mboxname_getpath(name, mroot, mpath);
             free(mroot);
-        } else {
-            mpath[0] = '\0';
         }
     }
     return r;
@@ -209,22 +252,20 @@ int mboxlist_getpath(const char *name, const char *partition, char *path, char *
 
 int mboxlist_lookup(const char *name, struct mboxdata *mbd, char **partition, char **path,
                     char **mpath, char **acl) {
-    char *row = nullptr;
-    if (mboxlist_lookup_data(name, &row, nullptr) <= 0 || !row) {
-        free(row);
-        return IMAP_MAILBOX_NONEXISTENT;
-    }
+    char *row;
+    int r = mboxlist_lookup_data(name, &row, nullptr);
+    if (r) return r;
     const char *part = mboxlist_partition(row);
+    char pbuf[1040], mbuf[1040];
     if (path || mpath) {
-        char pbuf[1040], mbuf[1040];
-        int r = mboxlist_getpath(name, part, pbuf, mbuf);
+        r = mboxlist_getpath(name, part, pbuf, mbuf);
         if (r) {
             free(row);
             return r;
         }
-        if (path) *path = xstrdup(pbuf);
-        if (mpath) *mpath = mbuf[0] ? xstrdup(mbuf) : nullptr;
     }
+    if (path) *path = xstrdup(pbuf);
+    if (mpath) *mpath = mbuf[0] ? xstrdup(mbuf) : nullptr;
     if (mbd) memcpy(mbd, row, sizeof(*mbd));
     if (partition) *partition = xstrdup(part);
     if (acl) *acl = xstrdup(mboxlist_acl(row));
@@ -244,15 +285,39 @@ int mboxlist_quotaroot(const char *name, char *out) {
 
 // ---- transactions -------------------------------------------------------
 
-int mboxlist_trans_setup(DB_TXN **txn, const char *, const char *) {
-    if (mboxlist_init() != 0 || !mboxlist_dbenv) return IMAP_IOERROR;
+// Pauses between the tries of a transaction that finds no room: 10 ms,
+// doubled each time, 2.5 s in all. Room comes back when other processes
+// end their transactions; a full disk seldom clears within seconds, and a
+// caller that holds folder locks must not hold them much longer than that.
+#define TRANS_ROOM_TRIES 8
+#define TRANS_ROOM_FIRST_PAUSE_MS 10
+
+static void pause_ms(long ms) {
+    struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+int mboxlist_trans_setup(DB_TXN **txn, const char *label, const char *name) {
+    DB_ENV *env = mboxlist_init() == 0 ? mboxlist_env() : nullptr;
+    if (!env) {
+        svclog(nullptr, 59, "Unable to begin %s transaction of %s: no mailbox list", label, name);
+        return IMAP_IOERROR;
+    }
+    long pause = TRANS_ROOM_FIRST_PAUSE_MS;
+    int tries = 0;
     for (;;) {
-        int r = mboxlist_dbenv->txn_begin(mboxlist_dbenv, nullptr, txn, 0);
+        int r = env->txn_begin(env, nullptr, txn, 0);
         if (r == 0) return 0;
-        if (r == DB_LOCK_DEADLOCK || r == ENOSPC) {
-            osl_sleep(0);
+        if (r == DB_LOCK_DEADLOCK) continue;
+        if ((r == ENOSPC || r == ENOMEM) && tries < TRANS_ROOM_TRIES) {
+            tries++;
+            pause_ms(pause);
+            pause *= 2;
             continue;
         }
+        svclog(nullptr, 59, "Unable to begin %s transaction of %s: %s", label, name,
+               db_strerror(r));
         return IMAP_IOERROR;
     }
 }
@@ -269,13 +334,6 @@ int mboxlist_trans_finish(DB_TXN *txn, int r) {
 }
 
 // ---- updates ------------------------------------------------------------
-
-// Text of a failure that is a Berkeley DB code, a system error or a code
-// of the store's error table.
-static const char *mboxlist_errtext(int r) {
-    if (r > 0 || (r >= -30999 && r <= -30800)) return db_strerror(r);
-    return "System I/O error";
-}
 
 int mboxlist_updatedata(struct mailbox *mailbox, int write_index_header) {
     DBT key, data;
@@ -297,7 +355,7 @@ int mboxlist_updatedata(struct mailbox *mailbox, int write_index_header) {
     free(data.data);
     if (r) {
         svclog(nullptr, 59, "Unable to update mailbox list entry of %s: %s", mailbox->name,
-               mboxlist_errtext(r));
+               mboxlist_strerror(r));
         return IMAP_IOERROR;
     }
     return 0;
@@ -358,13 +416,8 @@ int mboxlist_delete(const char *name) {
     } while (r == DB_LOCK_DEADLOCK);
     if (r) {
         svclog(nullptr, 59, "Unable to delete mailbox list entry of %s: %s", name,
-               mboxlist_errtext(r));
+               mboxlist_strerror(r));
         return IMAP_IOERROR;
     }
-    return 0;
-}
-
-int mbox_count(const char *, int, int, void *, void *counter) {
-    (*static_cast<int *>(counter))++;
     return 0;
 }

@@ -51,8 +51,9 @@ static void set_object(DBT *obj, const char *text)
 int mboxlist_lock_create(uint32_t *locker, const char *name, const char *name2, int wholeuser)
 {
     STORE_ASSERT(!name2 || wholeuser);
-    if (!mboxlockenv) return EINVAL;
-    int r = mboxlockenv->lock_id(mboxlockenv, locker);
+    DB_ENV *lockenv = mboxlist_lockenv();
+    if (!lockenv) return EINVAL;
+    int r = lockenv->lock_id(lockenv, locker);
     if (r) return r;
 
     char obj1[MBOXLIST_LOCK_OBJECT_SIZE], obj2[MBOXLIST_LOCK_OBJECT_SIZE];
@@ -87,30 +88,31 @@ int mboxlist_lock_create(uint32_t *locker, const char *name, const char *name2, 
     }
 
     DB_LOCKREQ *failed = nullptr;
-    r = mboxlockenv->lock_vec(mboxlockenv, *locker, 0, req + 1, n - 1, &failed);
+    r = lockenv->lock_vec(lockenv, *locker, 0, req + 1, n - 1, &failed);
     // A deadlock victim gives back what it holds and asks for all again.
-    while (r == DB_LOCK_DEADLOCK) r = mboxlockenv->lock_vec(mboxlockenv, *locker, 0, req, n, &failed);
+    while (r == DB_LOCK_DEADLOCK) r = lockenv->lock_vec(lockenv, *locker, 0, req, n, &failed);
     if (r) {
         svclog(nullptr, 59, "Unable to lock %s: %s", name, db_strerror(r));
         DB_LOCKREQ put;
         memset(&put, 0, sizeof put);
         put.op = DB_LOCK_PUT_ALL;
-        mboxlockenv->lock_vec(mboxlockenv, *locker, 0, &put, 1, nullptr);
-        mboxlockenv->lock_id_free(mboxlockenv, *locker);
+        lockenv->lock_vec(lockenv, *locker, 0, &put, 1, nullptr);
+        lockenv->lock_id_free(lockenv, *locker);
     }
     return r;
 }
 
 void mboxlist_unlock_create(uint32_t locker)
 {
+    DB_ENV *lockenv = mboxlist_lockenv();
     DB_LOCKREQ put;
     memset(&put, 0, sizeof put);
     put.op = DB_LOCK_PUT_ALL;
     int r;
     do {
-        r = mboxlockenv->lock_vec(mboxlockenv, locker, 0, &put, 1, nullptr);
+        r = lockenv->lock_vec(lockenv, locker, 0, &put, 1, nullptr);
     } while (r == DB_LOCK_DEADLOCK);
-    if (r == 0) r = mboxlockenv->lock_id_free(mboxlockenv, locker);
+    if (r == 0) r = lockenv->lock_id_free(lockenv, locker);
     if (r) {
         svclog(nullptr, 58, "Unable to release folder locks: %s", db_strerror(r));
         abort();
@@ -168,37 +170,38 @@ int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *
     const char *owner = mboxname_owner(name, ownerbuf);
     int isadmin = auth_adminFor(auth, owner) != 0 || mboxname_userownsmailbox(userid, name);
 
-    // A lookup tells only whether a row could be read.
-    char *row = nullptr;
-    int n = mboxlist_lookup_data(name, &row, nullptr);
-    if (n > 0 && row) {
+    // Only a database that says "no such row" lets the create go on: a
+    // row that could not be read may well exist.
+    char *row;
+    r = mboxlist_lookup_data(name, &row, nullptr);
+    if (r == 0) {
         // Who may not see the folder doesn't learn that it exists.
         int rights = acl_myrights(auth, mboxlist_acl(row));
         free(row);
         return (!isadmin && !(rights & ACL_LOOKUP)) ? IMAP_PERMISSION_DENIED
                                                     : IMAP_MAILBOX_EXISTS;
     }
-    free(row);
-    row = nullptr;
+    if (r != IMAP_MAILBOX_NONEXISTENT) return r;
 
     if (config_get_int(config_getdefaultcache(), "local.store.maxfolders", 0) > 0) {
         // The limit counts the owner's folders through the folder listing
-        // (mboxlist_findall with mbox_count), which the store doesn't have
-        // yet; until it lands the limit isn't enforced.
+        // (mboxlist_findall), which the store doesn't have yet; until it
+        // lands the limit isn't enforced.
     }
 
     // The nearest existing parent decides rights, ACL and partition.
     char parent[MAX_MAILBOX_NAME];
     strlcpy(parent, name, sizeof parent);
+    row = nullptr;
     for (;;) {
         char *slash = strrchr(parent, '/');
         if (!slash) break;
         *slash = '\0';
         if (!strchr(parent, '/')) break;
-        n = mboxlist_lookup_data(parent, &row, nullptr);
-        if (n > 0 && row) break;
-        free(row);
-        row = nullptr;
+        r = mboxlist_lookup_data(parent, &row, nullptr);
+        if (r == 0) break;
+        // An unreadable parent must not turn into a default ACL.
+        if (r != IMAP_MAILBOX_NONEXISTENT) return r;
     }
     if (row) {
         const char *pacl = mboxlist_acl(row);
@@ -218,8 +221,9 @@ int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *
         if (strchr(name + 5, '/')) return IMAP_PERMISSION_DENIED;
         if (strpbrk(name, "*%?")) return IMAP_MAILBOX_BADNAME;
         if (newacl) {
+            // The root belongs to the user it is named for, whoever makes it.
             char *acl = xstrdup("");
-            acl_modify(&acl, userid ? userid : owner, ACL_MODE_SET, ACL_ALL, nullptr, nullptr);
+            acl_modify(&acl, owner, ACL_MODE_SET, ACL_ALL, nullptr, nullptr);
             *newacl = acl;
         }
     } else if (newacl) {
@@ -235,6 +239,63 @@ int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *
     return 0;
 }
 
+// Makes the folder's files and gives their summary in *mbd; for a row
+// without files (MAILBOX_VERSION_DBONLY) only the summary. 0,
+// IMAP_MAILBOX_EXISTS when files with messages were found and taken over
+// (their counters in *mbd), or the failure of mailbox_create, which has
+// cleaned up after itself.
+static int create_files(const char *name, unsigned version, const char *part, const char *path,
+                        const char *mpath, const char *acl, time_t uidvalidity,
+                        struct mboxdata *mbd)
+{
+    memset(mbd, 0, sizeof *mbd);
+    if (version == MAILBOX_VERSION_DBONLY) {
+        mbd->version = version;
+        return 0;
+    }
+    struct mailbox mb = zeromailbox;
+    int r = mailbox_create(name, part, path, mpath[0] ? mpath : nullptr, acl, version, &mb,
+                           uidvalidity);
+    if (r != 0 && r != IMAP_MAILBOX_EXISTS) return r;
+    *mbd = mb.mbd;
+    mailbox_close(&mb);
+    // The files must be on disk before the row makes them count.
+    if (sync_file_barrier() != 0) {
+        svclog(nullptr, 59, "Unable to add new mailbox entry %s: %m", name);
+        return IMAP_IOERROR;
+    }
+    return r;
+}
+
+// Puts the folder's row and, with qd (a new user's root), its quota row in
+// one transaction. 0 or IMAP_IOERROR (logged; nothing written then).
+static int create_rows(const char *name, const struct mboxdata *mbd, const char *part,
+                       const char *acl, struct quotadata *qd)
+{
+    DB *folders = mboxlist_db(MBOXLIST_FOLDERDB), *quotas = mboxlist_db(MBOXLIST_QUOTADB);
+    DBT key, data, quota;
+    mboxlist_create_struct(&key, &data, &quota, name, mbd, part, acl, qd);
+    int r;
+    do {
+        DB_TXN *txn;
+        r = mboxlist_trans_setup(&txn, "create", name);
+        if (r) break;
+        r = folders->put(folders, txn, &key, &data, 0);
+        if (!r && qd) r = quotas->put(quotas, txn, &key, &quota, 0);
+        // Entering a shared folder into lright.db for the identifiers that
+        // may see it belongs to the access control module, which the store
+        // doesn't have yet; the listing of shared folders reads the ACLs in
+        // any case.
+        r = mboxlist_trans_finish(txn, r);
+    } while (r == DB_LOCK_DEADLOCK);
+    free(data.data);
+    if (r) {
+        svclog(nullptr, 59, "Unable to add new mailbox entry %s: %s", name, mboxlist_strerror(r));
+        return IMAP_IOERROR;
+    }
+    return 0;
+}
+
 int mboxlist_createmailbox(const char *name, unsigned version, const char *partition,
                            const char *userid, const struct auth_state *auth,
                            uint32_t storagequota, uint32_t msgquota, time_t uidvalidity,
@@ -247,88 +308,34 @@ int mboxlist_createmailbox(const char *name, unsigned version, const char *parti
     char *checkacl = nullptr, *part = nullptr;
     int r = mboxlist_createmailboxcheck(name, version, partition, userid, auth,
                                         acl ? nullptr : &checkacl, &part);
-    if (r) {
-        mboxlist_unlock_create(locker);
-        return r;
-    }
     const char *useacl = acl ? acl : checkacl;
-
     char path[MBOXLIST_PATH_BUFFER], mpath[MBOXLIST_PATH_BUFFER];
     path[0] = mpath[0] = '\0';
-    r = mboxlist_getpath(name, part, path, mpath);
-    if (r && version != MAILBOX_VERSION_DBONLY) {
-        free(checkacl);
-        free(part);
-        mboxlist_unlock_create(locker);
-        return r;
-    }
-
-    char ownerbuf[MBOXNAME_OWNER_SIZE];
-    const char *owner = mboxname_owner(name, ownerbuf);
-    int newuser = 0, shared = 0;
-    struct quotadata qd;
-    memset(&qd, 0, sizeof qd);
-    if (owner) {
-        if (!strchr(name + 5, '/')) {
-            newuser = 1;
-            qd.limit = storagequota;
-            qd.limit_messages = msgquota;
-        }
-        shared = acl_isshared(useacl, owner);
+    if (!r) {
+        r = mboxlist_getpath(name, part, path, mpath);
+        // A row without files needs no path: its partition may be "version3".
+        if (version == MAILBOX_VERSION_DBONLY) r = 0;
     }
 
     struct mboxdata mbd;
-    memset(&mbd, 0, sizeof mbd);
     int created = 0;
-    if (version == MAILBOX_VERSION_DBONLY) {
-        mbd.version = version;
-    } else {
-        struct mailbox mb = zeromailbox;
-        created = mailbox_create(name, part, path, mpath[0] ? mpath : nullptr, useacl, version,
-                                 &mb, uidvalidity);
-        if (created == 0 || created == IMAP_MAILBOX_EXISTS) {
-            mbd = mb.mbd;
-            mailbox_close(&mb);
-        } else {
-            free(checkacl);
-            free(part);
-            mboxlist_unlock_create(locker);
-            return created;
-        }
+    if (!r) {
+        created = create_files(name, version, part, path, mpath, useacl, uidvalidity, &mbd);
+        if (created != IMAP_MAILBOX_EXISTS) r = created;
     }
-
-    // The files must be on disk before the row makes them count.
-    if (sync_file_barrier() != 0) {
-        svclog(nullptr, 59, "Unable to add new mailbox entry %s: %m", name);
-        free(checkacl);
-        free(part);
-        mboxlist_unlock_create(locker);
-        return IMAP_IOERROR;
+    if (!r) {
+        // A new user's root gets its quota row with the limits given.
+        struct quotadata qd;
+        memset(&qd, 0, sizeof qd);
+        qd.limit = storagequota;
+        qd.limit_messages = msgquota;
+        char ownerbuf[MBOXNAME_OWNER_SIZE];
+        int newuser = mboxname_owner(name, ownerbuf) && !strchr(name + 5, '/');
+        // Should this fail, the files stay: the next create of this name
+        // takes them over.
+        r = create_rows(name, &mbd, part, useacl, newuser ? &qd : nullptr);
     }
-
-    DBT key, data, quota;
-    mboxlist_create_struct(&key, &data, &quota, name, &mbd, part, useacl, &qd);
-    do {
-        DB_TXN *txn;
-        r = mboxlist_trans_setup(&txn, "create", name);
-        if (r) break;
-        r = mbl->put(mbl, txn, &key, &data, 0);
-        if (!r && newuser) r = quotadb->put(quotadb, txn, &key, &quota, 0);
-        if (!r && !newuser && shared) {
-            // Entering the folder into lright.db for the identifiers that
-            // may see it (mboxlist_changeshared) belongs to the access
-            // control module, which the store doesn't have yet; the listing
-            // of shared folders reads the ACLs in any case.
-        }
-        r = mboxlist_trans_finish(txn, r);
-    } while (r == DB_LOCK_DEADLOCK);
     mboxlist_unlock_create(locker);
-    if (r) {
-        svclog(nullptr, 59, "Unable to add new mailbox entry %s: %s", name,
-               r > 0 || (r >= -30999 && r <= -30800) ? db_strerror(r) : "System I/O error");
-        r = IMAP_IOERROR;
-    }
-    free(data.data);
     free(checkacl);
     free(part);
     return r ? r : created;
@@ -373,8 +380,9 @@ static int next_child(const char *name, char *child)
         memset(&data, 0, sizeof data);
         data.data = &none;
         data.flags = DB_DBT_USERMEM | DB_DBT_PARTIAL;
+        DB *folders = mboxlist_db(MBOXLIST_FOLDERDB);
         DBC *cursor;
-        int r = mbl->cursor(mbl, nullptr, &cursor, 0);
+        int r = folders->cursor(folders, nullptr, &cursor, 0);
         if (r) {
             svclog(nullptr, 59, "Unable to open cursor on mailbox list: %s", db_strerror(r));
             return IMAP_IOERROR;
@@ -388,7 +396,7 @@ static int next_child(const char *name, char *child)
             return IMAP_IOERROR;
         }
         child[key.size < MAX_MAILBOX_NAME ? key.size : MAX_MAILBOX_NAME - 1] = '\0';
-        return name_comparen(child, name, (int)nlen) == 0 && child[nlen] == '/';
+        return mboxlist_name_comparen(child, name, (int)nlen) == 0 && child[nlen] == '/';
     }
 }
 
@@ -414,152 +422,148 @@ static void remove_subscription_file(const char *owner)
     }
 }
 
-int mboxlist_deletemailbox_internal(const char *name, int isadmin, const char *userid,
-                                    const struct auth_state *auth, int checkacl, char *path,
-                                    char *mpath, char *child, int recursive)
+// The checks of a delete before anything changes: rights on the row that
+// *row receives (the caller frees it). 0 or the result of the delete.
+static int delete_rights(const char *name, int deleteuser, int isadmin, const char *userid,
+                         const struct auth_state *auth, int checkacl, char **row)
 {
-    int r = mboxlist_deletemailboxcheck(name, auth);
+    int r = mboxlist_lookup_data(name, row, nullptr);
+    // An unreadable row is no missing one: the failure is the answer.
     if (r) return r;
+    if (isadmin == -1 || (!deleteuser && !checkacl)) return 0;
+    int rights = acl_myrights(auth, mboxlist_acl(*row));
+    if (rights & ACL_CREATE) return 0;
+    // Who may not see the folder doesn't learn that it exists.
+    if (deleteuser || isadmin || mboxname_userownsmailbox(userid, name) || (rights & ACL_LOOKUP))
+        return IMAP_PERMISSION_DENIED;
+    return IMAP_MAILBOX_NONEXISTENT;
+}
 
-    uint32_t locker = 0;
-    int locked = 0;
-    char *row = nullptr;
-    int deleteuser = strncmp(name, "user/", 5) == 0 && !strchr(name + 5, '/');
-
-    if (deleteuser) {
-        // Nobody deletes their own root.
-        if (mboxname_userownsmailbox(userid, name)) return IMAP_MAILBOX_NOTSUPPORTED;
-        if (isadmin == 0) return IMAP_PERMISSION_DENIED;
-        if (!recursive) {
-            if (mboxlist_lock_create(&locker, name, nullptr, 1) != 0) return IMAP_IOERROR;
-            locked = 1;
-        }
-        if (mboxlist_lookup_data(name, &row, nullptr) <= 0 || !row) {
-            r = IMAP_MAILBOX_NONEXISTENT;
-        } else if (isadmin != -1 && !(acl_myrights(auth, mboxlist_acl(row)) & ACL_CREATE)) {
-            r = IMAP_PERMISSION_DENIED;
-        }
-    } else if (checkacl) {
-        if (!recursive) {
-            if (mboxlist_lock_create(&locker, name, nullptr, 0) != 0) return IMAP_IOERROR;
-            locked = 1;
-        }
-        if (mboxlist_lookup_data(name, &row, nullptr) <= 0 || !row) {
-            r = IMAP_MAILBOX_NONEXISTENT;
-        } else {
-            int rights = acl_myrights(auth, mboxlist_acl(row));
-            if (!(rights & ACL_CREATE)) {
-                // Who may not see the folder doesn't learn that it exists.
-                r = (isadmin || mboxname_userownsmailbox(userid, name) || (rights & ACL_LOOKUP))
-                        ? IMAP_PERMISSION_DENIED
-                        : IMAP_MAILBOX_NONEXISTENT;
-            }
-        }
-    } else {
-        if (mboxlist_lookup_data(name, &row, nullptr) <= 0 || !row) {
-            free(row);
-            return IMAP_MAILBOX_NONEXISTENT;
-        }
-        if (!recursive) {
-            if (mboxlist_lock_create(&locker, name, nullptr, 0) != 0) {
-                free(row);
-                return IMAP_IOERROR;
-            }
-            locked = 1;
-        }
-    }
-    if (r) {
-        free(row);
-        if (locked) mboxlist_unlock_create(locker);
-        return r;
-    }
-
-    char ownerbuf[MBOXNAME_OWNER_SIZE];
-    const char *owner = mboxname_owner(name, ownerbuf);
-
-    if (deleteuser) {
-        // Children sort right behind their parent: take the first one
-        // again and again until none is left.
-        for (;;) {
-            int found = next_child(name, child);
-            if (found < 0 || found == IMAP_IOERROR) {
-                r = IMAP_IOERROR;
-                break;
-            }
-            if (!found) break;
-            char *childname = xstrdup(child);
-            r = mboxlist_deletemailbox_internal(childname, isadmin, userid, auth, 0, path, mpath,
+// Deletes every folder below a user's root, under the caller's locks.
+static int delete_children(const char *name, int isadmin, const char *userid,
+                           const struct auth_state *auth, char *path, char *mpath, char *child)
+{
+    // Children sort right behind their parent: take the first one again
+    // and again until none is left.
+    for (;;) {
+        int found = next_child(name, child);
+        if (found == IMAP_IOERROR) return found;
+        if (!found) return 0;
+        char *childname = xstrdup(child);
+        int r = mboxlist_deletemailbox_internal(childname, isadmin, userid, auth, 0, path, mpath,
                                                 child, 1);
-            free(childname);
-            if (r) break;
-        }
-        if (r) {
-            free(row);
-            if (locked) mboxlist_unlock_create(locker);
-            return r;
-        }
+        free(childname);
+        if (r) return r;
     }
+}
 
-    int shared = !deleteuser && owner && acl_isshared(mboxlist_acl(row), owner);
-
-    // The rows go first: a crash from here on leaves only files, which a
-    // later create of the name takes over.
+// Removes the folder's rows in one transaction: its folder.db row, and for
+// a user's root the quota row and the owner's subscriptions as well.
+// 0 or IMAP_IOERROR (logged); nothing changed then.
+static int delete_rows(const char *name, const char *owner, int deleteuser)
+{
+    DB *folders = mboxlist_db(MBOXLIST_FOLDERDB), *quotas = mboxlist_db(MBOXLIST_QUOTADB);
+    int r;
     do {
         DB_TXN *txn;
         r = mboxlist_trans_setup(&txn, "delete", name);
         if (r) break;
-        if (!deleteuser) {
-            // Taking the folder's usage off its quota root
-            // (mboxlist_changequota_internal) comes with the quota module,
-            // and removing it from lright.db (mboxlist_changeshared) with
-            // the access control module; the store has neither yet.
-            (void)shared;
-        }
+        // Taking the folder's usage off its quota root comes with the quota
+        // module, and removing it from lright.db with the access control
+        // module; the store has neither yet.
         DBT key;
         mboxlist_set_key(name, &key);
-        r = mbl->del(mbl, txn, &key, 0);
+        r = folders->del(folders, txn, &key, 0);
         if (!r && deleteuser) {
-            r = quotadb->del(quotadb, txn, &key, 0);
+            r = quotas->del(quotas, txn, &key, 0);
             if (r == DB_NOTFOUND || r == DB_KEYEMPTY) r = 0;
             if (!r && owner) r = mboxlist_delete_subscriptions(txn, owner);
         }
         r = mboxlist_trans_finish(txn, r);
     } while (r == DB_LOCK_DEADLOCK);
     if (r) {
-        free(row);
-        if (locked) mboxlist_unlock_create(locker);
-        return r;
+        svclog(nullptr, 59, "Unable to delete mailbox list entry of %s: %s", name,
+               mboxlist_strerror(r));
+        return IMAP_IOERROR;
     }
-    // The quota status of the root (mboxlist_adjustquotastatus) is judged
-    // again once the quota module is part of the store.
+    return 0;
+}
 
-    // The removal of the row must be on disk before the files go: commits
-    // don't sync the database log by default, and a machine that crashed
-    // now must not find a row whose files are gone.
-    if (mboxlist_dbenv) mboxlist_dbenv->log_flush(mboxlist_dbenv, nullptr);
-
-    // Nothing can stop the deletion now; a failure only leaves files.
+// Removes the files and per-user data of a folder whose rows are gone.
+// Failures are logged and change nothing for the caller: the rows are gone.
+static void delete_files(const char *name, const char *row, char *path, char *mpath)
+{
     struct mailbox mb = zeromailbox;
-    r = mboxlist_getpath(name, mboxlist_partition(row), path, mpath);
+    const char *part = mboxlist_partition(row);
+    int r = mboxlist_getpath(name, part, path, mpath);
     if (!r)
-        r = mailbox_open_path(name, 0, mboxlist_partition(row), path, mpath[0] ? mpath : nullptr,
-                              mboxlist_acl(row), auth_dontCheckAcl, &mb);
+        r = mailbox_open_path(name, 0, part, path, mpath[0] ? mpath : nullptr, mboxlist_acl(row),
+                              auth_dontCheckAcl, &mb);
     if (!r) {
         mailbox_delete(&mb, 0);
-    } else {
-        // No folder on disk to remove; its per-user rows go all the same.
-        struct mailbox bare = zeromailbox;
-        bare.name = const_cast<char *>(name);
-        seen_delete(&bare, 0);
-        svclog(nullptr, 59, "Unable to remove mailbox %s: %s", name,
-               r > 0 || (r >= -30999 && r <= -30800) ? db_strerror(r) : PR_ErrorToString(r, 0));
-        r = 0;
+        return;
     }
+    svclog(nullptr, 59, "Unable to remove mailbox %s: %s", name, mboxlist_strerror(r));
+    // No folder on disk to remove; its per-user rows go all the same.
+    struct mailbox bare = zeromailbox;
+    bare.name = const_cast<char *>(name);
+    if (seen_delete(&bare, 0) != 0)
+        svclog(nullptr, 59, "Unable to remove per-user data of %s", name);
+}
 
-    if (deleteuser && owner) remove_subscription_file(owner);
-    if (locked) mboxlist_unlock_create(locker);
+int mboxlist_deletemailbox_internal(const char *name, int isadmin, const char *userid,
+                                    const struct auth_state *auth, int checkacl, char *path,
+                                    char *mpath, char *child, int recursive)
+{
+    int r = mboxlist_deletemailboxcheck(name, auth);
+    if (r) return r;
+    int deleteuser = strncmp(name, "user/", 5) == 0 && !strchr(name + 5, '/');
+    if (deleteuser) {
+        // Nobody deletes their own root.
+        if (mboxname_userownsmailbox(userid, name)) return IMAP_MAILBOX_NOTSUPPORTED;
+        if (isadmin == 0) return IMAP_PERMISSION_DENIED;
+    }
+    // Without checks a folder that isn't there takes no lock.
+    char *row = nullptr;
+    if (!deleteuser && !checkacl) {
+        r = mboxlist_lookup_data(name, nullptr, nullptr);
+        if (r) return r;
+    }
+    uint32_t locker = 0;
+    if (!recursive && mboxlist_lock_create(&locker, name, nullptr, deleteuser) != 0)
+        return IMAP_IOERROR;
+
+    char ownerbuf[MBOXNAME_OWNER_SIZE];
+    const char *owner = mboxname_owner(name, ownerbuf);
+    r = delete_rights(name, deleteuser, isadmin, userid, auth, checkacl, &row);
+    if (!r && deleteuser) r = delete_children(name, isadmin, userid, auth, path, mpath, child);
+    // The rows go first: a crash from here on leaves only files, which a
+    // later create of the name takes over.
+    if (!r) r = delete_rows(name, owner, deleteuser);
+    if (!r) {
+        // The removal of the rows must be on disk before the files go:
+        // commits don't sync the database log by default, and a machine
+        // that crashed now must not find a row whose files are gone. If
+        // the log can't be written (a full disk), the files stay; should
+        // the rows then be gone for good, the files are leftovers without
+        // a row, which the next create of the name takes over with their
+        // messages.
+        DB_ENV *env = mboxlist_env();
+        int f = env ? env->log_flush(env, nullptr) : EINVAL;
+        if (f) {
+            svclog(nullptr, 59, "Unable to remove mailbox %s: database log not written: %s", name,
+                   db_strerror(f));
+            r = IMAP_IOERROR;
+        }
+    }
+    if (!r) {
+        // Nothing can stop the deletion now; a failure only leaves files.
+        delete_files(name, row, path, mpath);
+        if (deleteuser && owner) remove_subscription_file(owner);
+    }
+    if (!recursive) mboxlist_unlock_create(locker);
     free(row);
-    return 0;
+    return r;
 }
 
 int mboxlist_deletemailbox(const char *name, const char *userid, const struct auth_state *auth)

@@ -6,7 +6,7 @@
 // row, which the next create of that name takes over.
 //
 // Creates and deletes are serialized by named locks in the lock
-// environment (mboxlockenv), taken before any transaction of the main
+// environment (mboxlist_lockenv), taken before any transaction of the main
 // environment and held across the file work and the transaction:
 //   "user_" + user id   all folders of one user
 //   "sharedfolders"     all folders outside "user/"
@@ -47,13 +47,16 @@ void mboxlist_unlock_create(uint32_t locker);
 
 // Decides whether name may be created, changing nothing. partition (may
 // be null) is a site administrator's choice. On success *newacl (if asked
-// for) gets the ACL the folder would have: the nearest existing parent's,
-// for a user's root the user id (or the owner) with all rights, otherwise
-// store.defaultacl; *newpartition (if asked for) the given partition,
-// else the parent's, else store.defaultpartition. The caller frees both.
+// for) gets the ACL the folder would have: the nearest existing parent's;
+// for a user's root the user it is named for with all rights, whoever
+// asks; otherwise store.defaultacl. *newpartition (if asked for) gets the
+// given partition, else the parent's, else store.defaultpartition. The
+// caller frees both; both are null on failure.
 // 0, IMAP_PARTITION_UNKNOWN, IMAP_MAILBOX_BADNAME, IMAP_MAILBOX_NOTSUPPORTED,
 // IMAP_PERMISSION_DENIED or IMAP_MAILBOX_EXISTS; IMAP_MAILBOX_EXHAUSTED
-// for local.store.maxfolders once the folder listing can count.
+// for local.store.maxfolders once the folder listing can count; or the
+// failure of a lookup (IMAP_IOERROR ...): a row that can't be read is
+// never taken for a missing one.
 int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *partition,
                                 const char *userid, const struct auth_state *auth,
                                 char **newacl, char **newpartition);
@@ -66,7 +69,7 @@ int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *
 // 0; IMAP_MAILBOX_EXISTS when the files of a folder with messages were
 // found without a row and registered anew with their counters; or an
 // error of the check, of the files, or IMAP_IOERROR (the files stay for
-// the next create to take over).
+// the next create to take over). Waits for the folder's named locks.
 int mboxlist_createmailbox(const char *name, unsigned version, const char *partition,
                            const char *userid, const struct auth_state *auth,
                            uint32_t storagequota, uint32_t msgquota, time_t uidvalidity,
@@ -81,7 +84,13 @@ int mboxlist_deletemailboxcheck(const char *name, const struct auth_state *auth)
 // quota row and subscriptions with it. auth_dontCheckAcl checks nothing.
 // 0, IMAP_MAILBOX_NONEXISTENT, IMAP_PERMISSION_DENIED,
 // IMAP_MAILBOX_NOTSUPPORTED (a user deleting its own root),
-// IMAP_MAILBOX_PINNED, IMAP_IOERROR, or the failure of the transaction.
+// IMAP_MAILBOX_PINNED, or IMAP_IOERROR: the row could not be read (nothing
+// changed), the rows could not be removed (nothing changed), or the
+// database log could not be written after their removal (the files stay,
+// and should the rows be gone, the next create takes the files over).
+// Once the rows are gone for good, failures to remove files are only
+// logged. Deleting a user stops at the first child that fails; the
+// children deleted before it stay deleted.
 int mboxlist_deletemailbox(const char *name, const char *userid, const struct auth_state *auth);
 
 // The work of mboxlist_deletemailbox. isadmin: -1 (no checks at all), 0,

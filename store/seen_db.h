@@ -63,7 +63,7 @@ struct PerUserFlags {
 
 // ---- the database -------------------------------------------------------
 
-int seen_init(DB_ENV *env, const char *file, key_compare_fn cmp, key_prefix_fn prefix);
+int seen_init(DB_ENV *env, const char *file, mboxlist_key_compare_fn cmp, mboxlist_key_prefix_fn prefix);
 void seen_shutdown(void);
 
 // ---- one pair of folder and user ----------------------------------------

@@ -34,7 +34,7 @@ const uint32_t NOQUOTA = QUOTA_UNLIMITED;
 bool row_of(const char *name, std::string *acl, std::string *partition = nullptr,
             mboxdata *mbd = nullptr) {
     char *row = nullptr;
-    bool found = mboxlist_lookup_data(name, &row, nullptr) > 0 && row;
+    bool found = mboxlist_lookup_data(name, &row, nullptr) == 0;
     if (found && acl) *acl = mboxlist_acl(row);
     if (found && partition) *partition = mboxlist_partition(row);
     if (found && mbd) memcpy(mbd, row, sizeof *mbd);
@@ -312,7 +312,7 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     // subscriptions and the old subscription file; a neighbour whose name
     // starts alike stays.
     const std::string own("carl\0", 5), sub("carl\0user/carl/z", 16), other("carl2\0user/carl/z", 17);
-    for (const std::string &k : {own, sub, other}) ASSERT_TRUE(testutil::db_put(subsdb, k, "x"));
+    for (const std::string &k : {own, sub, other}) ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_SUBSDB), k, "x"));
     char hash[MBOXNAME_HASH_SIZE];
     mboxname_tohash("carl", 0, hash);
     std::string subdir = inst.path("data/store/user") + hash;
@@ -323,8 +323,8 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     for (const char *n : late) EXPECT_FALSE(has_row(n)) << n;
     quotadata qd;
     EXPECT_EQ(mboxlist_lookup_quota("user/carl", &qd, nullptr), DB_NOTFOUND);
-    EXPECT_FALSE(testutil::db_has(subsdb, own) || testutil::db_has(subsdb, sub));
-    EXPECT_TRUE(testutil::db_has(subsdb, other));
+    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), own) || testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), sub));
+    EXPECT_TRUE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), other));
     for (const std::string &gone : {subdir + "carl.sub", subdir, rootdir})
         EXPECT_FALSE(file_exists(gone)) << gone;
     for (const char *n : {"user/fred", "user/carl2", "user/carl2/a"}) EXPECT_TRUE(has_row(n)) << n;
@@ -400,7 +400,8 @@ int opens(const char *name) {
 int check_store(int *found, int *rows) {
     for (int pass = 0; pass < 2; pass++) {
         DBC *cursor;
-        if (mbl->cursor(mbl, nullptr, &cursor, 0) != 0) return 30;
+        DB *folders = mboxlist_db(MBOXLIST_FOLDERDB);
+        if (folders->cursor(folders, nullptr, &cursor, 0) != 0) return 30;
         DBT key, data;
         memset(&key, 0, sizeof key);
         memset(&data, 0, sizeof data);

@@ -27,7 +27,7 @@ DBT key_of(const std::string &s) {
 
 int cmp(const std::string &a, const std::string &b) {
     DBT x = key_of(a), y = key_of(b);
-    return key_compare(nullptr, &x, &y);
+    return mboxlist_key_compare(nullptr, &x, &y);
 }
 
 // A store opened in this process through recovery.
@@ -35,7 +35,7 @@ class OpenStore : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(testutil::start_store("rowtest"), 0);
-        ASSERT_NE(mbl, nullptr);
+        ASSERT_NE(mboxlist_db(MBOXLIST_FOLDERDB), nullptr);
     }
     void TearDown() override { mboxlist_reset_for_tests(); }
 
@@ -58,15 +58,15 @@ TEST(MboxlistKeys, OrderPrefixAndNameComparison) {
 
     std::string sa = "abcd", sb = "abxy", sc = "ab", sd = "abcd";
     DBT a = key_of(sa), b = key_of(sb), c = key_of(sc), d = key_of(sd);
-    EXPECT_EQ(key_prefix(nullptr, &a, &b), 3u);
-    EXPECT_EQ(key_prefix(nullptr, &c, &a), 3u);
-    EXPECT_EQ(key_prefix(nullptr, &a, &d), 4u);
+    EXPECT_EQ(mboxlist_key_prefix(nullptr, &a, &b), 3u);
+    EXPECT_EQ(mboxlist_key_prefix(nullptr, &c, &a), 3u);
+    EXPECT_EQ(mboxlist_key_prefix(nullptr, &a, &d), 4u);
 
-    EXPECT_EQ(name_comparen("user/a", "user/b", 5), 0);
-    EXPECT_LT(name_comparen("user/a/x", "user/a-x", 100), 0);
-    EXPECT_GT(name_comparen("user/a-x", "user/a/x", 100), 0);
-    EXPECT_LT(name_comparen("user/a", "user/b", 100), 0);
-    EXPECT_GT(name_comparen("a\t", "a/", 100), 0);  // TAB has no special place here
+    EXPECT_EQ(mboxlist_name_comparen("user/a", "user/b", 5), 0);
+    EXPECT_LT(mboxlist_name_comparen("user/a/x", "user/a-x", 100), 0);
+    EXPECT_GT(mboxlist_name_comparen("user/a-x", "user/a/x", 100), 0);
+    EXPECT_LT(mboxlist_name_comparen("user/a", "user/b", 100), 0);
+    EXPECT_GT(mboxlist_name_comparen("a\t", "a/", 100), 0);  // TAB has no special place here
 
     char root[256];
     EXPECT_EQ(mboxlist_quotaroot("user/fred/sent/2004", root), 0);
@@ -114,9 +114,9 @@ TEST_F(OpenStore, LookupsAndPaths) {
     EXPECT_EQ(mboxlist_lookup("user/nobody", nullptr, nullptr, nullptr, nullptr, nullptr),
               IMAP_MAILBOX_NONEXISTENT);
     EXPECT_EQ(mboxlist_lookup_data("user/fred", nullptr, nullptr), 0);
-    EXPECT_EQ(mboxlist_lookup_data("user/nobody", nullptr, nullptr), -1);
+    EXPECT_EQ(mboxlist_lookup_data("user/nobody", nullptr, nullptr), IMAP_MAILBOX_NONEXISTENT);
     char *row = nullptr;
-    EXPECT_EQ(mboxlist_lookup_data("user/fred", &row, nullptr), 60 + 8 + 16);
+    EXPECT_EQ(mboxlist_lookup_data("user/fred", &row, nullptr), 0);
     free(row);
 
     // "version3" is no partition: the row reads, a path doesn't.
@@ -136,13 +136,13 @@ TEST_F(OpenStore, QuotaRowsOfEverySize) {
     full.used_low = 77;
     full.limit_messages = 50;
     full.last_dbrepair = 99;
-    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/full\0", 10), std::string((char *)&full, 56)));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_QUOTADB), std::string("user/full\0", 10), std::string((char *)&full, 56)));
     // A short row of 36 bytes: the message limit reads as none.
-    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/short\0", 11), std::string((char *)&full, 36)));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_QUOTADB), std::string("user/short\0", 11), std::string((char *)&full, 36)));
     // A longer row reads its first 56 bytes.
     std::string longer((char *)&full, 56);
     longer += std::string(20, 'x');
-    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/long\0", 10), longer));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_QUOTADB), std::string("user/long\0", 10), longer));
 
     struct quotadata q;
     ASSERT_EQ(mboxlist_lookup_quota("user/full", &q, nullptr), 0);
@@ -165,25 +165,25 @@ TEST_F(OpenStore, DeleteRemovesRowsByOwner) {
     testutil::put_row("user/freda", MAILBOX_VERSION, 0, "", 77, "primary");
     struct quotadata q;
     memset(&q, 0, sizeof(q));
-    ASSERT_TRUE(testutil::db_put(quotadb, std::string("user/fred\0", 10), std::string((char *)&q, 56)));
-    ASSERT_TRUE(testutil::db_put(subsdb, std::string("fred\0", 5), std::string(4, '\0')));
-    ASSERT_TRUE(testutil::db_put(subsdb, std::string("fred\0user/fred/sent\0", 20), ""));
-    ASSERT_TRUE(testutil::db_put(subsdb, std::string("fred\0user/other\0", 16), ""));
-    ASSERT_TRUE(testutil::db_put(subsdb, std::string("freda\0", 6), std::string(4, '\0')));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_QUOTADB), std::string("user/fred\0", 10), std::string((char *)&q, 56)));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_SUBSDB), std::string("fred\0", 5), std::string(4, '\0')));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_SUBSDB), std::string("fred\0user/fred/sent\0", 20), ""));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_SUBSDB), std::string("fred\0user/other\0", 16), ""));
+    ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_SUBSDB), std::string("freda\0", 6), std::string(4, '\0')));
 
     // A folder that is no quota root: only its row goes.
     ASSERT_EQ(mboxlist_delete("user/fred/sent"), 0);
-    EXPECT_FALSE(testutil::db_has(mbl, std::string("user/fred/sent\0", 15)));
-    EXPECT_TRUE(testutil::db_has(subsdb, std::string("fred\0user/fred/sent\0", 20)));
+    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_FOLDERDB), std::string("user/fred/sent\0", 15)));
+    EXPECT_TRUE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), std::string("fred\0user/fred/sent\0", 20)));
 
     // The inbox: its row, the quota row and all of fred's subscriptions.
     ASSERT_EQ(mboxlist_delete("user/fred"), 0);
-    EXPECT_FALSE(testutil::db_has(mbl, std::string("user/fred\0", 10)));
-    EXPECT_FALSE(testutil::db_has(quotadb, std::string("user/fred\0", 10)));
-    EXPECT_FALSE(testutil::db_has(subsdb, std::string("fred\0", 5)));
-    EXPECT_FALSE(testutil::db_has(subsdb, std::string("fred\0user/other\0", 16)));
-    EXPECT_TRUE(testutil::db_has(subsdb, std::string("freda\0", 6)));
-    EXPECT_TRUE(testutil::db_has(mbl, std::string("user/freda\0", 11)));
+    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_FOLDERDB), std::string("user/fred\0", 10)));
+    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_QUOTADB), std::string("user/fred\0", 10)));
+    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), std::string("fred\0", 5)));
+    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), std::string("fred\0user/other\0", 16)));
+    EXPECT_TRUE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), std::string("freda\0", 6)));
+    EXPECT_TRUE(testutil::db_has(mboxlist_db(MBOXLIST_FOLDERDB), std::string("user/freda\0", 11)));
 
     // A folder without a row is no failure.
     EXPECT_EQ(mboxlist_delete("user/ghost"), 0);
@@ -194,8 +194,8 @@ TEST_F(OpenStore, LogCountsAndLimits) {
     EXPECT_GE(mboxlist_log_count_nodb(), 1);
     EXPECT_EQ(mboxlist_maxlog_check(8), 1);
     EXPECT_EQ(mboxlist_maxlog_check(9), 0);
-    EXPECT_EQ(mboxlist_checkpoint60(), 0);
-    EXPECT_EQ(mboxlist_checkpoint15(), 0);
-    EXPECT_EQ(mboxlist_checkpoint300(), 0);
+    EXPECT_EQ(mboxlist_checkpoint(), 0);
+    EXPECT_EQ(mboxlist_trickle(), 0);
+    EXPECT_EQ(mboxlist_archive_logs(), 0);
     EXPECT_EQ(mboxlist_deadlockcheck(), 0);
 }
