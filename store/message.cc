@@ -9,10 +9,12 @@
 #include "store/message.h"
 
 #include <errno.h>
+#include <stddef.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include "store/imap_err.h"
@@ -66,6 +68,22 @@ const char *scan_token(const char *p, char delim) {
         if ((signed char)c < 32) return nullptr;
         if (is_special((unsigned char)c)) return nullptr;
     }
+}
+
+// Reads a token behind white space and comments at *p, up to delim (0 for
+// none): *token and *len tell where it stands, and *p moves behind the
+// white space after it, to null when the field ends there. false when the
+// field ends before the token or a byte stands in it that a token can't
+// hold.
+bool next_token(const char **p, char delim, const char **token, size_t *len) {
+    message_parse_rfc822space(p);
+    if (!*p) return false;
+    *token = *p;
+    *p = scan_token(*p, delim);
+    if (!*p) return false;
+    *len = (size_t)(*p - *token);
+    message_parse_rfc822space(p);
+    return true;
 }
 
 char *upper_copy(const char *s, size_t n) { return str_toupper(xstrndup(s, n)); }
@@ -165,14 +183,9 @@ void message_parse_params(const char *hdr, struct param **list) {
     while (*tail) tail = &(*tail)->next;
     const char *p = hdr;
     for (;;) {
-        message_parse_rfc822space(&p);
-        if (!p) return;
-        const char *name = p;
-        p = scan_token(p, '=');
-        if (!p) return;
-        size_t namelen = (size_t)(p - name);
-        message_parse_rfc822space(&p);
-        if (!p || *p != '=') return;
+        const char *name;
+        size_t namelen;
+        if (!next_token(&p, '=', &name, &namelen) || !p || *p != '=') return;
         p++;
         message_parse_rfc822space(&p);
         if (!p) return;
@@ -367,36 +380,28 @@ void message_fold_params(struct param **list) {
     }
 }
 
+// The parameters behind the ";" at p into *list; nothing when p is null.
+void parse_params_behind(const char *p, struct param **list) {
+    if (!p) return;
+    message_parse_params(p + 1, list);
+    message_fold_params(list);
+}
+
 void message_parse_disposition(const char *hdr, struct body *body) {
     if (body->disposition) return;
-    const char *p = hdr;
-    message_parse_rfc822space(&p);
-    if (!p) return;
-    const char *token = p;
-    p = scan_token(p, ';');
-    if (!p) return;
-    size_t len = (size_t)(p - token);
-    message_parse_rfc822space(&p);
-    if (p && *p != ';') return;
+    const char *p = hdr, *token;
+    size_t len;
+    if (!next_token(&p, ';', &token, &len) || (p && *p != ';')) return;
     body->disposition = upper_copy(token, len);
-    if (p) {
-        message_parse_params(p + 1, &body->disposition_params);
-        message_fold_params(&body->disposition_params);
-    }
+    parse_params_behind(p, &body->disposition_params);
 }
 
 // A token alone in its field ("7bit (comment)" is one, "7bit x" is not).
 void message_parse_encoding(const char *hdr, char **field) {
     if (*field) return;
-    const char *p = hdr;
-    message_parse_rfc822space(&p);
-    if (!p) return;
-    const char *token = p;
-    p = scan_token(p, 0);
-    if (!p) return;
-    size_t len = (size_t)(p - token);
-    message_parse_rfc822space(&p);
-    if (p) return;
+    const char *p = hdr, *token;
+    size_t len;
+    if (!next_token(&p, 0, &token, &len) || p) return;
     *field = upper_copy(token, len);
 }
 
@@ -428,111 +433,71 @@ void message_parse_language(const char *hdr, struct param **list) {
     }
 }
 
-// Case-insensitive test of the header name's rest (colon included) at s.
-bool name_is(const char *s, const char *rest, size_t restlen) {
-    return strncasecmp(s, rest, restlen) == 0;
-}
-#define NAME_IS(s, lit) name_is((s), (lit), sizeof(lit) - 1)
-
-// The tails of the address lists of a node: every header appends behind
-// what earlier ones gave.
-struct address_tails {
-    struct address **from, **sender, **reply_to, **to, **cc, **bcc;
+// The header fields that are read, by name with its colon, matched without
+// regard to case; every other field is passed over. The text behind the
+// colon goes to the parser of the field's kind, with the node's member at
+// offset: a string, an address list, or (for the kinds that fill several
+// members) just the first of them.
+enum field_kind { FIELD_STRING, FIELD_ADDRESS, FIELD_TYPE, FIELD_DISPOSITION, FIELD_ENCODING,
+                  FIELD_LANGUAGE };
+struct header_field {
+    const char *name;  // lower-case
+    size_t len;
+    field_kind kind;
+    size_t offset;
 };
-
-void parse_address_field(const char *text, struct address ***tail) {
-    parseaddr_list(text, *tail);
-    while (**tail) *tail = &(**tail)->next;
-}
+#define FIELD(name, kind, member) {name, sizeof(name) - 1, kind, offsetof(struct body, member)}
+const header_field header_fields[] = {
+    FIELD("bcc:", FIELD_ADDRESS, bcc),
+    FIELD("cc:", FIELD_ADDRESS, cc),
+    FIELD("content-description:", FIELD_STRING, description),
+    FIELD("content-disposition:", FIELD_DISPOSITION, disposition),
+    FIELD("content-id:", FIELD_STRING, id),
+    FIELD("content-language:", FIELD_LANGUAGE, language),
+    FIELD("content-md5:", FIELD_STRING, md5),
+    FIELD("content-transfer-encoding:", FIELD_ENCODING, encoding),
+    FIELD("content-type:", FIELD_TYPE, type),
+    FIELD("date:", FIELD_STRING, date),
+    FIELD("from:", FIELD_ADDRESS, from),
+    FIELD("in-reply-to:", FIELD_STRING, in_reply_to),
+    FIELD("message-id:", FIELD_STRING, message_id),
+    FIELD("reply-to:", FIELD_ADDRESS, reply_to),
+    FIELD("sender:", FIELD_ADDRESS, sender),
+    FIELD("subject:", FIELD_STRING, subject),
+    FIELD("to:", FIELD_ADDRESS, to),
+};
+#undef FIELD
+const size_t NFIELDS = sizeof(header_fields) / sizeof(header_fields[0]);
 
 // Walks the header copy: every line start that names a known field hands
-// the text behind its colon to the field's parser.
+// the text behind its colon to the field's parser. A field that occurs
+// again adds its addresses behind those of the first; tails[i] is where
+// the list of header_fields[i] goes on.
 void message_scan_fields(const char *buf, size_t used, struct body *body) {
-    address_tails tails = {&body->from, &body->sender, &body->reply_to,
-                           &body->to,   &body->cc,     &body->bcc};
+    struct address **tails[NFIELDS] = {};
     const char *end = buf + used;
-    const char *lf = buf;
-    while (lf && lf < end) {
+    for (const char *lf = buf; lf && lf < end;) {
         const char *s = lf + 1;
         lf = (const char *)memchr(s, '\n', (size_t)(end - s));
-        switch (*s) {
-        case '.':
-            body->dotlines = 1;
-            break;
-        case 'b':
-        case 'B':
-            if (NAME_IS(s + 1, "cc:")) parse_address_field(s + 4, &tails.bcc);
-            break;
-        case 'c':
-        case 'C':
-            if (NAME_IS(s + 1, "c:")) {
-                parse_address_field(s + 3, &tails.cc);
-            } else if (NAME_IS(s + 1, "ontent-")) {
-                const char *t = s + 8;
-                switch (*t) {
-                case 'd':
-                case 'D':
-                    if (NAME_IS(t + 1, "escription:"))
-                        message_parse_string(t + 13, &body->description);
-                    else if (NAME_IS(t + 1, "isposition:"))
-                        message_parse_disposition(t + 13, body);
-                    break;
-                case 'i':
-                case 'I':
-                    if (NAME_IS(t + 1, "d:")) message_parse_string(t + 3, &body->id);
-                    break;
-                case 'l':
-                case 'L':
-                    if (NAME_IS(t + 1, "anguage:")) message_parse_language(t + 10, &body->language);
-                    break;
-                case 'm':
-                case 'M':
-                    if (NAME_IS(t + 1, "d5:")) message_parse_string(t + 4, &body->md5);
-                    break;
-                case 't':
-                case 'T':
-                    if (NAME_IS(t + 1, "ransfer-encoding:"))
-                        message_parse_encoding(t + 19, &body->encoding);
-                    else if (NAME_IS(t + 1, "ype:"))
-                        message_parse_type(t + 5, body);
-                    break;
-                default:
-                    break;
-                }
+        if (*s == '.') body->dotlines = 1;
+        for (size_t i = 0; i < NFIELDS; i++) {
+            const header_field *f = &header_fields[i];
+            if ((*s | 0x20) != f->name[0] || strncasecmp(s + 1, f->name + 1, f->len - 1) != 0)
+                continue;
+            const char *text = s + f->len;
+            void *member = (char *)body + f->offset;
+            switch (f->kind) {
+            case FIELD_STRING: message_parse_string(text, (char **)member); break;
+            case FIELD_TYPE: message_parse_type(text, body); break;
+            case FIELD_DISPOSITION: message_parse_disposition(text, body); break;
+            case FIELD_ENCODING: message_parse_encoding(text, (char **)member); break;
+            case FIELD_LANGUAGE: message_parse_language(text, (struct param **)member); break;
+            case FIELD_ADDRESS:
+                if (!tails[i]) tails[i] = (struct address **)member;
+                parseaddr_list(text, tails[i]);
+                while (*tails[i]) tails[i] = &(*tails[i])->next;
+                break;
             }
-            break;
-        case 'd':
-        case 'D':
-            if (NAME_IS(s + 1, "ate:")) message_parse_string(s + 5, &body->date);
-            break;
-        case 'f':
-        case 'F':
-            if (NAME_IS(s + 1, "rom:")) parse_address_field(s + 5, &tails.from);
-            break;
-        case 'i':
-        case 'I':
-            if (NAME_IS(s + 1, "n-reply-to:")) message_parse_string(s + 12, &body->in_reply_to);
-            break;
-        case 'm':
-        case 'M':
-            if (NAME_IS(s + 1, "essage-id:")) message_parse_string(s + 11, &body->message_id);
-            break;
-        case 'r':
-        case 'R':
-            if (NAME_IS(s + 1, "eply-to:")) parse_address_field(s + 9, &tails.reply_to);
-            break;
-        case 's':
-        case 'S':
-            if (NAME_IS(s + 1, "ubject:"))
-                message_parse_string(s + 8, &body->subject);
-            else if (NAME_IS(s + 1, "ender:"))
-                parse_address_field(s + 7, &tails.sender);
-            break;
-        case 't':
-        case 'T':
-            if (NAME_IS(s + 1, "o:")) parse_address_field(s + 3, &tails.to);
-            break;
-        default:
             break;
         }
     }
@@ -762,41 +727,23 @@ void message_parse_multipart(struct msgrange *msg, struct body *body, int depth,
     body->boundary_lines += epilogue.boundary_lines;
 }
 
-bool is_type(const struct body *b, const char *type) { return b->type && strcmp(b->type, type) == 0; }
-
-bool is_message_rfc822(const struct body *b) {
-    return is_type(b, "MESSAGE") && b->subtype && strcmp(b->subtype, "RFC822") == 0;
-}
-
 }  // namespace
+
+bool message_istype(const struct body *body, const char *type, const char *subtype) {
+    return body->type && strcmp(body->type, type) == 0 &&
+           (!subtype || (body->subtype && strcmp(body->subtype, subtype) == 0));
+}
 
 void message_parse_type(const char *hdr, struct body *body) {
     if (body->type) return;
-    const char *p = hdr;
-    message_parse_rfc822space(&p);
-    if (!p) return;
-    const char *type = p;
-    p = scan_token(p, '/');
-    if (!p) return;
-    size_t typelen = (size_t)(p - type);
-    message_parse_rfc822space(&p);
-    if (!p || *p != '/') return;
+    const char *p = hdr, *type, *subtype;
+    size_t typelen, sublen;
+    if (!next_token(&p, '/', &type, &typelen) || !p || *p != '/') return;
     p++;
-    message_parse_rfc822space(&p);
-    if (!p) return;
-    const char *subtype = p;
-    p = scan_token(p, ';');
-    if (!p) return;
-    size_t sublen = (size_t)(p - subtype);
-    message_parse_rfc822space(&p);
-    if (p && *p != ';') return;
-
+    if (!next_token(&p, ';', &subtype, &sublen) || (p && *p != ';')) return;
     body->type = upper_copy(type, typelen);
     body->subtype = upper_copy(subtype, sublen);
-    if (p) {
-        message_parse_params(p + 1, &body->params);
-        message_fold_params(&body->params);
-    }
+    parse_params_behind(p, &body->params);
 }
 
 void message_parse_body(struct msgrange *msg, struct body *body, const char *default_type,
@@ -805,14 +752,15 @@ void message_parse_body(struct msgrange *msg, struct body *body, const char *def
     int sawboundary = message_parse_headers(msg, body, default_type, boundaries);
 
     // With the budget spent, containers are read as text.
-    if (depth <= 0 && (is_type(body, "MULTIPART") || is_message_rfc822(body))) {
+    if (depth <= 0 &&
+        (message_istype(body, "MULTIPART", nullptr) || message_istype(body, "MESSAGE", "RFC822"))) {
         free(body->type);
         body->type = xstrdup("TEXT");
     }
 
-    if (is_type(body, "MULTIPART")) {
+    if (message_istype(body, "MULTIPART", nullptr)) {
         if (!sawboundary) message_parse_multipart(msg, body, depth - 1, boundaries);
-    } else if (is_message_rfc822(body)) {
+    } else if (message_istype(body, "MESSAGE", "RFC822")) {
         struct body *sub = (struct body *)xcalloc(1, sizeof(*sub));
         body->subpart = sub;
         if (sawboundary)

@@ -93,6 +93,10 @@ struct body {
     int32_t dotlines;  // non-zero when a line in or below this entity begins with "."
 };
 
+// Whether the node's type is type and, with subtype not null, its subtype
+// is subtype; both are given upper-cased, as the parser stores them.
+bool message_istype(const struct body *body, const char *type, const char *subtype);
+
 // Maps the file open on fd and parses it as message_parse_mapped does.
 // 0, or IMAP_IOERROR when the file can't be mapped or the cache record
 // can't be written.

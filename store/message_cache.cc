@@ -183,7 +183,9 @@ void message_write_envelope(ibuf *b, const struct body *body) {
     put_char(b, ')');
 }
 
-void write_param_list(ibuf *b, const struct param *p) {
+// A parameter list, "(" name SP value SP name SP value ... ")", or with
+// names false a language list, "(" value SP value ... ")"; NIL when empty.
+void write_param_list(ibuf *b, const struct param *p, bool names = true) {
     if (!p) {
         put_bytes(b, "NIL", 3);
         return;
@@ -191,8 +193,10 @@ void write_param_list(ibuf *b, const struct param *p) {
     put_char(b, '(');
     for (bool first = true; p; p = p->next, first = false) {
         if (!first) put_char(b, ' ');
-        message_write_nstring(b, p->attribute);
-        put_char(b, ' ');
+        if (names) {
+            message_write_nstring(b, p->attribute);
+            put_char(b, ' ');
+        }
         message_write_nstring(b, p->value);
     }
     put_char(b, ')');
@@ -210,32 +214,21 @@ void write_disposition(ibuf *b, const struct body *body) {
     put_char(b, ')');
 }
 
-void write_language(ibuf *b, const struct param *p) {
-    if (!p) {
-        put_bytes(b, "NIL", 3);
-        return;
-    }
-    put_char(b, '(');
-    for (bool first = true; p; p = p->next, first = false) {
-        if (!first) put_char(b, ' ');
-        message_write_nstring(b, p->value);
-    }
-    put_char(b, ')');
-}
-
-bool is_type(const struct body *b, const char *type) { return b->type && strcmp(b->type, type) == 0; }
-
-bool is_message_rfc822(const struct body *b) {
-    return is_type(b, "MESSAGE") && b->subtype && strcmp(b->subtype, "RFC822") == 0;
-}
-
 // A multipart without parts is written as this node: plain text, no sizes.
 struct body empty_text;
 pthread_once_t empty_text_once = PTHREAD_ONCE_INIT;
 void fill_empty_text() { message_parse_type(MESSAGE_DEFAULT_TYPE, &empty_text); }
 
+// The last two fields of the extended form: SP disposition SP language.
+void write_disposition_language(ibuf *b, const struct body *body) {
+    put_char(b, ' ');
+    write_disposition(b, body);
+    put_char(b, ' ');
+    write_param_list(b, body->language, false);
+}
+
 void message_write_body(ibuf *b, const struct body *body, int newformat) {
-    if (is_type(body, "MULTIPART")) {
+    if (message_istype(body, "MULTIPART", nullptr)) {
         if (body->numparts == 0) {
             pthread_once(&empty_text_once, fill_empty_text);
             message_write_body(b, &empty_text, newformat);
@@ -248,10 +241,7 @@ void message_write_body(ibuf *b, const struct body *body, int newformat) {
         if (newformat) {
             put_char(b, ' ');
             write_param_list(b, body->params);
-            put_char(b, ' ');
-            write_disposition(b, body);
-            put_char(b, ' ');
-            write_language(b, body->language);
+            write_disposition_language(b, body);
         }
         put_char(b, ')');
         return;
@@ -271,11 +261,11 @@ void message_write_body(ibuf *b, const struct body *body, int newformat) {
     message_write_nstring(b, body->encoding ? body->encoding : "7BIT");
     put_char(b, ' ');
     message_write_number(b, body->content_size);
-    if (is_type(body, "TEXT")) {
+    if (message_istype(body, "TEXT", nullptr)) {
         put_char(b, ' ');
         message_write_number(b, body->content_lines);
     }
-    if (is_message_rfc822(body) && body->subpart) {
+    if (message_istype(body, "MESSAGE", "RFC822") && body->subpart) {
         put_char(b, ' ');
         message_write_envelope(b, body->subpart);
         put_char(b, ' ');
@@ -286,10 +276,7 @@ void message_write_body(ibuf *b, const struct body *body, int newformat) {
     if (newformat) {
         put_char(b, ' ');
         message_write_nstring(b, body->md5);
-        put_char(b, ' ');
-        write_disposition(b, body);
-        put_char(b, ' ');
-        write_language(b, body->language);
+        write_disposition_language(b, body);
     }
     put_char(b, ')');
 }
@@ -305,7 +292,7 @@ uint32_t encoding_number(const char *encoding) {
 
 // Charset number in the high half, encoding number in the low half.
 uint32_t charset_word(const struct body *body) {
-    if (!body->type || is_type(body, "TEXT")) {
+    if (!body->type || message_istype(body, "TEXT", nullptr)) {
         int charset = 0;
         for (const struct param *p = body->params; p; p = p->next) {
             if (p->attribute && strcasecmp(p->attribute, "charset") == 0) {
@@ -315,12 +302,9 @@ uint32_t charset_word(const struct body *body) {
         }
         return ((uint32_t)charset & 0xFFFF) << 16 | encoding_number(body->encoding);
     }
-    if (is_type(body, "MESSAGE")) return is_message_rfc822(body) ? 0xFFFF0000u : 0;
+    if (message_istype(body, "MESSAGE", nullptr))
+        return message_istype(body, "MESSAGE", "RFC822") ? 0xFFFF0000u : 0;
     return 0xFFFF0000u | encoding_number(body->encoding);
-}
-
-void message_write_charset(ibuf *b, const struct body *body) {
-    message_write_bit32(b, charset_word(body));
 }
 
 void write_entry(ibuf *b, uint32_t header_offset, uint32_t header_size, uint32_t content_offset,
@@ -335,25 +319,15 @@ void write_entry(ibuf *b, uint32_t header_offset, uint32_t header_size, uint32_t
 // The entry of a part in its parent's level: a multipart without parts
 // has no size and no charset.
 void write_part_entry(ibuf *b, const struct body *p, bool multipart_word) {
-    message_write_bit32(b, p->header_offset);
-    message_write_bit32(b, p->header_size);
-    message_write_bit32(b, p->content_offset);
-    if (p->numparts == 0 && is_type(p, "MULTIPART")) {
-        message_write_bit32(b, 0);
-        if (multipart_word)
-            message_write_bit32(b, 0xFFFF0000u);
-        else
-            message_write_charset(b, p);
-    } else {
-        message_write_bit32(b, p->content_size);
-        message_write_charset(b, p);
-    }
+    bool empty = p->numparts == 0 && message_istype(p, "MULTIPART", nullptr);
+    write_entry(b, p->header_offset, p->header_size, p->content_offset, empty ? 0 : p->content_size,
+                empty && multipart_word ? 0xFFFF0000u : charset_word(p));
 }
 
 // The places of the sections, level by level: the count of a level, its
 // entries, then the tables of its entities in order.
 void message_write_section(ibuf *b, const struct body *body) {
-    if (is_message_rfc822(body) && body->subpart) {
+    if (message_istype(body, "MESSAGE", "RFC822") && body->subpart) {
         const struct body *s = body->subpart;
         if (s->numparts == 0) {
             message_write_bit32(b, 2);

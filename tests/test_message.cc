@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <string>
 #include <vector>
@@ -52,17 +51,37 @@ std::string mixed(const std::string &b, const std::string &body) {
 
 std::string str(const char *s) { return s ? s : "<null>"; }
 
-std::string param(const struct param *p, const char *name) {
+// A parameter list as "NAME=value,...", a language list as "TAG,...".
+std::string list(const struct param *p) {
+    std::string out;
     for (; p; p = p->next)
-        if (p->attribute && strcmp(p->attribute, name) == 0) return p->value;
-    return "<none>";
+        out += (out.empty() ? "" : ",") + (p->attribute ? str(p->attribute) + "=" : "") + str(p->value);
+    return out;
 }
 
-// The attributes (or, with values set, the values) of a list, comma-joined.
-std::string join(const struct param *p, bool values = false) {
-    std::string out;
-    for (; p; p = p->next) out += (out.empty() ? "" : ",") + str(values ? p->value : p->attribute);
-    return out;
+// One field of a node, by name, as text: addresses as "name|mailbox|domain;...".
+std::string field(const struct body &b, const std::string &name) {
+    static const std::pair<const char *, char *body::*> strings[] = {
+        {"date", &body::date},       {"subject", &body::subject},         {"id", &body::id},
+        {"md5", &body::md5},         {"description", &body::description}, {"encoding", &body::encoding},
+        {"message_id", &body::message_id}, {"in_reply_to", &body::in_reply_to}};
+    static const std::pair<const char *, address *body::*> addresses[] = {
+        {"from", &body::from}, {"sender", &body::sender}, {"reply_to", &body::reply_to},
+        {"to", &body::to},     {"cc", &body::cc},         {"bcc", &body::bcc}};
+    for (const auto &s : strings)
+        if (name == s.first) return str(b.*s.second);
+    for (const auto &l : addresses) {
+        if (name != l.first) continue;
+        std::string out;
+        for (const struct address *a = b.*l.second; a; a = a->next)
+            out += (out.empty() ? "" : ";") + str(a->name) + "|" + str(a->mailbox) + "|" + str(a->domain);
+        return out;
+    }
+    if (name == "type") return str(b.type) + "/" + str(b.subtype) + " " + list(b.params);
+    if (name == "disposition") return str(b.disposition) + " " + list(b.disposition_params);
+    if (name == "language") return list(b.language);
+    ADD_FAILURE() << "no field " << name;
+    return "";
 }
 
 // The entities of a container lie one behind the other: each part begins
@@ -86,32 +105,26 @@ void check_layout(const struct body &b) {
 // The top entity covers the whole input, its parts laid out in order.
 void expect_whole(const Tree &t) {
     EXPECT_EQ(t.top.header_size + t.top.content_size, t.len);
+    EXPECT_EQ(t.end, t.len);
     check_layout(t.top);
 }
 
 TEST(MessageParse, EmptyMessageAndMissingHeader) {
     Tree empty("");
-    EXPECT_EQ(str(empty.top.type) + "/" + str(empty.top.subtype), "TEXT/PLAIN");
-    EXPECT_EQ(param(empty.top.params, "CHARSET"), "us-ascii");
-    EXPECT_EQ(empty.top.header_size, 0u);
-    EXPECT_EQ(empty.top.header_lines, 0);
-    EXPECT_EQ(empty.top.content_size, 0u);
-    EXPECT_EQ(empty.top.numparts, 0);
+    EXPECT_EQ(field(empty.top, "type"), "TEXT/PLAIN CHARSET=us-ascii");
+    EXPECT_EQ(empty.top.header_size + empty.top.header_lines + empty.top.content_size, 0u);
 
     // No header at all: the first line has no colon before its first blank.
     Tree none(crlf("Hello there: friend\nsecond line\n"));
-    EXPECT_EQ(none.top.header_size, 0u);
-    EXPECT_EQ(none.top.header_lines, 0);
-    EXPECT_EQ(none.top.content_offset, 0u);
-    EXPECT_EQ(none.top.content_size, none.len);
+    EXPECT_EQ(none.top.header_size + none.top.header_lines + none.top.content_offset, 0u);
     EXPECT_EQ(none.top.content_lines, 2u);
+    expect_whole(none);
 
     // A header that runs into a line without a colon: that line starts the
     // content; there is no separator line.
     Tree run(crlf("Subject: hi\nTo: a@b\nplain text\nmore\n"));
     EXPECT_EQ(run.top.header_size, 22u);
     EXPECT_EQ(run.top.header_lines, 2);
-    EXPECT_EQ(run.top.content_offset, 22u);
     EXPECT_EQ(run.content(run.top), "plain text\r\nmore\r\n");
     EXPECT_EQ(str(run.top.subject), "hi");
 
@@ -120,7 +133,6 @@ TEST(MessageParse, EmptyMessageAndMissingHeader) {
     EXPECT_EQ(bare.top.header_size, 10u);
     EXPECT_EQ(bare.top.header_lines, 0);
     EXPECT_EQ(str(bare.top.subject), "x");
-    EXPECT_EQ(bare.top.content_size, 0u);
 
     // The last line without a line end counts in bytes but not in lines.
     Tree tail(crlf("A: b\n\nline\nlast"));
@@ -128,39 +140,94 @@ TEST(MessageParse, EmptyMessageAndMissingHeader) {
     EXPECT_EQ(tail.top.content_lines, 1u);
 }
 
-TEST(MessageParse, StringAndAddressFields) {
-    Tree t(crlf("Date: Fri, 3 Jan 03 10:00:00 +0100\nsubject: first\n  folded\n"
-                "Subject: second\nMessage-ID:\n <id@host>\nIn-Reply-To:   <x@y>\n"
-                "Content-ID: <c@d>\nContent-Description: the text\nContent-MD5: abc=\n"
-                "FROM: Joe <Joe@Example.com>\nTo: a@b, c@d\nto: e@f\nCc: undisclosed: ;\n"
-                "Bcc: x@y\nSender: s@t\nReply-To: r@t\nX-Subject: not this\n\nbody\n"));
-    const struct body &b = t.top;
-    EXPECT_EQ(str(b.date), "Fri, 3 Jan 03 10:00:00 +0100");
-    // Folded: the line end goes, the white space of the continuation stays.
-    EXPECT_EQ(str(b.subject), "first  folded");
-    EXPECT_EQ(str(b.message_id), " <id@host>");
-    EXPECT_EQ(str(b.in_reply_to), "<x@y>");
-    EXPECT_EQ(str(b.id), "<c@d>");
-    EXPECT_EQ(str(b.description), "the text");
-    EXPECT_EQ(str(b.md5), "abc=");
-    ASSERT_TRUE(b.from);
-    EXPECT_EQ(str(b.from->name) + "|" + str(b.from->mailbox) + "|" + str(b.from->domain),
-              "Joe|Joe|Example.com");
-    EXPECT_EQ(b.from->next, nullptr);
-    int n = 0;  // two To headers make one list
-    for (struct address *a = b.to; a; a = a->next) n++;
-    EXPECT_EQ(n, 3);
-    ASSERT_TRUE(b.cc && b.bcc && b.sender && b.reply_to);
-    EXPECT_EQ(str(b.cc->mailbox), "undisclosed");  // a group
-    EXPECT_EQ(b.cc->domain, nullptr);
-    EXPECT_EQ(str(b.sender->mailbox), "s");
-    EXPECT_EQ(str(b.reply_to->mailbox), "r");
-
-    // An empty Subject is an empty string, not a missing one.
-    for (const char *e : {"Subject:\r\nSubject: later\r\n\r\nx\r\n", "Subject:   \r\n\r\nx\r\n",
-                          "Subject:"}) {
-        Tree te(e);
-        EXPECT_EQ(str(te.top.subject), "") << e;
+TEST(MessageParse, HeaderFields) {
+    const struct {
+        const char *headers, *field, *want;
+    } cases[] = {
+        {"Date: Fri, 3 Jan 03 10:00:00 +0100", "date", "Fri, 3 Jan 03 10:00:00 +0100"},
+        // Folded: the line end goes, the white space of the continuation
+        // stays; the first header of a name wins.
+        {"subject: first\n  folded\nSubject: second", "subject", "first  folded"},
+        {"Message-ID:\n <id@host>", "message_id", " <id@host>"},
+        {"In-Reply-To:   <x@y>", "in_reply_to", "<x@y>"},
+        {"Content-ID: <c@d>", "id", "<c@d>"},
+        {"Content-Description: the text", "description", "the text"},
+        {"Content-MD5: abc=", "md5", "abc="},
+        {"X-Subject: not this", "subject", "<null>"},
+        // An empty Subject is an empty string, not a missing one.
+        {"Subject:\nSubject: later", "subject", ""},
+        {"Subject:   ", "subject", ""},
+        // Every header of a name adds to one address list.
+        {"FROM: Joe <Joe@Example.com>", "from", "Joe|Joe|Example.com"},
+        {"To: a@b, c@d\nto: e@f", "to", "<null>|a|b;<null>|c|d;<null>|e|f"},
+        {"Cc: undisclosed: ;", "cc", "<null>|undisclosed|<null>;<null>|<null>|<null>"},
+        {"Bcc: x@y", "bcc", "<null>|x|y"},
+        {"Sender: s@t", "sender", "<null>|s|t"},
+        {"Reply-To: r@t", "reply_to", "<null>|r|t"},
+        // Content-Type: the first usable one wins; quotes, escapes and
+        // comments go.
+        {"Content-Type: Text/HTML ; charset = \"US-ASCII\" ;\n  name=\"a \\\"q\\\" b\"; "
+         "format=flowed (comment)\nContent-Type: image/png",
+         "type", "TEXT/HTML CHARSET=US-ASCII,NAME=a \"q\" b,FORMAT=flowed"},
+        {"Content-Type: text", "type", "TEXT/PLAIN CHARSET=us-ascii"},  // no slash: the default
+        {"Content-Type: text/plain; charset=\"us-ascii\"", "type", "TEXT/PLAIN CHARSET=us-ascii"},
+        // A special inside the subtype, junk behind it, an 8-bit byte in a
+        // token: given up, the default applies.
+        {"Content-Type: text/pl@in", "type", "TEXT/PLAIN CHARSET=us-ascii"},
+        {"Content-Type: text/plain junk", "type", "TEXT/PLAIN CHARSET=us-ascii"},
+        {"Content-Type: te\xe9xt/plain", "type", "TEXT/PLAIN CHARSET=us-ascii"},
+        // An unquoted value with a special ends the parameters; the type stays.
+        {"Content-Type: application/x; a=1; b=c/d; e=2", "type", "APPLICATION/X A=1"},
+        {"Content-Type: application/x; a=b c=d", "type", "APPLICATION/X "},  // neither stored
+        {"Content-Type: multipart/mixed;\n boundary=\"==x==\"", "type", "MULTIPART/MIXED BOUNDARY===x=="},
+        {"Content-Type: a/b; n=\"x\n y\"", "type", "A/B N=x y"},  // folded inside quotes
+        {"Content-Type: broken\nContent-Type: image/gif", "type", "IMAGE/GIF "},
+        // Split parameters are joined, encoded parts kept encoded.
+        {"Content-Type: a/x; title*0*=us-ascii'en'a%20; title*1=\"b c\"", "type",
+         "A/X TITLE*=us-ascii'en'a%20b%20c"},
+        {"Content-Type: a/x; title*0=a; title*1*=%20b", "type", "A/X TITLE*=''a%20b"},
+        {"Content-Type: a/x; t*0=\"ab\"; t*1=cd; t*2=\"ef\"", "type", "A/X T=abcdef"},
+        {"Content-Type: a/x; u*2=c; u*1=b; x=y; u*0=a", "type", "A/X X=y,U=abc"},
+        {"Content-Type: a/x; name*0=lone", "type", "A/X NAME=lone"},
+        {"Content-Type: a/x; name*0*=utf-8''%41", "type", "A/X NAME*=utf-8''%41"},
+        {"Content-Type: a/x; v*0=a; v*2=c", "type", "A/X V=a,V*2=c"},  // a gap ends the value
+        {"Content-Type: a/x; title*=utf-8''x; title*3=y", "type", "A/X TITLE*=utf-8''x,TITLE*3=y"},
+        {"Content-Type: a/x; w*0*=''a; w*1=\"%'* q\"", "type", "A/X W*=''a%25%27%2A%20q"},
+        {"Content-Type: a/x; k*0=a; k*01=b", "type", "A/X K=a,K*01=b"},
+        // Transfer encoding: a token alone in its field.
+        {"Content-Transfer-Encoding: quoted-printable (qp)", "encoding", "QUOTED-PRINTABLE"},
+        {"Content-Transfer-Encoding: 7bit x\nContent-Transfer-Encoding: base64", "encoding", "BASE64"},
+        {"Content-Disposition: attachment; filename*0=\"long\";\n filename*1=\"name.txt\"; size=10",
+         "disposition", "ATTACHMENT FILENAME=longname.txt,SIZE=10"},
+        {"Content-Disposition: inline", "disposition", "INLINE "},
+        {"Content-Disposition: inline junk\nContent-Disposition: Attachment", "disposition",
+         "ATTACHMENT "},
+        // The list of the last header with a tag wins; a bad tag ends the list.
+        {"Content-Language: de\nContent-Language: en, x1, fr\nContent-Language: 42", "language", "EN"},
+        {"Content-Language: en (English) , fr", "language", "EN,FR"},
+        {"Content-Language: en fr", "language", ""},
+        // No blank behind the colon: the value starts right behind it.
+        {"Content-Transfer-Encoding:base64", "encoding", "BASE64"},
+        {"Content-Description:x", "description", "x"},
+        {"Content-Language:en", "language", "EN"},
+        {"Content-Disposition:inline", "disposition", "INLINE "},
+        {"Content-Type:text/html", "type", "TEXT/HTML "},
+        {"Subject:x", "subject", "x"},
+    };
+    for (const auto &c : cases) {
+        Tree t(crlf(std::string(c.headers) + "\n\nbody\n"));
+        EXPECT_EQ(field(t.top, c.field), c.want) << c.headers;
+    }
+    // A field name that ends the input: nothing behind the colon is read.
+    const char *ends[][3] = {{"Content-Description:", "description", ""},
+                             {"Content-Language:", "language", ""},
+                             {"Content-Disposition:", "disposition", "<null> "},
+                             {"Content-Transfer-Encoding:", "encoding", "<null>"},
+                             {"Subject:", "subject", ""}};
+    for (const auto &e : ends) {
+        Tree t(e[0]);
+        EXPECT_EQ(t.top.header_size, strlen(e[0]));
+        EXPECT_EQ(field(t.top, e[1]), e[2]) << e[0];
     }
     // A NUL in a header line cuts what is kept of it; its bytes are consumed.
     // The blank line behind the cut line doesn't start a line of the copy,
@@ -169,98 +236,6 @@ TEST(MessageParse, StringAndAddressFields) {
     EXPECT_EQ(str(z.top.subject), "ab");
     EXPECT_EQ(z.top.content_offset, 18u);
     EXPECT_EQ(z.top.header_size, 13u);
-}
-
-TEST(MessageParse, ContentTypeDispositionEncodingLanguage) {
-    Tree t(crlf("Content-Type: Text/HTML ; charset = \"US-ASCII\" ;\n"
-                "  name=\"a \\\"q\\\" b\"; format=flowed (comment)\n"
-                "Content-Type: image/png\nContent-Transfer-Encoding: quoted-printable (qp)\n"
-                "Content-Disposition: attachment; filename=x.txt; size=10\n"
-                "Content-Language: en-US, fr\n\nx\n"));
-    EXPECT_EQ(str(t.top.type) + "/" + str(t.top.subtype), "TEXT/HTML");
-    EXPECT_EQ(join(t.top.params), "CHARSET,NAME,FORMAT");
-    EXPECT_EQ(join(t.top.params, true), "US-ASCII,a \"q\" b,flowed");
-    EXPECT_EQ(str(t.top.encoding), "QUOTED-PRINTABLE");
-    EXPECT_EQ(str(t.top.disposition), "ATTACHMENT");
-    EXPECT_EQ(join(t.top.disposition_params), "FILENAME,SIZE");
-    EXPECT_EQ(join(t.top.language, true), "EN-US,FR");
-
-    struct Case {
-        const char *header, *type, *params;
-    } cases[] = {
-        {"Content-Type: text", "TEXT/PLAIN", "CHARSET"},  // no slash: the default
-        {"Content-Type: text/plain; charset=\"us-ascii\"", "TEXT/PLAIN", "CHARSET"},
-        // A special inside the subtype, junk behind it, an 8-bit byte in a
-        // token: given up, the default applies.
-        {"Content-Type: text/pl@in", "TEXT/PLAIN", "CHARSET"},
-        {"Content-Type: text/plain junk", "TEXT/PLAIN", "CHARSET"},
-        {"Content-Type: te\xe9xt/plain", "TEXT/PLAIN", "CHARSET"},
-        // An unquoted value with a special ends the parameters; the type stays.
-        {"Content-Type: application/x; a=1; b=c/d; e=2", "APPLICATION/X", "A"},
-        {"Content-Type: application/x; a=b c=d", "APPLICATION/X", ""},  // neither stored
-        {"Content-Type: multipart/mixed;\n boundary=\"==x==\"", "MULTIPART/MIXED", "BOUNDARY"},
-        // Folded inside a quoted value: the line end goes, the blank stays.
-        {"Content-Type: a/b; n=\"x\n y\"", "A/B", "N"},
-        // A type that can't be read lets a later header take effect.
-        {"Content-Type: broken\nContent-Type: image/gif", "IMAGE/GIF", ""},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.header);
-        Tree ct(crlf(std::string(c.header) + "\n\n"));
-        EXPECT_EQ(str(ct.top.type) + "/" + str(ct.top.subtype), c.type);
-        EXPECT_EQ(join(ct.top.params), c.params);
-    }
-    Tree folded(crlf("Content-Type: a/b; n=\"x\n y\"\n\n"));
-    EXPECT_EQ(param(folded.top.params, "N"), "x y");
-
-    Tree enc(crlf("Content-Transfer-Encoding: 7bit x\nContent-Transfer-Encoding: base64\n\n"));
-    EXPECT_EQ(str(enc.top.encoding), "BASE64");
-    Tree inl(crlf("Content-Disposition: inline\n\n"));
-    EXPECT_EQ(str(inl.top.disposition), "INLINE");
-    EXPECT_EQ(inl.top.disposition_params, nullptr);
-    Tree bad(crlf("Content-Disposition: inline junk\nContent-Disposition: Attachment\n\n"));
-    EXPECT_EQ(str(bad.top.disposition), "ATTACHMENT");
-
-    // The list of the last header with a tag wins; a bad tag ends the list.
-    const char *langs[][2] = {
-        {"Content-Language: de\nContent-Language: en, x1, fr\nContent-Language: 42", "EN"},
-        {"Content-Language: en (English) , fr", "EN,FR"},
-        {"Content-Language: en fr", ""},
-    };
-    for (const auto &l : langs) {
-        Tree tl(crlf(std::string(l[0]) + "\n\n"));
-        EXPECT_EQ(join(tl.top.language, true), l[1]) << l[0];
-    }
-}
-
-TEST(MessageParse, SplitParameters) {
-    struct Case {
-        const char *params, *names, *name, *value;
-    } cases[] = {
-        {"title*0*=us-ascii'en'a%20; title*1=\"b c\"", "TITLE*", "TITLE*",
-         "us-ascii'en'a%20b%20c"},
-        {"title*0=a; title*1*=%20b", "TITLE*", "TITLE*", "''a%20b"},
-        {"t*0=\"ab\"; t*1=cd; t*2=\"ef\"", "T", "T", "abcdef"},
-        {"u*2=c; u*1=b; x=y; u*0=a", "X,U", "U", "abc"},  // continuations before the head
-        {"name*0=lone", "NAME", "NAME", "lone"},           // a head alone loses its "*0"
-        {"name*0*=utf-8''%41", "NAME*", "NAME*", "utf-8''%41"},
-        // A gap ends the value; the stray part stays as it is.
-        {"v*0=a; v*2=c", "V,V*2", "V", "a"},
-        {"title*=utf-8''x; title*3=y", "TITLE*,TITLE*3", "TITLE*", "utf-8''x"},
-        // Escaping of plain parts appended to an encoded value.
-        {"w*0*=''a; w*1=\"%'* q\"", "W*", "W*", "''a%25%27%2A%20q"},
-        {"k*0=a; k*01=b", "K,K*01", "K", "a"},  // "*01" is no continuation number
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.params);
-        Tree t(crlf("Content-Type: application/x; " + std::string(c.params) + "\n\n"));
-        EXPECT_EQ(join(t.top.params), c.names);
-        EXPECT_EQ(param(t.top.params, c.name), c.value);
-    }
-    // The same for Content-Disposition.
-    Tree d(crlf("Content-Disposition: attachment; filename*0=\"long\";\n"
-                " filename*1=\"name.txt\"\n\n"));
-    EXPECT_EQ(param(d.top.disposition_params, "FILENAME"), "longname.txt");
 }
 
 TEST(MessageParse, MultipartSizes) {
@@ -275,13 +250,11 @@ TEST(MessageParse, MultipartSizes) {
     Tree t(msg);
     const struct body &top = t.top;
     expect_whole(t);
-    EXPECT_EQ(t.end, t.len);
     EXPECT_EQ(top.boundary_size, 0u);
     ASSERT_EQ(top.numparts, 3);
 
     const struct body &p1 = top.subpart[0];
-    EXPECT_EQ(str(p1.type), "TEXT");
-    EXPECT_EQ(param(p1.params, "CHARSET"), "utf-8");
+    EXPECT_EQ(field(p1, "type"), "TEXT/PLAIN CHARSET=utf-8");
     EXPECT_EQ(t.content(p1), "part one\r\n.dot");
     EXPECT_EQ(p1.content_lines, 1u);
     // The CR LF before the delimiter and the delimiter line.
@@ -291,9 +264,7 @@ TEST(MessageParse, MultipartSizes) {
     EXPECT_NE(top.dotlines, 0);
 
     const struct body &alt = top.subpart[1];
-    EXPECT_EQ(str(alt.subtype), "ALTERNATIVE");
     ASSERT_EQ(alt.numparts, 2);
-    EXPECT_EQ(str(alt.subpart[0].type), "TEXT");
     EXPECT_EQ(alt.subpart[0].header_size, 2u);
     EXPECT_EQ(t.content(alt.subpart[0]), "alt one");
     EXPECT_EQ(t.content(alt.subpart[1]), "<p>x</p>");
@@ -301,11 +272,8 @@ TEST(MessageParse, MultipartSizes) {
     // outer delimiter behind it to the container.
     EXPECT_EQ(alt.subpart[1].boundary_size, 2u + 11u);
     EXPECT_EQ(alt.boundary_size, 2u + 9u);
-    EXPECT_EQ(alt.content_offset + alt.content_size + alt.boundary_size,
-              top.subpart[2].header_offset);
 
     const struct body &m = top.subpart[2];
-    EXPECT_EQ(str(m.type), "MESSAGE");
     ASSERT_TRUE(m.subpart);
     EXPECT_EQ(m.numparts, 0);
     EXPECT_EQ(str(m.subpart->subject), "inside");
@@ -313,7 +281,6 @@ TEST(MessageParse, MultipartSizes) {
     EXPECT_EQ(m.content_lines, (uint32_t)m.subpart->header_lines + m.subpart->content_lines);
     EXPECT_EQ(t.content(*m.subpart), "inner body");
     EXPECT_EQ(m.boundary_size, 2u + 11u);
-    EXPECT_EQ(m.subpart->boundary_size, 2u + 11u);
 
     // The message's lines are its header lines and content lines.
     uint32_t lf = 0;
@@ -326,15 +293,12 @@ TEST(MessageParse, BrokenMultiparts) {
     // empty part.
     Tree none(mixed("b", "no parts here\n"));
     ASSERT_EQ(none.top.numparts, 1);
-    EXPECT_EQ(none.top.subpart[0].header_size, 0u);
-    EXPECT_EQ(none.top.subpart[0].content_size, 0u);
+    EXPECT_EQ(none.top.subpart[0].header_size + none.top.subpart[0].content_size, 0u);
     EXPECT_EQ(none.top.content_size, 15u);
-    EXPECT_EQ(none.top.content_lines, 1u);
 
     // No BOUNDARY parameter: a leaf that stays "MULTIPART".
     Tree nob(crlf("Content-Type: multipart/mixed\n\n--x\nabc\n"));
     EXPECT_EQ(str(nob.top.type), "MULTIPART");
-    EXPECT_EQ(nob.top.numparts, 0);
     EXPECT_EQ(nob.top.subpart, nullptr);
     EXPECT_EQ(nob.top.content_size, 10u);
 
@@ -367,7 +331,7 @@ TEST(MessageParse, BrokenMultiparts) {
         {"only two dashes behind the boundary close it", "b",
          "--b\n\none\n--b-\n\ntwo\n--b--\nepilogue\n", {1}, "two", -1, 2 + 7, 2, 0, 2},
         {"empty parts: delimiters back to back, one right behind the header", "e",
-         "--e\n--e\n\n--e\n--e--\n", {0}, "", 0, -1, 3, -1, 3},
+         "--e\n--e\n\n--e\n--e--\n", {2}, "", 0, -1, 3, -1, 3},
         {"a delimiter ends a part's header: the CR LF before it moves over", "h",
          "--h\nContent-Type: text/html\n--h--\n", {0}, "", 23, 2 + 7, 1, -1, 1},
     };
@@ -384,30 +348,24 @@ TEST(MessageParse, BrokenMultiparts) {
         }
         EXPECT_EQ(container->numparts, c.siblings);
         EXPECT_EQ(t.content(*b), c.content);
-        auto size_is = [](int want, uint32_t got, const char *what) {
-            if (want >= 0) {
-                EXPECT_EQ(got, (uint32_t)want) << what;
+        const std::pair<int, uint32_t> sizes[] = {{c.header_size, b->header_size},
+                                                  {c.boundary_size, b->boundary_size},
+                                                  {c.container_boundary_size, container->boundary_size}};
+        for (const auto &s : sizes) {
+            if (s.first >= 0) {
+                EXPECT_EQ(s.second, (uint32_t)s.first);
             }
-        };
-        size_is(c.header_size, b->header_size, "header size");
-        size_is(c.boundary_size, b->boundary_size, "delimiter size");
-        size_is(c.container_boundary_size, container->boundary_size, "container's delimiter size");
+        }
     }
     // The cut inner multipart: the closing delimiter's lines go with it.
     Tree cut(mixed("out", cases[1].body));
     EXPECT_EQ(cut.top.subpart[0].boundary_lines, 2u);
     EXPECT_EQ(cut.top.subpart[0].subpart[0].boundary_lines, 0u);
-    Tree empty(mixed("e", cases[5].body));
-    for (int i = 0; i < 3; i++) EXPECT_EQ(empty.top.subpart[i].content_size, 0u) << i;
-    Tree hdr(mixed("h", cases[6].body));
-    EXPECT_EQ(str(hdr.top.subpart[0].subtype), "HTML");
 
     // Input ending in the middle of a delimiter, with no line end.
     for (const char *end : {"--z", "--z-", "--z--", "-", "--", "."}) {
         SCOPED_TRACE(end);
-        Tree e(mixed("z", "--z\n\nx\n") + end);
-        expect_whole(e);
-        EXPECT_EQ(e.end, e.len);
+        expect_whole(Tree(mixed("z", "--z\n\nx\n") + end));
     }
 }
 
@@ -415,11 +373,11 @@ TEST(MessageParse, DigestAndMessageParts) {
     Tree d(crlf("Content-Type: multipart/digest; boundary=d\n\n--d\n\nSubject: one\n\nfirst\n"
                 "--d\nContent-Type: text/plain\n\nplain\n--d--\n"));
     ASSERT_EQ(d.top.numparts, 2);
-    EXPECT_EQ(str(d.top.subpart[0].type) + "/" + str(d.top.subpart[0].subtype), "MESSAGE/RFC822");
+    EXPECT_EQ(field(d.top.subpart[0], "type"), "MESSAGE/RFC822 ");
     ASSERT_TRUE(d.top.subpart[0].subpart);
     EXPECT_EQ(str(d.top.subpart[0].subpart->subject), "one");
     EXPECT_EQ(str(d.top.subpart[1].type), "TEXT");
-    check_layout(d.top);
+    expect_whole(d);
 
     // A message part whose header a delimiter ends: its message is empty
     // and of the default type, and the part takes over the message's
@@ -429,16 +387,15 @@ TEST(MessageParse, DigestAndMessageParts) {
     const struct body &mp = m.top.subpart[0];
     ASSERT_TRUE(mp.subpart);
     EXPECT_EQ(str(mp.subpart->type), "TEXT");
-    EXPECT_EQ(mp.content_size, 0u);
-    EXPECT_EQ(mp.boundary_size, 0u);
+    EXPECT_EQ(mp.content_size + mp.boundary_size, 0u);
     EXPECT_EQ(m.top.header_size + m.top.content_size, m.len - 9);
 
     // A message inside a message at the top.
     Tree top(crlf("Content-Type: message/rfc822\n\nSubject: in\nFrom: a@b\n\n.dot\n"));
     ASSERT_TRUE(top.top.subpart);
     EXPECT_EQ(str(top.top.subpart->subject), "in");
-    EXPECT_EQ(top.top.content_size, top.len - top.top.header_size);
     EXPECT_NE(top.top.dotlines, 0);
+    expect_whole(top);
 }
 
 // Multiparts nested n deep, boundaries "b<level>x", a text part inside.
@@ -468,7 +425,6 @@ TEST(MessageParse, NestingBudget) {
     // Thousands of levels end the same way, without deep recursion.
     Tree deep(nested(5000));
     EXPECT_EQ(deep.top.header_size + deep.top.content_size, deep.len);
-    EXPECT_EQ(deep.end, deep.len);
 
     // Messages inside messages count against the same budget.
     std::string msgs;
@@ -502,11 +458,8 @@ TEST(MessageParse, LongHeaders) {
     EXPECT_EQ(fits.top.header_size, 15 + pad.size() + 2);
     while (pad.size() < 140000) pad += "X-Pad: " + std::string(70, 'p') + "\r\n";
     Tree g("Subject: lost\r\n" + pad + "\r\nbody\r\n");
-    EXPECT_EQ(g.top.header_size, 0u);
-    EXPECT_EQ(g.top.header_lines, 0);
-    EXPECT_EQ(g.top.content_offset, 0u);
-    EXPECT_EQ(g.top.subject, nullptr);
-    EXPECT_EQ(str(g.top.type), "TEXT");
+    EXPECT_EQ(g.top.header_size + g.top.header_lines + g.top.content_offset, 0u);
+    EXPECT_EQ(field(g.top, "subject") + field(g.top, "type"), "<null>TEXT/PLAIN CHARSET=us-ascii");
     EXPECT_EQ(g.top.content_size, g.len);
 }
 
@@ -521,17 +474,16 @@ TEST(MessageParse, BareLineFeeds) {
     EXPECT_EQ(str(hlf.top.subject), "a");
     EXPECT_EQ(hlf.top.header_size, 11u);
     // Before a delimiter, the 2 bytes in front count as the delimiter's
-    // even when they are not CR LF.
-    Tree dl("Content-Type: multipart/mixed; boundary=w\r\n\r\n--w\r\n\r\nab\n--w--\r\n");
-    ASSERT_EQ(dl.top.numparts, 1);
-    EXPECT_EQ(dl.top.subpart[0].content_size, 1u);
-    EXPECT_EQ(dl.top.subpart[0].boundary_size, 2u + 7u);
-    expect_whole(dl);
-    // A one-byte line before the delimiter gives up no more than it has.
-    Tree one("Content-Type: multipart/mixed; boundary=w\r\n\r\n--w\r\n\r\n\n--w--\r\n");
-    ASSERT_EQ(one.top.numparts, 1);
-    EXPECT_EQ(one.top.subpart[0].content_size, 0u);
-    expect_whole(one);
+    // even when they are not CR LF; a one-byte line gives up no more than
+    // it has.
+    const std::pair<const char *, uint32_t> before[] = {{"ab\n", 1}, {"\n", 0}};
+    for (const auto &c : before) {
+        Tree dl("Content-Type: multipart/mixed; boundary=w\r\n\r\n--w\r\n\r\n" +
+                std::string(c.first) + "--w--\r\n");
+        ASSERT_EQ(dl.top.numparts, 1);
+        EXPECT_EQ(dl.top.subpart[0].content_size, c.second);
+        expect_whole(dl);
+    }
 }
 
 }  // namespace
