@@ -79,20 +79,7 @@ void report(const char *what, double secs, size_t bytes, size_t count) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    int repeats = 50;
-    int c;
-    while ((c = getopt(argc, argv, "r:")) != -1) {
-        if (c == 'r') {
-            repeats = atoi(optarg);
-        } else {
-            fprintf(stderr, "usage: %s [-r repeats] file.mbox...\n", argv[0]);
-            return 64;
-        }
-    }
-    if (optind >= argc || repeats < 1) {
-        fprintf(stderr, "usage: %s [-r repeats] file.mbox...\n", argv[0]);
-        return 64;
-    }
+    int repeats = bench_repeats(argc, argv);
 
     std::string text;
     std::vector<Msg> msgs;
@@ -133,18 +120,12 @@ int main(int argc, char **argv) {
     }
     report("tree", bench_now() - t0, pass_bytes * (size_t)repeats, msgs.size() * (size_t)repeats);
 
-    const char *tmpdir = getenv("TMPDIR");
-    std::string tmpl = std::string(tmpdir && *tmpdir ? tmpdir : "/tmp") + "/bench_parse.XXXXXX";
-    int fd = mkstemp(&tmpl[0]);
-    if (fd < 0) {
+    struct mailbox mb;
+    if (bench_scratch_mailbox(&mb, "bench_parse") != 0) {
         perror("scratch file");
         return 74;
     }
-    unlink(tmpl.c_str());
-    struct mailbox mb;
-    memset(&mb, 0, sizeof(mb));
-    mb.index_fd = fd;
-    mb.name = (char *)"bench";
+    int fd = mb.index_fd;
 
     off_t cache_bytes = 0;
     t0 = bench_now();

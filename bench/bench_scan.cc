@@ -24,20 +24,7 @@ static int count_deliver(void *rock, const ScannedMessage *m, int *) {
 }
 
 int main(int argc, char **argv) {
-    int repeats = 50;
-    int c;
-    while ((c = getopt(argc, argv, "r:")) != -1) {
-        if (c == 'r')
-            repeats = atoi(optarg);
-        else {
-            fprintf(stderr, "usage: %s [-r repeats] file.mbox...\n", argv[0]);
-            return 64;
-        }
-    }
-    if (optind >= argc || repeats < 1) {
-        fprintf(stderr, "usage: %s [-r repeats] file.mbox...\n", argv[0]);
-        return 64;
-    }
+    int repeats = bench_repeats(argc, argv);
 
     std::string input;
     for (int i = optind; i < argc; i++) {

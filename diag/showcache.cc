@@ -34,6 +34,7 @@
 
 #include <string>
 
+#include "bench/benchutil.h"
 #include "store/mailbox.h"
 #include "store/message.h"
 
@@ -111,21 +112,14 @@ int main(int argc, char **argv) {
         return 64;
     }
 
-    const char *tmpdir = getenv("TMPDIR");
-    std::string tmpl = std::string(tmpdir && *tmpdir ? tmpdir : "/tmp") + "/showcache.XXXXXX";
-    int cachefd = mkstemp(&tmpl[0]);
-    if (cachefd < 0) {
+    struct mailbox mb;
+    if (bench_scratch_mailbox(&mb, "showcache") != 0) {
+        const char *tmpdir = getenv("TMPDIR");
         fprintf(stderr, "showcache: can't make a scratch file in %s: %s\n",
                 tmpdir && *tmpdir ? tmpdir : "/tmp", strerror(errno));
         return 74;
     }
-    unlink(tmpl.c_str());
-
-    struct mailbox mb;
-    memset(&mb, 0, sizeof(mb));
-    mb.index_fd = cachefd;
-    mb.name = (char *)"showcache";
-    mb.hdr.cache_offset = 0;
+    int cachefd = mb.index_fd;
 
     int status = 0;
     for (int i = 1; i < argc; i++) {

@@ -68,40 +68,29 @@ inline bool unit_ok(unsigned unit)
 }
 
 // Checks the encoded run that starts behind an "&" at *pp (which is not
-// "-"). On success *pp points behind the closing "-".
+// "-"). Each base64 digit adds 6 bits; every 16 bits make a unit, which
+// must pass unit_ok. The closing "-" may only stand where the bits left
+// over are fewer than 6 and all zero, that is behind 3, 6 or 8 digits of
+// a group of 8. On success *pp points behind the closing "-".
 bool check_run(const char **pp)
 {
     const unsigned char *p = (const unsigned char *)*pp;
-    for (int first = 1;; first = 0) {
-        if (!first && *p == '-') break;  // closes after a full group of three units
-        unsigned d1 = index_mod64[*p++];
-        if (d1 == 127) return false;
-        unsigned d2 = index_mod64[*p++];
-        if (d2 == 127) return false;
-        unsigned d3 = index_mod64[*p++];
-        if (d3 == 127) return false;
-        if (!unit_ok((d1 << 10) | (d2 << 4) | (d3 >> 2))) return false;
-        if (*p == '-') {
-            if (d3 & 3) return false;
-            break;
+    uint32_t bits = 0;
+    int nbits = 0;
+    bool any_unit = false;
+    for (; *p != '-'; p++) {
+        unsigned digit = index_mod64[*p];
+        if (digit == 127) return false;
+        bits = (bits << 6) | digit;
+        nbits += 6;
+        if (nbits >= 16) {
+            nbits -= 16;
+            if (!unit_ok(bits >> nbits)) return false;
+            bits &= (1u << nbits) - 1;
+            any_unit = true;
         }
-        unsigned d4 = index_mod64[*p++];
-        if (d4 == 127) return false;
-        unsigned d5 = index_mod64[*p++];
-        if (d5 == 127) return false;
-        unsigned d6 = index_mod64[*p++];
-        if (d6 == 127) return false;
-        if (!unit_ok(((d3 & 3) << 14) | (d4 << 8) | (d5 << 2) | (d6 >> 4))) return false;
-        if (*p == '-') {
-            if (d6 & 15) return false;
-            break;
-        }
-        unsigned d7 = index_mod64[*p++];
-        if (d7 == 127) return false;
-        unsigned d8 = index_mod64[*p++];
-        if (d8 == 127) return false;
-        if (!unit_ok(((d6 & 15) << 12) | (d7 << 6) | d8)) return false;
     }
+    if (!any_unit || nbits >= 6 || bits != 0) return false;
     *pp = (const char *)(p + 1);  // behind the "-"
     return true;
 }
