@@ -284,16 +284,17 @@ int seen_create(struct mailbox *mailbox) {
     return 0;
 }
 
-// Positions the cursor on the first key at or behind the folder's name,
-// which is the folder's record, or its first user's record should the
-// folder's record be missing. key must be a DB_DBT_REALLOC key whose
-// buffer the caller frees.
+// Positions the cursor on the folder's own record, behind which its users'
+// records follow. A folder without that record has no records here:
+// DB_NOTFOUND. (Positioning on the nearest key instead would take up user
+// records left behind without their folder's record.) key must be a
+// DB_DBT_REALLOC key whose buffer the caller frees.
 static int seek_folder(DBC *cursor, DBT *key, DBT *data, const char *name, size_t nlen,
                        uint32_t flags) {
     key->data = xrealloc(key->data, nlen ? nlen : 1);
     memcpy(key->data, name, nlen);
     key->size = (uint32_t)nlen;
-    return cursor->c_get(cursor, key, data, DB_SET_RANGE | flags);
+    return cursor->c_get(cursor, key, data, DB_SET | flags);
 }
 
 int seen_delete(struct mailbox *mailbox, int remove_file) {

@@ -4,7 +4,6 @@
 // lookups, and the rebuild from "store.usr".
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,24 +19,16 @@
 #include "support/lock.h"
 #include "tests/testutil.h"
 
-using testutil::Instance;
 using testutil::take;
+using Keys = std::vector<std::string>;
 
 namespace {
-
-DBT dbt_of(const std::string &s) {
-    DBT d;
-    memset(&d, 0, sizeof(d));
-    d.data = const_cast<char *>(s.data());
-    d.size = (uint32_t)s.size();
-    d.flags = DB_DBT_READONLY;
-    return d;
-}
 
 // An open folder as the records see it: name, directory, last_uid, exists.
 struct Folder {
     Folder(const std::string &n, const std::string &dir, uint32_t last_uid, uint32_t exists = 0)
         : name(n), path(dir) {
+        if (!dir.empty()) testutil::run_command("mkdir -p '" + dir + "'");
         mb = zeromailbox;
         mb.name = const_cast<char *>(name.c_str());
         mb.path = const_cast<char *>(path.c_str());
@@ -50,31 +41,24 @@ struct Folder {
 
 // The stored value of a key, or "<none>".
 std::string raw(const std::string &k) {
-    DBT key = dbt_of(k), data;
+    DBT key, data;
+    memset(&key, 0, sizeof(key));
     memset(&data, 0, sizeof(data));
+    key.data = const_cast<char *>(k.data());
+    key.size = (uint32_t)k.size();
+    key.flags = DB_DBT_READONLY;
     data.flags = DB_DBT_MALLOC;
     int r = userflagdb->get(userflagdb, nullptr, &key, &data, 0);
     std::string v = r == 0 ? std::string(static_cast<char *>(data.data), data.size) : "<none>";
     free(data.data);
     return v;
 }
-
+void put(const std::string &k, const std::string &v) { ASSERT_TRUE(testutil::db_put(userflagdb, k, v)); }
 std::string word(uint32_t v) { return std::string(reinterpret_cast<const char *>(&v), 4); }
 
-void raw_put(const std::string &k, const std::string &v) {
-    DBT key = dbt_of(k), data = dbt_of(v);
-    int r;
-    do {
-        DB_TXN *txn;
-        ASSERT_EQ(mboxlist_trans_setup(&txn, "test", k.c_str()), 0);
-        r = mboxlist_trans_finish(txn, userflagdb->put(userflagdb, txn, &key, &data, 0));
-    } while (r == DB_LOCK_DEADLOCK);
-    ASSERT_EQ(r, 0);
-}
-
 // The keys that begin with prefix, in database order.
-std::vector<std::string> keys(const std::string &prefix) {
-    std::vector<std::string> out;
+Keys keys(const std::string &prefix) {
+    Keys out;
     DBC *c;
     if (userflagdb->cursor(userflagdb, nullptr, &c, 0) != 0) return out;
     DBT k, v;
@@ -90,7 +74,6 @@ std::vector<std::string> keys(const std::string &prefix) {
     c->c_close(c);
     return out;
 }
-using Keys = std::vector<std::string>;
 
 // What seen_lockread gives: "rc lastread recentuid lastchange|text".
 std::string lockread(struct seen *h) {
@@ -110,28 +93,13 @@ RangeList ranges(const seen_range *a, int n) {
     return v;
 }
 
-// Joins the store as a short-lived program does, in a forked child.
-void join_store(const char *name) {
-    configmsg_reset();
-    if (configmsg_init(nullptr, 16, name) != 0 || configmsg_initlog(nullptr, name) != 0) _exit(90);
-    if (mboxlist_init() != 0) _exit(91);
-}
-
 // A store recovered and opened by this process, as the daemon would.
 class SeenStore : public ::testing::Test {
   protected:
-    void SetUp() override {
-        ASSERT_EQ(configmsg_init(nullptr, 16, "seentest"), 0);
-        ASSERT_EQ(configmsg_initlog(nullptr, "seentest"), 0);
-        ASSERT_EQ(mboxlist_recover(), 0);
-    }
+    void SetUp() override { ASSERT_EQ(testutil::start_store("seentest"), 0); }
     void TearDown() override { mboxlist_reset_for_tests(); }
-    std::string dir(const std::string &rel) {
-        std::string d = inst.path("partitions/primary/" + rel);
-        testutil::run_command("mkdir -p '" + d + "'");
-        return d;
-    }
-    Instance inst;
+    std::string dir(const std::string &rel) { return inst.path("partitions/primary/" + rel); }
+    testutil::Instance inst;
 };
 
 }  // namespace
@@ -141,22 +109,15 @@ TEST_F(SeenStore, RecordTextAndLockedReadWrite) {
     struct seen *h = nullptr;
     ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
     EXPECT_EQ(raw("user/bob/a"), word(1));  // no record, no "store.usr": made new
-
-    // A user without a record: zeros and two empty lists.
-    EXPECT_EQ(lockread(h), "0 0 0 0| ");
+    EXPECT_EQ(lockread(h), "0 0 0 0| ");    // a user without a record: two empty lists
     EXPECT_EQ(f.mb.peruser_lock_count, 1u);
 
     time_t before = time(nullptr);
     ASSERT_EQ(seen_write(h, 5, 3, 9, "1:3,7 "), 0);
     EXPECT_EQ(raw("user/bob/a\tfred"), "5 3 9 1:3,7 ");  // no terminators anywhere
-    EXPECT_EQ(raw(std::string("user/bob/a\tfred\0", 16)), "<none>");
-    std::string stamp = raw("user/bob/a");
-    ASSERT_EQ(stamp.size(), 4u);
     uint32_t t;
-    memcpy(&t, stamp.data(), 4);
-    EXPECT_GE(t, (uint32_t)before);
-    EXPECT_LE(t, (uint32_t)time(nullptr));
-
+    memcpy(&t, raw("user/bob/a").data(), 4);
+    EXPECT_TRUE(t >= (uint32_t)before && t <= (uint32_t)time(nullptr));
     // The mutex stays held: a second read must not take it again.
     EXPECT_EQ(lockread(h), "0 5 3 9|1:3,7 ");
     seen_unlock(h);
@@ -165,10 +126,10 @@ TEST_F(SeenStore, RecordTextAndLockedReadWrite) {
 
     // The text is the two lists and the white space between them only; a
     // record cut short is read within its size.
-    raw_put("user/bob/a\tjoe", "12 4 4000000001 ,,2:4,9 ,5:6 tail\nmore");
+    put("user/bob/a\tjoe", "12 4 4000000001 ,,2:4,9 ,5:6 tail\nmore");
     ASSERT_EQ(seen_open(&f.mb, "joe", &h), 0);
     EXPECT_EQ(lockread(h), "0 12 4 4000000001|,,2:4,9 ,5:6");
-    raw_put("user/bob/a\tjoe", "7 1");
+    put("user/bob/a\tjoe", "7 1");
     EXPECT_EQ(lockread(h), "0 7 1 0|");
     seen_close(h);
 }
@@ -178,22 +139,18 @@ TEST_F(SeenStore, MutexIsPerPairAndReleasedByClose) {
     struct seen *h;
     ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
     ASSERT_EQ(seen_lockread(h, nullptr, nullptr, nullptr, nullptr), 0);
-
     // Another process asks for the mutex of a pair by its name and says on
     // the pipe when it has it.
     auto contender = [](testutil::Pipe &p, const char *name) {
         return testutil::spawn([&p, name]() {
             db_globalmutex *m = db_globalmutex_open(name);
-            if (db_globalmutex_hold(m) != 0 || write(p.w, "x", 1) != 1) return 1;
-            db_globalmutex_close(m);
-            return 0;
+            return db_globalmutex_hold(m) == 0 && write(p.w, "x", 1) == 1 ? 0 : 1;
         });
     };
     testutil::Pipe other, same;
     pid_t o = contender(other, "user/bob/a\tjoe peruser");
     EXPECT_EQ(testutil::read_byte(other.r, 5000), 'x');  // another user: no wait
     EXPECT_EQ(testutil::wait_child(o), 0);
-
     pid_t s = contender(same, "user/bob/a\tfred peruser");
     EXPECT_EQ(testutil::read_byte(same.r, 400), -1);
     seen_close(h);  // without seen_unlock
@@ -209,29 +166,28 @@ TEST_F(SeenStore, RangesAndLookups) {
     PerUserFlags fl;
     ASSERT_EQ(getPerUserFlags(&f.mb, "nobody", &fl), 0);  // never used
     EXPECT_EQ(ranges(fl.seen, fl.nseen), RangeList({kEnd}));
-    EXPECT_EQ(fl.deleted, nullptr);
-    EXPECT_FALSE(isSeen(&fl, 1) || isDeleted(&fl, 1) || isSeen(&fl, SEEN_RANGE_END));
+    EXPECT_FALSE(fl.deleted || isSeen(&fl, 1) || isDeleted(&fl, 1) || isSeen(&fl, SEEN_RANGE_END));
     freeUserFlags(&fl);
 
     // Leading and doubled commas, and a ":" without a high end, are
-    // skipped; a garbled list keeps what came before the bad place and
-    // says where.
-    const std::string w = "warning: user/bob/a ";
+    // skipped; a garbled list keeps what came before the bad place, with a
+    // warning.
     const struct {
         const char *stored;
         RangeList seen, deleted;
-        std::string logged;
+        bool warned;
     } cases[] = {
-        {"5 3 9 1:3,7 ", {{1, 3}, {7, 7}, kEnd}, {}, ""},  // an empty list: no array
-        {"5 3 9 ,,2:4,,9,11: ,5:6", {{2, 4}, {9, 9}, {11, 11}, kEnd}, {{5, 6}, kEnd}, ""},
-        {"0 0 0 1,5,3,8 ", {{1, 1}, {5, 5}, kEnd}, {}, w + "peruser flags out of order: 3,8"},
-        {"0 0 0 1,2:500 ", {{1, 1}, kEnd}, {}, w + "invalid sequence in peruser flags: 2:500"},
-        {"0 0 0 6:3 ", {kEnd}, {}, w + "invalid sequence in peruser flags: 6:3"},
-        {"0 0 0 1,x,3 ", {{1, 1}, kEnd}, {}, w + "invalid peruser flags: x,3"},
+        {"5 3 9 1:3,7 ", {{1, 3}, {7, 7}, kEnd}, {}, false},  // an empty list: no array
+        {"5 3 9 ,,2:4,,9,11: ,5:6", {{2, 4}, {9, 9}, {11, 11}, kEnd}, {{5, 6}, kEnd}, false},
+        {"0 0 0 1,5,3,8 ", {{1, 1}, {5, 5}, kEnd}, {}, true},  // out of order
+        {"0 0 0 1,2:500 ", {{1, 1}, kEnd}, {}, true},          // above last_uid
+        {"0 0 0 6:3 ", {kEnd}, {}, true},
+        {"0 0 0 1,x,3 ", {{1, 1}, kEnd}, {}, true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.stored);
-        raw_put("user/bob/a\tfred", c.stored);
+        off_t logsize = testutil::file_size(inst.path("log/store.log"));
+        put("user/bob/a\tfred", c.stored);
         ASSERT_EQ(getPerUserFlags(&f.mb, "fred", &fl), 0);
         EXPECT_EQ(std::to_string(fl.lastread) + " " + std::to_string(fl.recentuid) + " " +
                       std::to_string(fl.lastchange),
@@ -240,13 +196,8 @@ TEST_F(SeenStore, RangesAndLookups) {
         EXPECT_EQ(ranges(fl.deleted, fl.ndeleted), c.deleted);
         freeUserFlags(&fl);
         EXPECT_TRUE(fl.seen == nullptr && fl.nseen == 0);
-        std::string log = testutil::read_file(inst.path("log/store.log"));
-        EXPECT_NE(log.find(c.logged), std::string::npos) << c.logged;
+        EXPECT_EQ(testutil::file_size(inst.path("log/store.log")) > logsize, c.warned);
     }
-    seen_range *arr = nullptr;
-    int n = -5;
-    EXPECT_EQ(scanFlags("", &arr, &n, &f.mb), nullptr);
-    EXPECT_TRUE(arr == nullptr && n == -5);
 
     // Far more ranges than messages: the array grows, and the lookups are
     // right at both ends of every range.
@@ -256,7 +207,7 @@ TEST_F(SeenStore, RangesAndLookups) {
         seen += (i ? "," : "") + std::to_string(10 * i + 1) + ":" + std::to_string(10 * i + 5);
         del += (i ? "," : "") + std::to_string(7 * i + 3);
     }
-    raw_put("user/bob/big\tfred", "1 2 3 " + seen + " " + del);
+    put("user/bob/big\tfred", "1 2 3 " + seen + " " + del);
     ASSERT_EQ(getPerUserFlags(&big.mb, "fred", &fl), 0);
     ASSERT_TRUE(fl.nseen == 1001 && fl.ndeleted == 1001);
     for (uint32_t uid = 0; uid <= 10010; uid++) {
@@ -266,46 +217,50 @@ TEST_F(SeenStore, RangesAndLookups) {
     freeUserFlags(&fl);
 }
 
-TEST_F(SeenStore, CreateDeleteAndCopy) {
+TEST_F(SeenStore, CreateDeleteAndCopyTouchTheFolderOnly) {
     Folder a("user/bob/a", dir("bob/a"), 20), ab("user/bob/ab", dir("bob/ab"), 20);
     ASSERT_EQ(seen_create(&a.mb), 0);
     EXPECT_EQ(raw("user/bob/a"), word(1));
-    raw_put("user/bob/a\tbob", "1 2 3 1:2 ");
-    raw_put("user/bob/a\tbobby", "7 8 9  ");
-    raw_put("user/bob/ab", word(1));
-    raw_put("user/bob/ab\tbob", "1 1 1 1 ");
-    raw_put("user/bob/a/b\tbob", "2 2 2 2 ");
+    put("user/bob/a\tbob", "1 2 3 1:2 ");
+    put("user/bob/a\tbobby", "7 8 9  ");
+    put("user/bob/ab", word(1));
+    put("user/bob/ab\tbob", "1 1 1 1 ");
+    put("user/bob/a/b\tbob", "2 2 2 2 ");  // user records left without their folder's record
+    put("user/bob/o\tbob", "3 3 3 3 ");
 
-    auto copy = [](Folder &from, Folder &to, int rename_user, const char *o, const char *n) {
+    auto copy = [](Folder &from, const char *to, int rename_user, const char *o, const char *n) {
+        Folder target(to, "", 20);
         int r;
         do {
             DB_TXN *txn;
             if (mboxlist_trans_setup(&txn, "rename", from.name.c_str())) return -1;
-            r = mboxlist_trans_finish(txn, seen_copy(txn, &from.mb, &to.mb, rename_user, o, n));
+            r = mboxlist_trans_finish(txn, seen_copy(txn, &from.mb, &target.mb, rename_user, o, n));
         } while (r == DB_LOCK_DEADLOCK);
         return r;
     };
     // The owner's own record follows the user rename; "bobby" is no "bob".
-    Folder carol("user/carol/a", dir("carol/a"), 20), dave("user/dave/a", dir("dave/a"), 20);
-    ASSERT_EQ(copy(a, carol, 1, "bob", "carol"), 0);
-    EXPECT_EQ(keys("user/carol/"),
-              Keys({"user/carol/a", "user/carol/a\tbobby", "user/carol/a\tcarol"}));
+    ASSERT_EQ(copy(a, "user/carol/a", 1, "bob", "carol"), 0);
+    EXPECT_EQ(keys("user/carol/"), Keys({"user/carol/a", "user/carol/a\tbobby", "user/carol/a\tcarol"}));
     EXPECT_EQ(raw("user/carol/a"), word(1));
     EXPECT_EQ(raw("user/carol/a\tcarol"), "1 2 3 1:2 ");
-    EXPECT_EQ(raw("user/bob/a\tbob"), "1 2 3 1:2 ");  // the source stays
-    ASSERT_EQ(copy(a, dave, 0, "bob", "dave"), 0);
+    ASSERT_EQ(copy(a, "user/dave/a", 0, "bob", "dave"), 0);
     EXPECT_EQ(keys("user/dave/"), Keys({"user/dave/a", "user/dave/a\tbob", "user/dave/a\tbobby"}));
-    raw_put("user/bob/a", word(77));
-    ASSERT_EQ(copy(a, a, 1, "bob", "carol"), 0);  // onto itself: nothing
+    put("user/bob/a", word(77));
+    ASSERT_EQ(copy(a, "user/bob/a", 1, "bob", "carol"), 0);  // onto itself: nothing
     EXPECT_EQ(raw("user/bob/a"), word(77));
-    EXPECT_EQ(keys("user/bob/a\t").size(), 2u);
+    // Records without a folder record belong to no folder: not copied.
+    Folder o("user/bob/o", dir("bob/o"), 20);
+    ASSERT_EQ(copy(o, "user/erin/o", 0, "", ""), 0);
+    EXPECT_EQ(keys("user/erin/"), Keys({"user/erin/o"}));
 
-    // Delete takes the folder with its users, not its neighbours, and the
-    // checkpoint file only when asked.
+    // Delete takes the folder with its users, not its neighbours nor
+    // records without a folder, and the checkpoint file only when asked.
     testutil::write_file(a.path + "/store.usr", "bob\t1 2 3 1:2 \n");
     testutil::write_file(ab.path + "/store.usr", "bob\t1 1 1 1 \n");
     ASSERT_EQ(seen_delete(&a.mb, 1), 0);
-    EXPECT_EQ(keys("user/bob/"), Keys({"user/bob/a/b\tbob", "user/bob/ab", "user/bob/ab\tbob"}));
+    ASSERT_EQ(seen_delete(&o.mb, 1), 0);
+    EXPECT_EQ(keys("user/bob/"),
+              Keys({"user/bob/a/b\tbob", "user/bob/ab", "user/bob/ab\tbob", "user/bob/o\tbob"}));
     EXPECT_FALSE(testutil::file_exists(a.path + "/store.usr"));
     ASSERT_EQ(seen_delete(&ab.mb, 0), 0);
     EXPECT_EQ(keys("user/bob/ab"), Keys());
@@ -348,15 +303,13 @@ TEST(SeenFixdata, RepairsAndRemovals) {
         EXPECT_EQ(r, want == "=" ? 0 : 1) << c[0];
         EXPECT_EQ(take(out), want == "=" || want == "-" ? "<null>" : want) << c[0];
     }
-
     // A clock far ahead counts as now for the age tests, and stays.
-    std::vector<std::string> active;
+    Keys active;
     auto cb = [](void *r, const char *u) { static_cast<Keys *>(r)->push_back(u); };
     const time_t now = 1000000;
     const char *future = "2000000 1 1 1 ", *old = "500 1 1 1 ";
     char *out = nullptr;
-    EXPECT_EQ(
-        seen_fixdata(&out, future, future + 14, 50, now, now - 1, now - 10, "ann", cb, &active), 0);
+    EXPECT_EQ(seen_fixdata(&out, future, future + 14, 50, now, now - 1, now - 10, "ann", cb, &active), 0);
     EXPECT_EQ(seen_fixdata(&out, old, old + 10, 50, now, 500, 501, "bea", cb, &active), 1);
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(seen_fixdata(&out, old, old + 10, 50, now, 499, 500, "cid", cb, &active), 0);
@@ -364,16 +317,23 @@ TEST(SeenFixdata, RepairsAndRemovals) {
 }
 
 TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
-    Instance inst;
+    testutil::Instance inst;
     ASSERT_TRUE(inst.startStored()) << testutil::read_file(inst.path("log/stored.out"));
     const int rounds = 150;
     const std::string path = inst.path("partitions/primary/share/inbox");
+    // Joins the store as a short-lived program does, in a forked child.
+    auto join = [](const char *name) {
+        configmsg_reset();
+        if (configmsg_init(nullptr, 16, name) != 0 || configmsg_initlog(nullptr, name) != 0) _exit(90);
+        if (mboxlist_init() != 0) _exit(91);
+    };
 
-    // Each writer adds its own uids, one read-modify-write at a time.
+    // Each writer adds its own uids to the seen list, kept ascending, one
+    // read-modify-write at a time.
     pid_t pids[2];
     for (int w = 0; w < 2; w++) {
         pids[w] = testutil::spawn([&, w]() {
-            join_store(w ? "writer-b" : "writer-a");
+            join(w ? "writer-b" : "writer-a");
             Folder f("user/share/inbox", path, 2 * rounds);
             for (int i = 0; i < rounds; i++) {
                 struct seen *h;
@@ -382,10 +342,8 @@ TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
                 char *text = nullptr;
                 seen_open(&f.mb, "pat", &h);
                 if (seen_lockread(h, &lastread, &recent, &lastchange, &text) != 0) return 11;
-                // The seen list, kept ascending, gets this round's uid.
                 std::string t = take(text), list;
                 size_t blank = t.find(' ');
-                if (blank == std::string::npos) return 12;
                 std::set<unsigned long> uids = {(unsigned long)(2 * i + 1 + w)};
                 for (const char *p = t.c_str(); *p && *p != ' '; p += *p == ',')
                     uids.insert(strtoul(p, const_cast<char **>(&p), 10));
@@ -402,24 +360,14 @@ TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
     for (pid_t p : pids) EXPECT_EQ(testutil::wait_child(p), 0);
 
     // A fresh reader finds every uid of both writers.
-    testutil::Pipe pipe;
-    pid_t reader = testutil::spawn([&]() {
-        join_store("reader");
-        Folder f("user/share/inbox", path, 2 * rounds);
-        PerUserFlags fl;
-        if (getPerUserFlags(&f.mb, "pat", &fl) != 0) return 20;
-        for (uint32_t uid = 1; uid <= 2 * rounds; uid++)
-            if (!isSeen(&fl, uid) && write(pipe.w, &uid, sizeof(uid)) < 0) return 21;
-        if (fl.nseen != 2 * rounds + 1 || fl.deleted) return 22;
-        freeUserFlags(&fl);
-        mboxlist_close();
-        return 0;
-    });
-    EXPECT_EQ(testutil::wait_child(reader), 0);
-    close(pipe.w);
-    pipe.w = -1;
-    uint32_t lost;
-    std::set<uint32_t> missing;
-    while (read(pipe.r, &lost, sizeof(lost)) == (ssize_t)sizeof(lost)) missing.insert(lost);
-    EXPECT_TRUE(missing.empty()) << missing.size() << " uids lost";
+    EXPECT_EQ(testutil::in_child([&]() {
+                  join("reader");
+                  Folder f("user/share/inbox", path, 2 * rounds);
+                  PerUserFlags fl;
+                  if (getPerUserFlags(&f.mb, "pat", &fl) != 0) return 20;
+                  for (uint32_t uid = 1; uid <= 2 * rounds; uid++)
+                      if (!isSeen(&fl, uid)) return 21;
+                  return fl.nseen == 2 * rounds + 1 && !fl.deleted ? 0 : 22;
+              }),
+              0);
 }
