@@ -28,6 +28,7 @@
 #include "support/lock.h"
 #include "support/log.h"
 #include "support/map.h"
+#include "support/retry.h"
 #include "support/xmalloc.h"
 
 
@@ -311,7 +312,13 @@ static int create_folder(struct mailbox *mailbox, unsigned mode, const struct au
     }
     mailbox->open_mode = mode;
     mailbox->myrights = (unsigned long)acl_myrights(auth, mailbox->acl);
-    r = mboxlist_updatedata(mailbox, 0);
+    // The row makes the new files count: they reach the disk first.
+    if (sync_file_barrier() != 0) {
+        svclog(nullptr, 59, "Unable to update mailbox list entry of %s: %m", mailbox->name);
+        r = IMAP_IOERROR;
+    } else {
+        r = mboxlist_updatedata(mailbox, 0);
+    }
     if (r) mailbox_close(mailbox);
     return r;
 }

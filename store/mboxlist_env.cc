@@ -17,17 +17,21 @@
 #include "support/signals.h"
 #include "support/watch.h"
 
-DB_ENV *mboxlist_dbenv = nullptr;
-DB_ENV *mboxlockenv = nullptr;
-uint32_t do_recovery = 0;
-int mboxlist_dont_check_stored = 0;
-int mboxlist_do_final_checkpoint = 0;
-int mboxlist_db_memp_fsync = 0;
+static DB_ENV *mboxlist_dbenv = nullptr;
+static DB_ENV *mboxlockenv = nullptr;
+static int mboxlist_do_final_checkpoint = 0;
+static int mboxlist_db_memp_fsync = 0;
 
 static int sessionlockfd = -1;
 static char sessionlockfile[1024];
 static uint32_t ourpid;
 static int watcher = 0;
+
+DB_ENV *mboxlist_env(void) { return mboxlist_dbenv; }
+DB_ENV *mboxlist_lockenv(void) { return mboxlockenv; }
+uint32_t mboxlist_db_close_flags(void) { return mboxlist_db_memp_fsync ? 0 : DB_NOSYNC; }
+void mboxlist_set_final_checkpoint(int on) { mboxlist_do_final_checkpoint = on != 0; }
+void mboxlist_set_db_sync(int on) { mboxlist_db_memp_fsync = on != 0; }
 
 // ---- sessions and watcher ------------------------------------------------
 
@@ -56,6 +60,34 @@ void mboxlist_session_unlock(void) {
     lock_unlock_fs(sessionlockfd);
     close(sessionlockfd);
     sessionlockfd = -1;
+}
+
+int mboxlist_session_sweep(void) {
+    const char *store = configmsg_get_storedir();
+    char dir[1024];
+    if (!store || snprintf(dir, sizeof(dir), "%s/session", store) >= (int)sizeof(dir)) return -1;
+    DIR *d = opendir(dir);
+    if (!d) return errno == ENOENT ? 0 : -1;
+    int live = 0;
+    struct dirent *e;
+    while ((e = readdir(d)) != nullptr) {
+        if (e->d_name[0] == '.') continue;
+        char path[1400];
+        snprintf(path, sizeof(path), "%s/%s", dir, e->d_name);
+        int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) continue;
+        // A program holds the lock of its file for as long as it runs: a
+        // lock that can be had belongs to a program that is gone.
+        if (lock_nonblocking_fs(fd) == 0) {
+            unlink(path);
+            lock_unlock_fs(fd);
+        } else {
+            live++;
+        }
+        close(fd);
+    }
+    closedir(d);
+    return live;
 }
 
 int register_with_watcher(void) {
@@ -95,69 +127,110 @@ int mboxlist_open_env(uint32_t flags, const char *home) {
     env->set_tx_max(env, 10000);
     env->set_alloc(env, malloc, realloc, free);
     if (flags & MBOXLIST_TXN_NOSYNC) env->set_flags(env, DB_TXN_NOSYNC, 1);
+    // Region files are mapped into memory. Made sparse, a page that finds no
+    // room on the file system kills the process with SIGBUS when it is first
+    // touched; written out in full when they are made, a full file system
+    // is an ENOSPC of the open.
+    if (flags & DB_CREATE) env->set_flags(env, DB_REGION_INIT, 1);
     r = env->open(env, home, flags & ~(uint32_t)MBOXLIST_TXN_NOSYNC, 0);
     if (r != 0) {
+        int cause = r > 0 ? r : errno;
         env->close(env, 0);
         mboxlist_dbenv = nullptr;
-        errno = r > 0 ? r : errno;
+        errno = cause;
         return -1;
     }
     return 0;
 }
 
-static void close_db(DB **handle, uint32_t flags) {
-    if (!*handle) return;
-    DB *db = *handle;
-    *handle = nullptr;
-    db->close(db, flags);
+void mboxlist_close_env(void) {
+    if (!mboxlist_dbenv) return;
+    DB_ENV *env = mboxlist_dbenv;
+    mboxlist_dbenv = nullptr;
+    env->close(env, 0);
 }
 
-void mboxlist_close(void) {
+int mboxlist_open_lockenv(const char *home, int recreate) {
+    int r = db_env_create(&mboxlockenv, 0);
+    if (r != 0) {
+        mboxlockenv = nullptr;
+        return r;
+    }
+    if (recreate) {
+        // The home is made first, so that the removal of a lock environment
+        // that never existed finds its directory. remove() frees the handle.
+        mailbox_makedirs(home);
+        r = mboxlockenv->remove(mboxlockenv, home, DB_FORCE);
+        mboxlockenv = nullptr;
+        if (r != 0 && r != ENOENT) return r;
+        if ((r = db_env_create(&mboxlockenv, 0)) != 0) {
+            mboxlockenv = nullptr;
+            return r;
+        }
+    }
+    if (mailbox_makedirs(home) != 0) r = errno ? errno : EIO;
+    DB_ENV *env = mboxlockenv;
+    if (r == 0) {
+        env->set_errcall(env, mboxlist_err);
+        env->set_errpfx(env, "mboxlock");
+        env->set_lk_detect(env, DB_LOCK_OLDEST);
+        env->set_lk_max_locks(env, 50000);
+        env->set_lk_max_lockers(env, 50000);
+        env->set_lk_max_objects(env, 50000);
+        if (recreate) env->set_flags(env, DB_REGION_INIT, 1);
+        r = env->open(env, home, DB_CREATE | DB_THREAD | DB_INIT_LOCK, 0);
+    }
+    if (r != 0) {
+        env->close(env, 0);
+        mboxlockenv = nullptr;
+    }
+    return r;
+}
+
+static int close_env(DB_ENV **handle, const char *what) {
+    if (!*handle) return 0;
+    DB_ENV *env = *handle;
+    *handle = nullptr;
+    int r = env->close(env, 0);
+    if (r) svclog(nullptr, 59, "Mailbox list %s close error: %s", what, db_strerror(r));
+    return r;
+}
+
+// Keeps the first failure of a sequence of steps that all run.
+static void first_failure(int *result, int r) {
+    if (*result == 0 && r != 0) *result = r;
+}
+
+int mboxlist_close(void) {
     // The message type plug-in is shut down here once plug-ins load.
-    if (mbl) {
-        DB *folders = mbl;
-        mbl = nullptr;
-        uint32_t flags = mboxlist_db_memp_fsync ? 0 : DB_NOSYNC;
+    int result = 0;
+    if (mboxlist_db(MBOXLIST_FOLDERDB)) {
+        uint32_t flags = mboxlist_db_close_flags();
         if (mboxlist_do_final_checkpoint && mboxlist_dbenv) {
-            mboxlist_dbenv->txn_checkpoint(mboxlist_dbenv, 0, 0, 0);
-            mboxlist_checkpoint300();
+            // Recovery at the next start begins at this checkpoint: one that
+            // failed leaves more log to replay, and the caller must know.
+            int r = mboxlist_dbenv->txn_checkpoint(mboxlist_dbenv, 0, 0, 0);
+            if (r) svclog(nullptr, 59, "Mailbox list final checkpoint error: %s", db_strerror(r));
+            first_failure(&result, r);
+            first_failure(&result, mboxlist_archive_logs());
         }
         seen_shutdown();
-        close_db(&folders, flags);
-        close_db(&quotadb, flags);
-        close_db(&subsdb, flags);
-        close_db(&lrightdb, flags);
+        first_failure(&result, mboxlist_db_close_all(flags));
+        if (result) svclog(nullptr, 59, "Mailbox list close error: %s", db_strerror(result));
     } else {
         // Handles of a start-up that failed half-way.
         seen_shutdown();
-        close_db(&quotadb, 0);
-        close_db(&subsdb, 0);
-        close_db(&lrightdb, 0);
+        mboxlist_db_close_all(0);
     }
-    if (mboxlist_dbenv) {
-        DB_ENV *env = mboxlist_dbenv;
-        mboxlist_dbenv = nullptr;
-        env->close(env, 0);
-    }
-    if (mboxlockenv) {
-        DB_ENV *env = mboxlockenv;
-        mboxlockenv = nullptr;
-        env->close(env, 0);
-    }
+    first_failure(&result, close_env(&mboxlist_dbenv, "environment"));
+    first_failure(&result, close_env(&mboxlockenv, "lock environment"));
     // The notification plug-in is shut down here once plug-ins load.
     mboxlist_session_unlock();
     if (watcher) {
         watch_shutdown();
         watcher = 0;
     }
-}
-
-int mboxlist_recover(void) {
-    do_recovery = DB_RECOVER;
-    mboxlist_dont_check_stored = 1;
-    if (mboxlist_init() != 0) return IMAP_MAILBOXLIST_NONEXISTENT;
-    mboxlist_do_final_checkpoint = 1;
-    return 0;
+    return result;
 }
 
 // Deletes the region files ("__db*") of one environment home.
@@ -199,7 +272,7 @@ int mboxlist_remove_env(int only_tmpfiles) {
         svclog(nullptr, 59, "Mailbox list checkpoint error: %d", r);
         return r;
     }
-    mboxlist_checkpoint300();
+    mboxlist_archive_logs();
     mboxlist_close();
 
     DB_ENV *env;
@@ -227,21 +300,21 @@ int mboxlist_deadlockcheck(void) {
     return mboxlist_dbenv->lock_detect(mboxlist_dbenv, 0, DB_LOCK_OLDEST, nullptr);
 }
 
-int mboxlist_checkpoint15(void) {
+int mboxlist_trickle(void) {
     if (!mboxlist_dbenv) return 0;
     int r = mboxlist_dbenv->memp_trickle(mboxlist_dbenv, 10, nullptr);
     if (r) svclog(nullptr, 59, "Mailbox list sync error: %s", db_strerror(r));
     return r;
 }
 
-int mboxlist_checkpoint60(void) {
+int mboxlist_checkpoint(void) {
     if (!mboxlist_dbenv) return 0;
     int r = mboxlist_dbenv->txn_checkpoint(mboxlist_dbenv, 0, 1, 0);
     if (r) svclog(nullptr, 59, "Mailbox list checkpoint error: %s", db_strerror(r));
     return r;
 }
 
-int mboxlist_checkpoint300(void) {
+int mboxlist_archive_logs(void) {
     if (!mboxlist_dbenv) return 0;
     int r = mboxlist_dbenv->log_archive(mboxlist_dbenv, nullptr, DB_ARCH_REMOVE);
     if (r) svclog(nullptr, 59, "Mailbox list log archive error: %s", db_strerror(r));

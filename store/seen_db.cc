@@ -86,7 +86,7 @@ static uint32_t clamp32(uint64_t v) { return v > UINT32_MAX ? UINT32_MAX : (uint
 // ---------------------------------------------------------------------------
 // The database
 
-int seen_init(DB_ENV *env, const char *file, key_compare_fn cmp, key_prefix_fn prefix) {
+int seen_init(DB_ENV *env, const char *file, mboxlist_key_compare_fn cmp, mboxlist_key_prefix_fn prefix) {
     int r = db_create(&userflagdb, env, 0);
     if (r == 0) r = userflagdb->set_pagesize(userflagdb, 4096);
     if (r == 0) r = userflagdb->set_bt_compare(userflagdb, cmp);
@@ -106,7 +106,7 @@ void seen_shutdown(void) {
     if (!userflagdb) return;
     DB *db = userflagdb;
     userflagdb = nullptr;
-    db->close(db, mboxlist_db_memp_fsync ? 0 : DB_NOSYNC);
+    db->close(db, mboxlist_db_close_flags());
 }
 
 // Puts the 4-byte folder record of name with value under txn.

@@ -10,6 +10,7 @@
 #include "support/signals.h"
 
 #include <errno.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -74,6 +75,30 @@ void signals_critical_begin(void) { critical_depth = critical_depth + 1; }
 
 void signals_critical_end(void) {
     if (critical_depth > 0) critical_depth = critical_depth - 1;
+}
+
+// A fault raised by the guarded code returns from the fault at the point
+// where signals_run_guarded began, instead of killing the process.
+static sigjmp_buf guard_jump;
+
+static void jump_out(int) { siglongjmp(guard_jump, 1); }
+
+int signals_run_guarded(int sig, int (*fn)(void), int *faulted) {
+    *faulted = 0;
+    struct sigaction sa, old;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = jump_out;
+    sigemptyset(&sa.sa_mask);
+    if (sigaction(sig, &sa, &old) != 0) return fn();
+    int r;
+    if (sigsetjmp(guard_jump, 1) == 0) {
+        r = fn();
+    } else {
+        *faulted = 1;
+        r = -1;
+    }
+    sigaction(sig, &old, nullptr);
+    return r;
 }
 
 int setmaxfd(int count) {

@@ -13,6 +13,12 @@ int check_signal_handler(int sig);
 void signals_critical_begin(void);
 void signals_critical_end(void);
 void signals_reset(int sig);  // forget an arrival (tests, daemons)
+// Runs fn and gives its result. If the fault signal sig (such as SIGBUS)
+// arrives while fn runs, fn is abandoned: the result is -1 and *faulted is
+// set. Whatever fn was building is then in an unknown state; the caller
+// logs and ends the process without using it. The former handling of sig
+// is in place again when this returns.
+int signals_run_guarded(int sig, int (*fn)(void), int *faulted);
 // Raises the soft limit of open descriptors to count, or to the hard limit
 // if that is lower; never lowers it. 0 for success, -1 if refused.
 int setmaxfd(int count);

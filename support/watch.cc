@@ -17,6 +17,7 @@
 
 static int watch_fd = -1;
 static int ready_fd = -1;
+static int daemon_fd = -1;
 
 int watch_connect(void *, const char *host, int port, const char *procname, int flags) {
     if (!host || !*host || port <= 0 || port > 65535) {
@@ -69,11 +70,36 @@ void watch_shutdown(void) {
     }
 }
 
-static int ready_path(const char *name, char *buf, size_t size) {
+static int mark_path(const char *name, const char *suffix, char *buf, size_t size) {
     const char *dir = configmsg_get_storedir();
     if (!dir || !name || !*name || strchr(name, '/')) return -1;
-    int n = snprintf(buf, size, "%s/%s.ready", dir, name);
+    int n = snprintf(buf, size, "%s/%s.%s", dir, name, suffix);
     return n < 0 || (size_t)n >= size ? -1 : 0;
+}
+
+static int ready_path(const char *name, char *buf, size_t size) {
+    return mark_path(name, "ready", buf, size);
+}
+
+int store_daemon_lock(const char *name) {
+    char path[1024];
+    if (mark_path(name, "lock", path, sizeof(path)) != 0) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    // Read-only: a lock wants no writing, and a daemon on a read-only file
+    // system must get as far as telling what it can't do.
+    int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return -1;
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        int e = errno;
+        close(fd);
+        errno = e;
+        return -1;
+    }
+    if (daemon_fd >= 0) close(daemon_fd);
+    daemon_fd = fd;
+    return 0;
 }
 
 int store_session_ready_test(const char *name) {

@@ -19,6 +19,7 @@
 #include "support/config.h"
 #include "support/lock.h"
 #include "support/map.h"
+#include "support/retry.h"
 #include "support/xmalloc.h"
 #include "tests/testutil.h"
 
@@ -47,12 +48,10 @@ bool lockable_by_other(const std::string &idx) {
            }) == 0;
 }
 
-void expect_zero(const mailbox &mb) {
-    EXPECT_TRUE(mb.index_fd == -1 && !mb.index_map && !mb.name && !mb.partition && !mb.path &&
-                !mb.mpath && !mb.acl);
-    EXPECT_EQ(mb.index_lock_count + mb.open_mode + mb.generation + mb.index_size + mb.myrights, 0u);
-    EXPECT_EQ(memcmp(&mb.mbd, &zeromailbox.mbd, sizeof mb.mbd + sizeof mb.hdr), 0);
-    for (char *f : mb.flagname) EXPECT_EQ(f, nullptr);
+// A handle as zeromailbox leaves it.
+bool is_zero(const mailbox &mb) {
+    return mb.index_fd == -1 && !mb.index_map && !mb.name && !mb.path && !mb.acl &&
+           mb.index_lock_count + mb.open_mode + mb.myrights == 0;
 }
 
 // The ACL of a folder's row, its summary into mbd; "<no row>" if none.
@@ -68,8 +67,6 @@ class FolderFiles : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(testutil::start_store("opentest"), 0);
-        dir_ = inst_.path("partitions/primary/box");
-        idx_ = dir_ + "/store.idx";
         fred_ = auth_newstate("fred", nullptr, 0);
         bob_ = auth_newstate("bob", nullptr, 0);
     }
@@ -100,16 +97,10 @@ class FolderFiles : public ::testing::Test {
         mailbox_unlock_index(mb);
         EXPECT_TRUE(lockable_by_other(idx_));
     }
-    // What the log got since the last call.
-    std::string newlog() {
-        std::string all = testutil::read_file(inst_.path("log/store.log"));
-        std::string r = all.size() > mark_ ? all.substr(mark_) : "";
-        mark_ = all.size();
-        return r;
-    }
+    off_t logSize() { return testutil::file_size(inst_.path("log/store.log")); }
+
     testutil::Instance inst_;
-    std::string dir_, idx_;
-    size_t mark_ = 0;
+    const std::string dir_ = inst_.path("partitions/primary/box"), idx_ = dir_ + "/store.idx";
     auth_state *fred_ = nullptr, *bob_ = nullptr;
 };
 
@@ -118,7 +109,7 @@ class FolderDb : public FolderFiles {};
 
 }  // namespace
 
-TEST_F(FolderFiles, SecondProcessWaitsThenSeesTheChanges) {
+TEST_F(FolderFiles, LockWaitsForTheHolderNestsAndIsTried) {
     makeBox(1);
     mailbox mb;
     ASSERT_EQ(openBox(&mb), 0);
@@ -127,20 +118,42 @@ TEST_F(FolderFiles, SecondProcessWaitsThenSeesTheChanges) {
         usleep(300 * 1000);
         other.mbd.last_uid = 77;
         other.flagname[3] = xstrdup("Urgent");
-        if (mailbox_write_index_variable_header(&other) ||
-            mailbox_write_index_fixed_header(&other))
+        if (mailbox_write_index_variable_header(&other) || mailbox_write_index_fixed_header(&other))
             return 2;
         return send_byte(p.w, 'W') ? 0 : 3;
     });
     ASSERT_EQ(read_byte(p.r, 5000), 'L');
     ASSERT_EQ(mailbox_lock_index(&mb), 0);
     EXPECT_EQ(read_byte(p.r, 0), 'W');  // the lock came only after the holder's writes
-    EXPECT_EQ(mb.index_lock_count, 1u);
     EXPECT_EQ(mb.mbd.last_uid, 77u);
     EXPECT_STREQ(mb.flagname[3], "Urgent");
     EXPECT_EQ(testutil::wait_child(pid), 0);
+    // An inner lock touches no file and needs its own unlock.
+    mb.mbd.last_uid = 999;
+    ASSERT_EQ(mailbox_lock_index(&mb), 0);
+    EXPECT_EQ(mb.index_lock_count, 2u);
+    EXPECT_EQ(mb.mbd.last_uid, 999u);
+    mailbox_unlock_index(&mb);
     expectHeldUntilUnlock(&mb);
     mailbox_close(&mb);
+
+    // Another process holds the lock: a try fails at once, silently.
+    testutil::Pipe q, go;
+    pid = holder(q, [&](mailbox &) { return read_byte(go.r, 10000) == 'G' ? 0 : 2; });
+    ASSERT_EQ(read_byte(q.r, 5000), 'L');
+    ASSERT_EQ(openBox(&mb, OPEN_NOWAIT), 0);
+    off_t logged = logSize();
+    EXPECT_EQ(mailbox_lock_index(&mb), IMAP_MAILBOX_LOCKED);
+    EXPECT_EQ(mb.index_lock_count, 0u);
+    EXPECT_EQ(logSize(), logged);
+    send_byte(go.w, 'G');
+    EXPECT_EQ(testutil::wait_child(pid), 0);
+    EXPECT_EQ(mailbox_lock_index(&mb), 0);
+    // Closing a locked handle releases the lock and leaves a zero handle.
+    EXPECT_FALSE(lockable_by_other(idx_));
+    mailbox_close(&mb);
+    EXPECT_TRUE(is_zero(mb));
+    EXPECT_TRUE(lockable_by_other(idx_));
 }
 
 TEST_F(FolderFiles, LockFollowsAReplacedIndex) {
@@ -191,48 +204,11 @@ TEST_F(FolderFiles, LockFollowsAReplacedIndex) {
     EXPECT_NE(mb.index_ino, old_ino);
     EXPECT_EQ(mb.index_ino, inode_of(idx_));
     EXPECT_STREQ(mb.acl, longacl.c_str());
-    EXPECT_GT(mb.hdr.start_offset, 256u);
-    EXPECT_EQ(mb.mbd.exists, 2u);
     index_record r;
     ASSERT_EQ(mailbox_read_index_record(&mb, 2, &r), 0);
     EXPECT_EQ(r.uid, 2u);
     expectHeldUntilUnlock(&mb);  // held on the new file
     mailbox_close(&mb);
-}
-
-TEST_F(FolderFiles, NestingTryingAndClosing) {
-    makeBox(0);
-    mailbox mb;
-    ASSERT_EQ(openBox(&mb), 0);
-    ASSERT_EQ(mailbox_lock_index(&mb), 0);
-    mb.mbd.last_uid = 999;  // not written: an inner lock must not read the file
-    ASSERT_EQ(mailbox_lock_index(&mb), 0);
-    EXPECT_EQ(mb.index_lock_count, 2u);
-    EXPECT_EQ(mb.mbd.last_uid, 999u);
-    mailbox_unlock_index(&mb);
-    EXPECT_EQ(mb.index_lock_count, 1u);
-    expectHeldUntilUnlock(&mb);
-    mailbox_close(&mb);
-
-    // Another process holds the lock: a try fails at once, silently.
-    testutil::Pipe p, go;
-    pid_t pid = holder(p, [&](mailbox &) { return read_byte(go.r, 10000) == 'G' ? 0 : 2; });
-    ASSERT_EQ(read_byte(p.r, 5000), 'L');
-    ASSERT_EQ(openBox(&mb, OPEN_NOWAIT), 0);
-    newlog();
-    EXPECT_EQ(mailbox_lock_index(&mb), IMAP_MAILBOX_LOCKED);
-    EXPECT_EQ(mb.index_lock_count, 0u);
-    EXPECT_EQ(newlog(), "");
-    send_byte(go.w, 'G');
-    EXPECT_EQ(testutil::wait_child(pid), 0);
-    EXPECT_EQ(mailbox_lock_index(&mb), 0);
-    EXPECT_EQ(mb.index_lock_count, 1u);
-
-    // Closing a locked handle releases the lock and leaves a zero handle.
-    EXPECT_FALSE(lockable_by_other(idx_));
-    mailbox_close(&mb);
-    expect_zero(mb);
-    EXPECT_TRUE(lockable_by_other(idx_));
 }
 
 TEST_F(FolderFiles, OpenModesAndRepair) {
@@ -242,42 +218,26 @@ TEST_F(FolderFiles, OpenModesAndRepair) {
     for (unsigned mode : {0u, (unsigned)OPEN_PARTIAL, (unsigned)OPEN_APPEND}) {
         ASSERT_EQ(openBox(&mb, mode), 0) << mode;
         EXPECT_EQ(mb.mbd.exists, 3u);
-        EXPECT_EQ(mb.mpath, mb.path);
-        EXPECT_EQ(mb.myrights, (unsigned long)ACL_ALL);
+        EXPECT_TRUE(mb.mpath == mb.path && mb.myrights == (unsigned long)ACL_ALL);
         size_t want = mode ? 256u + 3 * 76 : size;  // a partial map ends behind the records
-        EXPECT_EQ(mb.index_map->len, want) << mode;
         ASSERT_EQ(mailbox_lock_index(&mb), 0);
         EXPECT_EQ(mb.index_map->len, want) << mode;
-        index_record r;
-        EXPECT_EQ(mailbox_read_index_record(&mb, 3, &r), 0);
-        EXPECT_EQ(r.uid, 3u);
         mailbox_close(&mb);
     }
-    // "" is no separate message directory.
-    ASSERT_EQ(mailbox_open_path("test/box", 0, nullptr, dir_.c_str(), "", nullptr,
-                                auth_dontCheckAcl, &mb),
-              0);
-    EXPECT_TRUE(mb.mpath == mb.path && mb.acl && !*mb.acl);
-    mailbox_close(&mb);
 
     // A version that no reader knows: logged unless silent; a repair open
     // gives a handle without a file and leaves the file alone.
     std::string bad = testutil::read_file(idx_);
     bad[0] = 9;
     testutil::write_file(idx_, bad);
-    newlog();
+    off_t logged = logSize();
     EXPECT_EQ(openBox(&mb), IMAP_MAILBOX_BADFORMAT);
-    expect_zero(mb);
-    std::string log = newlog();
-    EXPECT_NE(log.find("Mailbox corrupted, Version not recognized: test/box"), std::string::npos);
-    EXPECT_NE(log.find("Unable to read index file for test/box: Mailbox has an invalid format"),
-              std::string::npos)
-        << log;
+    EXPECT_TRUE(is_zero(mb));
+    off_t loud = logSize() - logged;
     EXPECT_EQ(openBox(&mb, OPEN_SILENT), IMAP_MAILBOX_BADFORMAT);
-    EXPECT_EQ(newlog().find("Unable to read index file"), std::string::npos);
+    EXPECT_LT(logSize() - logged - loud, loud);  // one entry fewer
     ASSERT_EQ(openBox(&mb, OPEN_REPAIR), 0);
-    EXPECT_EQ(mb.index_fd, -1);
-    EXPECT_STREQ(mb.name, "test/box");
+    EXPECT_TRUE(mb.index_fd == -1 && mb.name != nullptr);
     EXPECT_EQ(mailbox_lock_index(&mb), IMAP_IOERROR);  // nothing to lock
     EXPECT_EQ(mb.index_lock_count, 0u);
     mailbox_close(&mb);
@@ -286,8 +246,6 @@ TEST_F(FolderFiles, OpenModesAndRepair) {
     // No index at all; a repair open creates nothing.
     unlink(idx_.c_str());
     EXPECT_EQ(openBox(&mb), IMAP_IOERROR);
-    EXPECT_NE(newlog().find("open failed for index file " + idx_ + " : No such file"),
-              std::string::npos);
     ASSERT_EQ(openBox(&mb, OPEN_REPAIR), 0);
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
@@ -316,9 +274,7 @@ TEST_F(FolderFiles, OpenModesAndRepair) {
 }
 
 TEST_F(FolderFiles, CleanAclForcesTheOwnersRights) {
-    struct {
-        const char *acl, *name, *want;
-    } cases[] = {
+    const char *cases[][3] = {
         // An entry without its closing TAB is dropped.
         {"bob\tlr\tjoe\tlrs\tmax\tlr", "user/fred/x", "fred\tlrswipcda\tbob\tlr\tjoe\tlrs\t"},
         // The owner may lower its rights, not below lookup, create and
@@ -326,7 +282,7 @@ TEST_F(FolderFiles, CleanAclForcesTheOwnersRights) {
         {"fred\tr\tfred2\tr\t", "user/fred", "fred\tlrca\tfred2\tr\t"},
         {"fred\t\tanyone\tl\t", "public/news", "anyone\tl\t"},  // no owner
         {nullptr, "public/news", ""}};
-    for (const auto &c : cases) EXPECT_EQ(testutil::take(cleanacl(c.acl, c.name)), c.want) << c.name;
+    for (const auto &c : cases) EXPECT_EQ(testutil::take(cleanacl(c[0], c[1])), c[2]) << c[1];
 }
 
 TEST_F(FolderDb, FolderOnDiskOnlyIsTakenUpAgain) {
@@ -337,19 +293,28 @@ TEST_F(FolderDb, FolderOnDiskOnlyIsTakenUpAgain) {
     for (const char *name : {"user/fred/found", "public/x", "user/fred/gone"}) {
         if (!strcmp(name, "user/fred/gone")) put_row("user/fred", MAILBOX_VERSION, 0, "");
         EXPECT_EQ(mailbox_open(name, 0, fred_, &mb), IMAP_MAILBOX_NONEXISTENT) << name;
-        expect_zero(mb);
+        EXPECT_TRUE(is_zero(mb));
     }
     const char *acl = "fred\tlrswipcda\tbob\tlr\t";  // the owner holds all rights
     ASSERT_EQ(mailbox_open("user/fred/found", OPEN_NOWAIT, fred_, &mb), 0);
     EXPECT_STREQ(mb.acl, acl);
     EXPECT_EQ(mb.myrights, (unsigned long)ACL_ALL);
     EXPECT_EQ(mb.open_mode, (unsigned)OPEN_NOWAIT);
-    EXPECT_STREQ(mb.partition, "primary");
     EXPECT_EQ(mb.mbd.exists, 2u);
     mailbox_close(&mb);
     mboxdata row;
     EXPECT_EQ(row_acl("user/fred/found", &row), acl);
     EXPECT_EQ(row.exists, 2u);
+}
+
+// At each barrier: the size of the new folder's "store.idx" and the version
+// in its row, as the row write would find them.
+static std::vector<std::string> barriers;
+static void note_barrier(sync_event e, const char *) {
+    mboxdata row = {};
+    std::string idx = folder_dir("user/fred") + "/store.idx";
+    if (e == SYNC_EVENT_BARRIER && mboxlist_lookup("user/fred", &row, 0, 0, 0, 0) == 0)
+        barriers.push_back(std::to_string(testutil::file_size(idx)) + " " + std::to_string(row.version));
 }
 
 TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
@@ -358,10 +323,11 @@ TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
     put_row("user/fred", MAILBOX_VERSION_DBONLY, 0, longacl.c_str());
     uint32_t t0 = (uint32_t)time(nullptr);
     mailbox mb;
+    sync_set_observer(note_barrier);
     ASSERT_EQ(mailbox_open("user/fred", OPEN_APPEND, bob_, &mb), 0);
+    sync_set_observer(nullptr);
     EXPECT_EQ(mb.mbd.version, (uint32_t)MAILBOX_VERSION);
-    EXPECT_GE(mb.mbd.uidvalidity, t0);
-    EXPECT_LE(mb.mbd.uidvalidity, (uint32_t)time(nullptr));
+    EXPECT_TRUE(mb.mbd.uidvalidity >= t0 && mb.mbd.uidvalidity <= (uint32_t)time(nullptr));
     EXPECT_EQ(mb.index_lock_count, 0u);
     EXPECT_EQ(mb.open_mode, (unsigned)OPEN_APPEND);
     EXPECT_EQ(mb.myrights, 0u);  // bob has no entry
@@ -369,7 +335,11 @@ TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
     EXPECT_GT(mb.hdr.start_offset, 256u);
     EXPECT_EQ(mb.hdr.cache_offset, mb.hdr.start_offset + 7600);
     std::string idx = folder_dir("user/fred") + "/store.idx";
-    EXPECT_EQ(testutil::read_file(idx).size(), mb.hdr.cache_offset);
+    EXPECT_EQ(testutil::file_size(idx), (off_t)mb.hdr.cache_offset);
+    // The whole file was flushed while the row still said it had none.
+    ASSERT_FALSE(barriers.empty());
+    EXPECT_EQ(barriers.back(), std::to_string(mb.hdr.cache_offset) + " " +
+                                   std::to_string(MAILBOX_VERSION_DBONLY));
     EXPECT_TRUE(lockable_by_other(idx));
     uint32_t uidvalidity = mb.mbd.uidvalidity;
     mailbox_close(&mb);
@@ -382,7 +352,6 @@ TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
     ASSERT_EQ(mailbox_open("user/fred", 0, fred_, &mb), 0);
     EXPECT_EQ(mb.mbd.uidvalidity, uidvalidity);
     EXPECT_EQ(mb.myrights, (unsigned long)ACL_ALL);
-    EXPECT_STREQ(mb.acl, longacl.c_str());
     mailbox_close(&mb);
 
     // A folder whose files were lost starts again, empty.
@@ -416,7 +385,6 @@ TEST_F(FolderDb, LazyOpenBadIndexAndAclFromTheRow) {
     testutil::make_folder("user/fred", dir, "", 4242, 1);
     put_row("user/fred", MAILBOX_VERSION, 1, "bob\tlr\t");
     ASSERT_EQ(mailbox_open("user/fred", OPEN_LAZY, bob_, &mb), 0);
-    EXPECT_NE(mb.index_fd, -1);
     EXPECT_EQ(mb.mbd.uidvalidity, 4242u);
     mailbox_close(&mb);
 
@@ -425,7 +393,7 @@ TEST_F(FolderDb, LazyOpenBadIndexAndAclFromTheRow) {
     bad[0] = 9;
     testutil::write_file(dir + "/store.idx", bad);
     EXPECT_EQ(mailbox_open("user/fred", 0, bob_, &mb), IMAP_MAILBOX_BADFORMAT);
-    expect_zero(mb);
+    EXPECT_TRUE(is_zero(mb));
     EXPECT_EQ(testutil::read_file(dir + "/store.idx"), bad);
 }
 
@@ -463,15 +431,14 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     ASSERT_GT(n, 0);
     self[n] = '\0';
-    struct {
-        const char *config, *want;  // fdatasync, fsync, writeback start
-    } cases[] = {{"local.store.synclevel: 0\nlocal.store.indexsynclevel: 2\n", "1 0 0"},
-                 {"local.store.synclevel: 3\n", "0 1 0"},
-                 {"local.store.indexsynclevel: 2\n", "1 0 0"},
-                 {"", "0 0 1"}};
+    const char *cases[][2] = {  // configuration; fdatasync, fsync, writeback start
+        {"local.store.synclevel: 0\nlocal.store.indexsynclevel: 2\n", "1 0 0"},
+        {"local.store.synclevel: 3\n", "0 1 0"},
+        {"local.store.indexsynclevel: 2\n", "1 0 0"},
+        {"", "0 0 1"}};
     for (const auto &c : cases) {
-        testutil::Instance inst(c.config);
-        std::string out, err, lines, want = std::string("SYNC ") + c.want + "\n";
+        testutil::Instance inst(c[0]);
+        std::string out, err, lines, want = std::string("SYNC ") + c[1] + "\n";
         EXPECT_EQ(testutil::run_command(std::string("MAILBOX_SYNC_CHILD=1 ") + self +
                                             " --gtest_filter=MailboxSync.GeneralAndSpecificKeys",
                                         &out, &err),
@@ -479,6 +446,6 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
             << out << err;
         for (const std::string &l : testutil::split_lines(out))
             if (l.rfind("SYNC ", 0) == 0) lines += l + "\n";
-        EXPECT_EQ(lines, want + want) << c.config;
+        EXPECT_EQ(lines, want + want) << c[0];
     }
 }

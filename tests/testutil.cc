@@ -100,13 +100,6 @@ void StderrCapture::restore() {
     saved_ = -1;
 }
 
-static int wait_status(int pid) {
-    int st = 0;
-    if (waitpid(pid, &st, 0) != pid) return -1;
-    if (WIFEXITED(st)) return WEXITSTATUS(st);
-    return 128 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0);
-}
-
 bool Instance::startStored() {
     if (storedPid_ > 0) return true;
     std::string bin = binary_dir() + "/bin/stored";
@@ -129,12 +122,7 @@ bool Instance::startStored() {
     storedPid_ = pid;
     // Ready once the daemon holds the lock of its ready mark.
     for (int i = 0; i < 600; i++) {
-        int st;
-        if (waitpid(pid, &st, WNOHANG) == pid) {
-            storedPid_ = -1;
-            storedStatus_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            return false;
-        }
+        if (waitStored(0) >= 0) return false;
         int fd = open(ready.c_str(), O_RDONLY);
         if (fd >= 0) {
             bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
@@ -148,19 +136,29 @@ bool Instance::startStored() {
     return false;
 }
 
-int Instance::stopStored() {
-    if (storedPid_ <= 0) return storedStatus_;
-    kill(storedPid_, SIGTERM);
-    storedStatus_ = wait_status(storedPid_);
-    storedPid_ = -1;
+int Instance::waitStored(int seconds) {
+    for (int i = 0; storedPid_ > 0; i++) {
+        int st;
+        if (waitpid(storedPid_, &st, WNOHANG) == storedPid_) {
+            storedPid_ = -1;
+            storedStatus_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        } else if (i >= seconds * 20) {
+            return -1;
+        } else {
+            usleep(50 * 1000);
+        }
+    }
     return storedStatus_;
 }
 
+int Instance::stopStored() {
+    if (storedPid_ > 0) kill(storedPid_, SIGTERM);
+    return waitStored(600);
+}
+
 void Instance::killStored() {
-    if (storedPid_ <= 0) return;
-    kill(storedPid_, SIGKILL);
-    storedStatus_ = wait_status(storedPid_);
-    storedPid_ = -1;
+    if (storedPid_ > 0) kill(storedPid_, SIGKILL);
+    waitStored(600);
 }
 
 std::string source_dir() {
@@ -307,7 +305,6 @@ bool file_exists(const std::string &path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-
 bool send_byte(int fd, char c) { return write(fd, &c, 1) == 1; }
 
 ino_t inode_of(const std::string &path) {
@@ -330,7 +327,7 @@ bool has_row(const char *name) {
     char *row = nullptr;
     int n = mboxlist_lookup_data(name, &row, nullptr);
     free(row);
-    return n > 0;
+    return n == 0;
 }
 
 static void set_dbt(DBT *dbt, const std::string &s) {
@@ -375,7 +372,8 @@ void put_row(const char *name, uint32_t version, uint32_t exists, const char *ac
     do {
         DB_TXN *txn;
         ASSERT_EQ(mboxlist_trans_setup(&txn, "test", name), 0);
-        r = mboxlist_trans_finish(txn, mbl->put(mbl, txn, &key, &data, 0));
+        DB *folders = mboxlist_db(MBOXLIST_FOLDERDB);
+        r = mboxlist_trans_finish(txn, folders->put(folders, txn, &key, &data, 0));
     } while (r == DB_LOCK_DEADLOCK);
     free(data.data);
     ASSERT_EQ(r, 0) << name;

@@ -52,8 +52,10 @@ class Instance {
     int stopStored();
     // Ends the daemon with SIGKILL, as a crash would.
     void killStored();
+    // Waits up to seconds for the daemon to end by itself: its exit status
+    // (also in storedStatus()), or -1 if it still runs.
+    int waitStored(int seconds);
     int storedStatus() const { return storedStatus_; }
-    int storedPid() const { return storedPid_; }
 
   private:
     TempDir tmp_;
@@ -153,7 +155,6 @@ uint32_t be32_at(const std::string &s, size_t off);
 // The size of a file, or -1 if stat fails.
 off_t file_size(const std::string &path);
 bool file_exists(const std::string &path);
-
 
 // ---- the store in this process ---------------------------------------------
 
