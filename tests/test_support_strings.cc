@@ -15,18 +15,14 @@
 #include "support/xmalloc.h"
 #include "tests/testutil.h"
 
-namespace {
-
 typedef int (*convert_fn)(const char *, char *, size_t);
 
 // The result of a conversion into a buffer of the given size, "<error>" if
 // it fails.
-std::string conv(convert_fn fn, const std::string &in, size_t size = 1024) {
+static std::string conv(convert_fn fn, const std::string &in, size_t size = 1024) {
     std::vector<char> buf(size ? size : 1, 'X');
     return fn(in.c_str(), buf.data(), size) == 0 ? std::string(buf.data()) : "<error>";
 }
-
-}  // namespace
 
 TEST(ModifiedUtf7, EncodingsRoundTripsAndRefusals) {
     // A surrogate pair outside the basic plane; a control character is encoded.
@@ -42,8 +38,8 @@ TEST(ModifiedUtf7, EncodingsRoundTripsAndRefusals) {
     // characters, controls, two-, three- and four-byte sequences.
     std::mt19937 rng(20240611);
     auto pick = [&](uint32_t lo, uint32_t hi) { return std::uniform_int_distribution<uint32_t>(lo, hi)(rng); };
-    const uint32_t ranges[][2] = {{0x20, 0x7e}, {'&', '&'}, {'-', '-'}, {1, 0x1f}, {0x7f, 0x7f}, {0x80, 0x7ff}, {0x800, 0xd7ff},
-                                  {0xe000, 0xffff}, {0x10000, 0x10ffff}};
+    const uint32_t ranges[][2] = {{0x20, 0x7e}, {'&', '&'}, {'-', '-'}, {1, 0x1f}, {0x7f, 0x7f}, {0x80, 0x7ff},
+                                  {0x800, 0xd7ff},                                  {0xe000, 0xffff}, {0x10000, 0x10ffff}};
     for (int n = 0; n < 3000; n++) {
         std::string s;
         for (int i = (int)pick(0, 24); i > 0; i--) {
@@ -59,10 +55,8 @@ TEST(ModifiedUtf7, EncodingsRoundTripsAndRefusals) {
         ASSERT_EQ(conv(mutf7_toutf8, m), s) << m;
     }
 
-    // Refused: a run not ended, padding bits not zero, a character too many
-    // or too few, ASCII ("a", "&") that must stand as itself, NUL, lone and
-    // split surrogates, two high ones, "/" and "=" in a run, raw 8-bit and
-    // control bytes.
+    // Refused: runs not ended, bad padding, ASCII or NUL encoded, bad
+    // surrogates, "/" and "=" in a run, raw 8-bit and control bytes.
     for (const char *b : {"&", "&AOQ", "a&AOQ", "&AOR-", "&AOQA-", "&A-", "&AGE-", "&AGEA5A-", "&ACY-", "&AAA-",
                           "&2D0-", "&3gA-", "&2D0-&3gA-", "&2D3YPQ-", "&A/Q-", "&AOQ=-", "\xc3\xa4", "a\tb"})
         EXPECT_EQ(conv(mutf7_toutf8, b), "<error>") << "accepted: " << b;
@@ -76,25 +70,20 @@ TEST(ModifiedUtf7, EncodingsRoundTripsAndRefusals) {
         {mutf7_fromutf8, "&", 2, "<error>"},      {mutf7_toutf8, "&AOQ-", 3, "\xc3\xa4"},
         {mutf7_toutf8, "&AOQ-", 2, "<error>"},    {mutf7_toutf8, "abc", 3, "<error>"}};
     for (const auto &z : sizes) EXPECT_EQ(conv(z.fn, z.in, z.size), z.out) << z.in << " in " << z.size;
-    char small[4];
-    memset(small, 'X', sizeof small);
-    EXPECT_EQ(mutf7_toutf8("abcdef", small, sizeof small), -1);
-    EXPECT_EQ(strlen(small), 3u);
+    char small[4] = {'X', 'X', 'X', 'X'};
+    EXPECT_TRUE(mutf7_toutf8("abcdef", small, sizeof small) == -1 && strlen(small) == 3);
 }
 
 TEST(StringHelpers, CharactersAtomsCaseAndCopies) {
     // a, U+00E4, U+20AC, U+1F600 (outside the basic plane), a stray byte, z;
     // then a truncated sequence (one replacement, the next character goes
     // through) and an overlong form.
-    const char *s = "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\xff" "z\xe2\x82" "x\xc0\xaf";
+    const char *p = "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\xff" "z\xe2\x82" "x\xc0\xaf";
     uint16_t units[] = {'a', 0xe4, 0x20ac, 0xfffd, 0xfffd, 'z', 0xfffd, 'x', 0xfffd, 0};
     int lens[] = {1, 2, 3, 4, 1, 1, 2, 1, 2, 0};
-    const char *p = s;
-    for (size_t i = 0; i < sizeof lens / sizeof lens[0]; i++) {
+    for (size_t i = 0, n; i < 10; i++, p += n) {
         uint16_t u = 0x1234;
-        int n = UtfToUniChar(p, &u);
-        EXPECT_TRUE(u == units[i] && n == lens[i]) << i << ": " << u << " " << n;
-        p += n;
+        EXPECT_TRUE((n = UtfToUniChar(p, &u)) == (size_t)lens[i] && u == units[i]) << i << ": " << u << " " << n;
     }
 
     for (const char *a : {"INBOX", "x[1", "$Label"}) EXPECT_TRUE(imparse_isatom(a)) << a;

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <initializer_list>
+
 #include "support/charset.h"
 #include "support/parseaddr.h"
 #include "support/storeglob.h"
@@ -27,11 +29,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *decoded = charset_decode1522(text, small, sizeof(small));
     if (decoded != small) free(decoded);
 
+    // What was encoded decodes to the same text.
     char utf7[1024], back[1024];
-    if (mutf7_fromutf8(text, utf7, sizeof(utf7)) == 0) {
-        // What was encoded decodes to the same text.
-        if (mutf7_toutf8(utf7, back, sizeof(back)) != 0 || strcmp(back, text) != 0) abort();
-    }
+    if (mutf7_fromutf8(text, utf7, sizeof(utf7)) == 0 && (mutf7_toutf8(utf7, back, sizeof(back)) != 0 || strcmp(back, text)))
+        abort();
     (void)mutf7_toutf8(text, back, sizeof(back));
 
     // The first line is a pattern, the rest the text it is tested on.
@@ -39,11 +40,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (nl) {
         *nl = '\0';
         storeglob *g = glob_init_suppress(text, GLOB_HIERARCHY | GLOB_INBOXCASE, nullptr);
-        if (g) {
-            long state = 0;
-            (void)glob_test(g, nl + 1, -1, &state);
-            glob_free(&g);
-        }
+        long state = 0;
+        if (g) (void)glob_test(g, nl + 1, -1, &state);
+        glob_free(&g);
     }
     free(text);
     return 0;
