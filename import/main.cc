@@ -34,16 +34,10 @@ int main(int argc, char **argv) {
     while ((c = getopt(argc, argv, "ns:d:u:e:c:v:gi?")) != -1) {
         switch (c) {
             case 's':
-                take_once(&file, optarg, &errors);
-                break;
             case 'u':
-                take_once(&user, optarg, &errors);
-                break;
             case 'd':
-                take_once(&folder, optarg, &errors);
-                break;
             case 'e':
-                take_once(&encoding, optarg, &errors);
+                take_once(c == 's' ? &file : c == 'u' ? &user : c == 'd' ? &folder : &encoding, optarg, &errors);
                 break;
             case 'c':
                 if ((optarg[0] == 'y' || optarg[0] == 'Y') && optarg[1] == '\0')
