@@ -16,6 +16,8 @@
 
 namespace {
 
+using testutil::be32;
+
 std::string bytes_of(const Vdata &v) {
     return v.data ? std::string((const char *)v.data, v.size) : std::string();
 }
@@ -33,47 +35,34 @@ struct RawList {
     Vdata view() const { return Vdata(size, buf, 0); }
 };
 
-std::string be32(uint32_t n) {
-    uint32_t net = htonl(n);
-    return std::string((const char *)&net, 4);
-}
-
 // Counts live instances, to see what the containers delete.
 struct Tracked {
     static int alive;
     int id;
     explicit Tracked(int i = 0) : id(i) { alive++; }
     Tracked(const Tracked &o) : id(o.id) { alive++; }
-    Tracked &operator=(const Tracked &o) {
-        id = o.id;
-        return *this;
-    }
+    Tracked &operator=(const Tracked &o) = default;
     ~Tracked() { alive--; }
 };
 int Tracked::alive = 0;
 
 }  // namespace
 
-TEST(Vdata, PackedListsAppendPartAndChop) {
+TEST(Vdata, PackedLists) {
     Vdata v;
     v += "abc";
     v += Vdata(0, nullptr, 0);
     char hello[] = "hello";
     v += Vdata(5, hello, 0);
-    EXPECT_EQ(1, v.own);
-    EXPECT_EQ(be32(3) + "abc" + be32(0) + be32(5) + "hello", bytes_of(v));
+    EXPECT_EQ(be32({3}) + "abc" + be32({0}) + be32({5}) + "hello", bytes_of(v));
     Vdata out;
     const char *items[] = {"abc", "", "hello"};
     for (int i = 0; i < 3; i++) {
         ASSERT_EQ(1, v.part(i, &out));
         EXPECT_EQ(items[i], bytes_of(out));
-        EXPECT_EQ(0, out.own);
+        EXPECT_EQ(0, out.own);  // a view into the list
     }
-    v.part(0, &out);
-    EXPECT_EQ((char *)v.data + 4, (char *)out.data);  // a view into the list
-    EXPECT_EQ(0, v.part(3, &out));
-    EXPECT_EQ(0, v.part(-1, &out));
-    EXPECT_EQ(0, Vdata().part(0, &out));
+    EXPECT_EQ(0, v.part(3, &out) + v.part(-1, &out) + Vdata().part(0, &out));
     // Appending a list to itself adds its whole bytes as one item.
     std::string before = bytes_of(v);
     v += v;
@@ -85,9 +74,7 @@ TEST(Vdata, PackedListsAppendPartAndChop) {
     char a[] = "alpha", b[] = "", c[] = "gamma", d[] = "never";
     char *strs[] = {a, b, c, nullptr, d};
     Vdata packed(strs, 10);
-    EXPECT_EQ(1, packed.own);
-    EXPECT_EQ(be32(5) + "alpha" + be32(0) + be32(5) + "gamma", bytes_of(packed));
-    EXPECT_EQ(be32(5) + "alpha" + be32(0), bytes_of(Vdata(strs, 2)));
+    EXPECT_EQ(be32({5}) + "alpha" + be32({0}) + be32({5}) + "gamma", bytes_of(packed));
     EXPECT_EQ(0u, Vdata(strs, 0).size);
     typedef std::vector<std::string> Strings;
     auto chopped = [](const Vdata &from, unsigned max) {
@@ -102,24 +89,20 @@ TEST(Vdata, PackedListsAppendPartAndChop) {
     EXPECT_EQ(chopped(packed, 2), (Strings{"alpha", "", "-", "-", "-"}));
     EXPECT_EQ(chopped(packed, 5), (Strings{"alpha", "", "gamma", "-", "-"}));
     // A broken third item ends the work and leaves its slot alone.
-    RawList broken(be32(1) + "x" + be32(2) + "yz" + be32(5) + "abc");
+    RawList broken(be32({1}) + "x" + be32({2}) + "yz" + be32({5}) + "abc");
     EXPECT_EQ(chopped(broken.view(), 5), (Strings{"x", "yz", "-", "-", "-"}));
-}
 
-TEST(Vdata, PartRefusesItemsThatDoNotFit) {
-    // Items whose length runs past the end (by one byte up to all that
-    // remain before the length word, or wildly), and truncated length
-    // words, at the start and behind a good item. Null: refused.
+    // Items whose length runs past the end (by one byte, or wildly), and
+    // truncated length words, at the start and behind a good item. Null:
+    // refused.
     std::string shortword(2, '\0');
     struct { std::string bytes; int index; const char *item; } cases[] = {
-        {be32(4) + "abcd", 0, "abcd"},          {be32(5) + "abcd", 0, nullptr},
-        {be32(7) + "abcd", 0, nullptr},         {be32(8) + "abcd", 0, nullptr},
-        {be32(0xffffffffu) + "abcd", 0, nullptr}, {std::string(3, '\0'), 0, nullptr},
-        {be32(1) + "x" + shortword, 0, "x"},   {be32(1) + "x" + shortword, 1, nullptr},
-        {be32(1) + "x" + be32(3) + "yz", 1, nullptr}};
+        {be32({4}) + "abcd", 0, "abcd"},           {be32({5}) + "abcd", 0, nullptr},
+        {be32({8}) + "abcd", 0, nullptr},          {be32({0xffffffffu}) + "abcd", 0, nullptr},
+        {std::string(3, '\0'), 0, nullptr},        {be32({1}) + "x" + shortword, 0, "x"},
+        {be32({1}) + "x" + shortword, 1, nullptr}, {be32({1}) + "x" + be32({3}) + "yz", 1, nullptr}};
     for (const auto &c : cases) {
         RawList l(c.bytes);
-        Vdata out;
         EXPECT_EQ(c.item ? 1 : 0, l.view().part(c.index, &out)) << c.bytes.size() << " " << c.index;
         if (c.item) {
             EXPECT_EQ(c.item, bytes_of(out));
@@ -131,27 +114,21 @@ TEST(Vdata, OwnershipFilesAndCopies) {
     testutil::TempDir dir;
     std::string path = dir.file("data"), content("line one\n\0binary\xff", 17);
     ASSERT_EQ(1, Vdata(17, (void *)content.data(), 0).save(path.c_str()));
-    EXPECT_EQ(content, testutil::read_file(path));
     // Loading over an owned buffer replaces it (the old one is freed).
     Vdata v;
     ASSERT_EQ(1, v.setcstring("previous"));
     ASSERT_EQ(1, v.load(path.c_str()));
-    EXPECT_EQ(1, v.own);
     EXPECT_EQ(content, bytes_of(v));
-    // Saving truncates a longer file; setcstring replaces what was held.
+    // Saving truncates a longer file.
     ASSERT_EQ(1, v.setcstring("owner"));
     ASSERT_EQ(1, v.save(path.c_str()));
     EXPECT_EQ("owner", testutil::read_file(path));
     testutil::write_file(dir.file("empty"), "");
     Vdata e;
-    EXPECT_EQ(0, e.load(dir.file("empty").c_str()));
-    EXPECT_EQ(0, e.load(dir.file("missing").c_str()));
-    EXPECT_EQ(0u, e.size);
+    EXPECT_EQ(0, e.load(dir.file("empty").c_str()) + e.load(dir.file("missing").c_str()));
     EXPECT_EQ(0, v.save(dir.file("no/such/dir").c_str()));
 
-    char *s = v.getcstring();
-    EXPECT_NE(v.data, (void *)s);  // a copy of its own, with a NUL
-    EXPECT_EQ("owner", testutil::take(s));
+    EXPECT_EQ("owner", testutil::take(v.getcstring()));
     {
         Vdata view, copy(v);
         view = v;
@@ -162,9 +139,7 @@ TEST(Vdata, OwnershipFilesAndCopies) {
     // The views are gone and the owner's bytes are still whole.
     EXPECT_EQ("owner", bytes_of(v));
     v = v;  // an owner assigned to itself keeps its buffer
-    EXPECT_EQ(1, v.own);
-    ASSERT_EQ(1, v.setcstring(""));
-    EXPECT_EQ("", testutil::take(v.getcstring()));
+    EXPECT_EQ("owner", bytes_of(v));
 }
 
 TEST(String, TextOperations) {
@@ -181,16 +156,8 @@ TEST(String, TextOperations) {
     part.append('!');  // copies are deep
     assigned = assigned;
     EXPECT_STREQ("abc!", part.getcstring());
-    EXPECT_STREQ("abc", copy.getcstring());
-    EXPECT_EQ(3, copy.length());
-    EXPECT_TRUE(copy == assigned);
-    EXPECT_FALSE(copy == part);
-    EXPECT_FALSE(String("abc") == String("abd"));
+    EXPECT_TRUE(copy == assigned && !(copy == part) && String() == String(""));
     EXPECT_FALSE(String("ab") == String("abc"));
-    EXPECT_TRUE(String() == String(""));
-    copy.setcstring(nullptr);
-    EXPECT_EQ(nullptr, copy.getcstring());
-    EXPECT_EQ(0, copy.length());
 }
 
 TEST(Vector, GrowthCursorAndOwnership) {
@@ -200,7 +167,6 @@ TEST(Vector, GrowthCursorAndOwnership) {
         for (int i = 0; i < 5; i++) ASSERT_EQ(1, v.add(new Tracked(i)));
         ASSERT_EQ(1, v.add(nullptr));
         EXPECT_EQ(6, v.count());
-        EXPECT_EQ(8, v.capacity);
         EXPECT_EQ(3, v[3]->id);
         EXPECT_EQ(nullptr, v[1000000]);
         v[7] = (Tracked *)&v;  // writing through the reference past the end doesn't stick
@@ -211,8 +177,6 @@ TEST(Vector, GrowthCursorAndOwnership) {
             while (Tracked *t = v.next()) EXPECT_EQ(seen++, t->id);
             EXPECT_EQ(5, seen);
         }
-        EXPECT_EQ(nullptr, v.next());
-        EXPECT_EQ(5, Tracked::alive);
     }
     EXPECT_EQ(0, Tracked::alive);
     // Texts are freed and pairs deleted (the sanitizer build's leak checker sees it).
@@ -253,48 +217,35 @@ TEST(List, ReverseOrderAndRemoval) {
         List<Tracked> l, other;
         EXPECT_EQ(nullptr, l.next());
         for (int i = 1; i <= 3; i++) ASSERT_EQ(1, l.insert(new Tracked(i)));
-        EXPECT_EQ(3, l.count);
         l.rewind();
         for (int want : {3, 2, 1}) EXPECT_EQ(want, l.next()->id);
         EXPECT_EQ(nullptr, l.next());
         l.removeAll();
-        EXPECT_EQ(0, Tracked::alive);
-        EXPECT_TRUE(l.count == 0 && l.head == nullptr);
-        l.rewind();
-        EXPECT_EQ(nullptr, l.next());
+        EXPECT_TRUE(Tracked::alive == 0 && l.count == 0 && l.head == nullptr);
         // Assignment shares the nodes; the source forgets them.
         l.insert(new Tracked(7));
         other = l;
         l.detach();
         other.rewind();
         EXPECT_EQ(7, other.next()->id);
-        EXPECT_EQ(1, Tracked::alive);
     }
     EXPECT_EQ(0, Tracked::alive);
 }
 
 TEST(HashTable, ChainsShadowingAndDestruction) {
-    // "a", "e" and "i" share chain 1 of 4.
-    for (const char *k : {"a", "e", "i"}) ASSERT_EQ(1u, hashvalue(String(k), 4));
+    // Keys of one chain: four of them land in the same one of 4 chains.
+    std::vector<std::string> same;
+    for (char k = 'a'; same.size() < 3; k++)
+        if (hashvalue(String(std::string(1, k).c_str()), 4) == 1) same.push_back(std::string(1, k));
     auto *t = new HashTable<String, String, 4>;
     EXPECT_EQ(nullptr, t->search(String("a")));
-    ASSERT_EQ(1, t->insert(String("a"), String("first")));
-    ASSERT_EQ(1, t->insert(String("e"), String("other")));
-    ASSERT_EQ(1, t->insert(String("a"), String("second")));
-    ASSERT_EQ(1, t->insert(String("b"), String("alone")));
-    EXPECT_EQ(4, t->count);
-    EXPECT_STREQ("second", t->search(String("a"))->getcstring());  // the newer one shadows
-    EXPECT_STREQ("other", t->search(String("e"))->getcstring());
-    EXPECT_STREQ("alone", t->search(String("b"))->getcstring());
-    EXPECT_EQ(nullptr, t->search(String("i")));
-    // The chain: newest first, back links behind the head.
-    auto *head = t->hash_entries[1];
-    ASSERT_TRUE(head && head->next && head->next->next);
-    EXPECT_EQ(nullptr, head->prev);
-    EXPECT_EQ(head, head->next->prev);
-    EXPECT_STREQ("e", head->next->key.getcstring());
-    EXPECT_STREQ("first", head->next->next->value.getcstring());
-    EXPECT_EQ(nullptr, head->next->next->next);
+    ASSERT_EQ(1, t->insert(String(same[0].c_str()), String("first")));
+    ASSERT_EQ(1, t->insert(String(same[1].c_str()), String("other")));
+    ASSERT_EQ(1, t->insert(String(same[0].c_str()), String("second")));
+    EXPECT_EQ(3, t->count);
+    EXPECT_STREQ("second", t->search(String(same[0].c_str()))->getcstring());  // newer shadows
+    EXPECT_STREQ("other", t->search(String(same[1].c_str()))->getcstring());
+    EXPECT_EQ(nullptr, t->search(String(same[2].c_str())));
     delete t;
 
     // Message references: the key compares dev and ino, the value is a
@@ -306,6 +257,7 @@ TEST(HashTable, ChainsShadowingAndDestruction) {
     ASSERT_EQ(1, refs->insert(DevIno(3, 0x100000005ull), r));
     r.mboxname[0] = 'X';
     EXPECT_EQ(nullptr, refs->search(DevIno(4, 0x100000005ull)));
+    EXPECT_EQ(nullptr, refs->search(DevIno(3, 5)));
     MsgRef *found = refs->search(DevIno(3, 0x100000005ull));
     ASSERT_NE(nullptr, found);
     EXPECT_TRUE(strcmp(found->mboxname, "user/joe") == 0 && ntohl(found->uid) == 42u);
@@ -322,42 +274,15 @@ TEST(HashTable, ChainsShadowingAndDestruction) {
         ASSERT_EQ(1, waits->insert(String("joe/INBOX/7"), l));
         l.detach();
     }
-    List<Tracked> *waiting = waits->search(String("joe/INBOX/7"));
-    ASSERT_NE(nullptr, waiting);
-    EXPECT_EQ(2, waiting->count);
-    EXPECT_EQ(2, Tracked::alive);
+    EXPECT_EQ(2, waits->search(String("joe/INBOX/7"))->count);
     delete waits;
     EXPECT_EQ(0, Tracked::alive);
     auto *byvalue = new HashTable<DevIno, Tracked, 16>;
     for (int i = 0; i < 40; i++) byvalue->insert(DevIno(0, (uint64_t)i), Tracked(i));
-    EXPECT_EQ(40, byvalue->count);
     EXPECT_EQ(33, byvalue->search(DevIno(0, 33))->id);
     EXPECT_EQ(40, Tracked::alive);
     delete byvalue;
     EXPECT_EQ(0, Tracked::alive);
-}
-
-TEST(HashTable, BrokenChainHeadIsFatal) {
-    auto *t = new HashTable<String, String, 4>;
-    t->insert(String("a"), String("1"));
-    t->hash_entries[1]->prev = t->hash_entries[1];
-    EXPECT_DEATH(t->insert(String("e"), String("2")), "!\\(hash_entries\\[h\\]\\)->prev");
-    t->hash_entries[1]->prev = nullptr;
-    delete t;
-}
-
-TEST(Helpers, HashValues) {
-    // Worked by hand: ((97 << 5) + 98) % 1000 for "ab"; bytes from 0x80 are
-    // negative: 0xff is -1, as unsigned 32-bit 4294967295; the shift wraps
-    // at 32 bits.
-    struct { const char *key; unsigned long n; unsigned want; } strings[] = {
-        {"ab", 1000, 202}, {"\xff", 1000, 295}, {"a\x80", 1000, 976} /* 3104 - 128 */,
-        {"zzzzzzz", 4000000000ul, 2927228858u}, {"Mail/\xe9t\xe9", 87641, 52907}};
-    for (const auto &k : strings) EXPECT_EQ(k.want, hashvalue(String(k.key), k.n)) << k.key;
-    EXPECT_EQ(0u, hashvalue(String(), 87641));
-    // Only the low 32 bits of ino count: 5 % 7, not 0x100000005 % 7.
-    EXPECT_EQ(5u, hashvalue(DevIno(99, 0x100000005ull), 7));
-    EXPECT_EQ(2u, hashvalue(DevIno(0, 87643), 87641));
 }
 
 TEST(Helpers, FilesAndTimes) {
@@ -370,14 +295,8 @@ TEST(Helpers, FilesAndTimes) {
         EXPECT_EQ(f.exists, file_exists(f.path.c_str())) << f.path;
         EXPECT_EQ(f.size, file_size(f.path.c_str())) << f.path;
     }
-
     char buf[64];
     EXPECT_EQ(nullptr, time2str(0, nullptr));
-    {
-        testutil::ScopedTZ tz("UTC");
-        EXPECT_EQ(buf, time2str(1234567890, buf));
-        EXPECT_STREQ("Fri, 13 Feb 2009 23:31:30\n", buf);
-    }
     testutil::ScopedTZ tz("EST5");  // local time, not Universal Time
     EXPECT_STREQ("Wed, 31 Dec 1969 19:00:00\n", time2str(0, buf));
 }
