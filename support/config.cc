@@ -24,6 +24,7 @@
 #include <atomic>
 
 #include "support/log.h"
+#include "support/retry.h"
 #include "support/xmalloc.h"
 
 #ifndef STORE_DEFAULT_INSTANCEDIR
@@ -616,30 +617,14 @@ int configmsg_writestoredfile(const char *name, long value) {
     if (fd < 0) {
         err = errno;
     } else {
-        const char *p = text;
-        size_t left = (size_t)len;
-        while (left > 0 && !err) {
-            ssize_t n = write(fd, p, left);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) err = errno;
-            else {
-                p += n;
-                left -= (size_t)n;
-            }
-        }
-        if (!err && fsync(fd) != 0) err = errno;
+        if (retry_write(fd, text, (size_t)len) < 0 || sync_file(fd, 3) != 0) err = errno;
         if (close(fd) != 0 && !err) err = errno;
-        if (!err && rename(tmp, path) != 0) err = errno;
+        // The value counts once its name is on disk: the rename and the
+        // directory are flushed at once.
+        if (!err && sync_rename(tmp, path, 3) != 0) err = errno;
         if (err) unlink(tmp);
     }
-    if (!err) {
-        // Make the rename itself durable.
-        int dfd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dfd >= 0) {
-            fsync(dfd);
-            close(dfd);
-        }
-    } else {
+    if (err) {
         errno = err;
         svclog(0, 3, "cannot write %s: %m", path);
     }
