@@ -2,9 +2,13 @@
 // defaults, partitions, named locks, and the order of files and rows that
 // keeps a store whole when a process dies at any point.
 #include <gtest/gtest.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -40,6 +44,13 @@ bool row_of(const char *name, std::string *acl, std::string *partition = nullptr
     if (found && mbd) memcpy(mbd, row, sizeof *mbd);
     free(row);
     return found;
+}
+
+int opens(const char *name) {
+    mailbox mb;
+    int r = mailbox_open(name, 0, auth_dontCheckAcl, &mb);
+    if (r == 0) mailbox_close(&mb);
+    return r;
 }
 
 int create(const char *name, const char *userid, const auth_state *auth, const char *acl = nullptr,
@@ -138,6 +149,7 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         {"user/joe/x", "joe", auth_dontCheckAcl, DENIED},
         {"user/bob", "bob", bob, 0, nullptr, "bob\tlrswipcda\t"},
         {"user/carl", nullptr, boss, 0, nullptr, "carl\tlrswipcda\t"},
+        {"user/joe", "root", site, 0, nullptr, "joe\tlrswipcda\t"},
         // Public folders: a site administrator's, with a default ACL that
         // gives nobody "c".
         {"public/news", "fred", fred, DENIED},
@@ -374,6 +386,121 @@ TEST_F(MboxlistCreate, NamedLocks) {
 }
 
 // ---------------------------------------------------------------------------
+// A full disk under the database: its log can't be written, and its
+// environment finds no room for more transactions.
+
+namespace {
+
+class FullDisk : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        inst.addConfig("store.dbcachesize: 262144");
+        mkdir(dir.c_str(), 0700);
+        if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64m") != 0)
+            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+        mounted = true;
+    }
+    void TearDown() override {
+        mboxlist_reset_for_tests();
+        if (mounted) umount2(dir.c_str(), MNT_DETACH);
+    }
+    void fill(bool full) {
+        std::string filler = dir + "/filler", block(4096, 'f');
+        if (!full) {
+            unlink(filler.c_str());
+            return;
+        }
+        int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        while (write(fd, block.data(), block.size()) > 0) {
+        }
+        close(fd);
+    }
+    testutil::Instance inst;
+    std::string dir = inst.path("data/store/mboxlist");
+    bool mounted = false;
+};
+
+}  // namespace
+
+// A delete whose rows' removal can't reach the log on disk keeps the files:
+// the host may crash before the log is written, and recovery brings the
+// rows back, which must find their files.
+TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 40; i++) names.push_back("user/fred/f" + std::to_string(i));
+    testutil::Pipe results;
+    pid_t pid = testutil::spawn([&] {
+        if (testutil::start_store("fulltest") != 0 || create("user/fred", nullptr, auth_dontCheckAcl))
+            return 1;
+        for (const std::string &n : names)
+            if (create(n.c_str(), nullptr, auth_dontCheckAcl) != 0) return 1;
+        // Commits don't write the log; the flush before the files go does,
+        // and fails once it needs a page that the file system hasn't got.
+        if (mboxlist_env()->log_flush(mboxlist_env(), nullptr) != 0) return 1;
+        fill(true);
+        for (const std::string &n : names) {
+            int r = mboxlist_deletemailbox(n.c_str(), nullptr, auth_dontCheckAcl);
+            char c = r == 0 ? '0' : r == IMAP_IOERROR ? 'E' : '?';
+            if (!testutil::send_byte(results.w, c)) return 1;
+        }
+        raise(SIGKILL);  // the end of the host: no exit handler writes the log
+        return 1;
+    });
+    ASSERT_GT(pid, 0);
+    std::string got;
+    for (size_t i = 0; i < names.size(); i++) got += (char)testutil::read_byte(results.r, 30000);
+    EXPECT_EQ(testutil::wait_child(pid), 128 + SIGKILL);
+    EXPECT_NE(got.find('E'), std::string::npos) << got;
+    EXPECT_EQ(got.find_first_not_of("0E"), std::string::npos) << got;
+
+    // The host's memory goes with it: the environment's regions, and with
+    // them the part of the log that never reached the disk. Recovery with
+    // room again: every row has its files, and a create takes over files
+    // left without a row.
+    fill(false);
+    ASSERT_EQ(testutil::run_command("rm -f '" + dir + "'/__db.*"), 0);
+    ASSERT_EQ(testutil::start_store("fulltest"), 0);
+    for (size_t i = 0; i < names.size(); i++) {
+        const char *n = names[i].c_str();
+        bool files = file_exists(folder_dir(n) + "/store.idx");
+        EXPECT_EQ(files, got[i] == 'E') << n;
+        if (has_row(n)) {
+            EXPECT_TRUE(files) << n;
+        } else if (files) {
+            EXPECT_TRUE(create(n, nullptr, auth_dontCheckAcl) == 0 && opens(n) == 0) << n;
+        }
+    }
+}
+
+// Transactions pile up on a full disk until the environment's regions must
+// grow and can't: a transaction that finds no room fails in seconds.
+TEST_F(FullDisk, NoRoomForATransactionEndsInTime) {
+    int st = testutil::in_child([&] {
+        alarm(60);  // a transaction that waits for room for ever ends here
+        if (testutil::start_store("fulltest") != 0) return 1;
+        fill(true);
+        std::vector<DB_TXN *> held;
+        DB_TXN *txn;
+        time_t start = 0;
+        int r = 0;
+        while (held.size() < 100000) {
+            start = time(nullptr);
+            if ((r = mboxlist_trans_setup(&txn, "test", "user/x")) != 0) break;
+            held.push_back(txn);
+        }
+        fprintf(stderr, "%zu transactions, then %d after %ld s\n", held.size(), r,
+                (long)(time(nullptr) - start));
+        if (r != IMAP_IOERROR || time(nullptr) - start > 10) return 2;
+        // Room comes back as other transactions end.
+        for (DB_TXN *t : held) t->abort(t);
+        if (mboxlist_trans_setup(&txn, "test", "user/x") != 0) return 3;
+        txn->abort(txn);
+        return 0;
+    });
+    EXPECT_EQ(st, 0);
+}
+
+// ---------------------------------------------------------------------------
 // Crash safety: a child creates and deletes folders at random and is killed
 // at a random moment, again and again. After every kill the store must come
 // up, every row must have its files and open, and files left without a row
@@ -385,13 +512,6 @@ const char *const CRASH_NAMES[] = {"user/crash",   "user/crash/a", "user/crash/a
                                    "user/crash/c", "user/crash/d", "user/crash/e",   "user/crash/f",
                                    "public/crash", "public/crash/x"};
 const int NCRASH = sizeof CRASH_NAMES / sizeof CRASH_NAMES[0];
-
-int opens(const char *name) {
-    mailbox mb;
-    int r = mailbox_open(name, 0, auth_dontCheckAcl, &mb);
-    if (r == 0) mailbox_close(&mb);
-    return r;
-}
 
 // The check after a crash, as an exit code: every row has its index and
 // opens (31, 32); every name whose files lie there without a row is taken
