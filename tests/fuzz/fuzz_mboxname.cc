@@ -14,6 +14,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <initializer_list>
+
 #include "store/mboxname.h"
 #include "store/storeutil.h"
 
@@ -87,15 +89,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int policy = mboxname_policycheck(name);
     if (policy == 0 && strlen(name) < MAX_MAILBOX_NAME) check_path_roundtrip(name);
 
-    char path[MAX_MAILBOX_PATH];
+    char path[MAX_MAILBOX_PATH], decoded[MAX_MAILBOX_NAME], shown[MAX_MAILBOX_EXTERNAL];
     (void)mboxname_getpath(name, "/some/partition", path);
-    char decoded[MAX_MAILBOX_NAME];
     (void)mboxname_frompath(name, decoded);
+    (void)mboxname_toexternal(name, 0, userid, shown);
 
-    static const int views[] = {-1, 0};
-    for (int view : views) {
-        const char *uids[] = {userid, nullptr};
-        for (const char *uid : uids) {
+    for (int view : {-1, 0}) {
+        for (const char *uid : {userid, (const char *)nullptr}) {
             char internal[MAX_MAILBOX_NAME], external[MAX_MAILBOX_EXTERNAL], back[MAX_MAILBOX_NAME];
             if (mboxname_tointernal(name, view, uid, internal) != 0) continue;
             if (strlen(internal) >= MAX_MAILBOX_NAME) abort();
@@ -106,24 +106,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             if (mboxname_policycheck(internal) == 0) check_path_roundtrip(internal);
         }
     }
-    char external[MAX_MAILBOX_EXTERNAL];
-    (void)mboxname_toexternal(name, 0, userid, external);
-
-    char owner[MBOXNAME_OWNER_SIZE];
-    const char *own = mboxname_owner(name, owner);
     // An owner id that wasn't cut owns the name it came from.
+    char owner[MBOXNAME_OWNER_SIZE], owned[MAX_MAILBOX_NAME], canon[MAX_MAILBOX_NAME];
+    const char *own = mboxname_owner(name, owner);
     if (own && strlen(own) < MBOXNAME_OWNER_SIZE - 1 && !mboxname_userownsmailbox(own, name))
         abort();
     const char *sub = mboxname_mailbox(name);
     if (sub && (sub < name || sub > name + strlen(name))) abort();
-    char owned[MAX_MAILBOX_NAME];
     mboxname_toownedmailbox(name, userid, owned);
     if (strlen(owned) >= MAX_MAILBOX_NAME) abort();
-
-    char canon[MAX_MAILBOX_NAME];
     snprintf(canon, sizeof canon, "%s", name);
-    store_canonifymboxname(canon);
-    if (strlen(canon) > strlen(name)) abort();
+    if (strlen(store_canonifymboxname(canon)) > strlen(name)) abort();
 
     free(text);
     return 0;
