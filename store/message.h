@@ -130,20 +130,21 @@ void message_parse_type(const char *text, struct body *body);
 void message_free_body(struct body *body);
 
 // The cache record: 11 items, each a 4-byte big-endian length, the text,
-// and NUL bytes up to a multiple of 4. Readers address items by number.
+// and NUL bytes up to a multiple of 4. Readers address items by number,
+// which is their place in the record, counted from 0 in the order below.
 enum {
-    MESSAGE_CACHE_ENVELOPE = 0,
-    MESSAGE_CACHE_BODYSTRUCTURE = 1,
-    MESSAGE_CACHE_BODY = 2,
-    MESSAGE_CACHE_SECTION = 3,
-    MESSAGE_CACHE_HEADERS = 4,
-    MESSAGE_CACHE_FROM = 5,
-    MESSAGE_CACHE_TO = 6,
-    MESSAGE_CACHE_CC = 7,
-    MESSAGE_CACHE_BCC = 8,
-    MESSAGE_CACHE_SUBJECT = 9,
-    MESSAGE_CACHE_TEXT = 10,
-    MESSAGE_CACHE_ITEMS = 11
+    MESSAGE_CACHE_ENVELOPE,
+    MESSAGE_CACHE_BODYSTRUCTURE,
+    MESSAGE_CACHE_BODY,
+    MESSAGE_CACHE_SECTION,
+    MESSAGE_CACHE_HEADERS,
+    MESSAGE_CACHE_FROM,
+    MESSAGE_CACHE_TO,
+    MESSAGE_CACHE_CC,
+    MESSAGE_CACHE_BCC,
+    MESSAGE_CACHE_SUBJECT,
+    MESSAGE_CACHE_TEXT,
+    MESSAGE_CACHE_ITEMS
 };
 
 // Names of the items by number: "envelope", "bodystructure", "body",
