@@ -232,7 +232,7 @@ void mailbox_unlock_index(struct mailbox *mailbox) {
 // end) always keeps lookup, create and administer. rock is the folder name.
 static int owner_keeps_rights(void *rock, const char *identifier, int mask) {
     const char *name = static_cast<const char *>(rock);
-    if (!ensureownerrights || !name || !identifier || strchr(identifier, '/')) return mask;
+    if (!mboxlist_ensure_owner_rights() || !name || !identifier || strchr(identifier, '/')) return mask;
     size_t n = strlen(identifier);
     if (strlen(name) < 5 || strncmp(name + 5, identifier, n) != 0) return mask;
     char behind = name[5 + n];
@@ -344,9 +344,11 @@ static int open_from_disk(const char *name, unsigned mode, const struct auth_sta
     if (!mboxname_owner(name, owner)) return IMAP_MAILBOX_NONEXISTENT;
     if (snprintf(inbox, sizeof inbox, "user/%s", owner) >= (int)sizeof inbox)
         return IMAP_MAILBOX_NONEXISTENT;
+    // Only a missing inbox row means there is nothing to take over; a read
+    // that failed says nothing about the folder and is handed on as it is.
     char *partition = nullptr;
-    if (mboxlist_lookup(inbox, nullptr, &partition, nullptr, nullptr, nullptr) != 0)
-        return IMAP_MAILBOX_NONEXISTENT;
+    int found = mboxlist_lookup(inbox, nullptr, &partition, nullptr, nullptr, nullptr);
+    if (found != 0) return found;
 
     char path[MAX_MAILBOX_PATH + 16], mpath[MAX_MAILBOX_PATH + 16];
     int r = mboxlist_getpath(name, partition, path, mpath);

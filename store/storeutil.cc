@@ -12,6 +12,7 @@
 
 #include "support/config.h"
 #include "support/log.h"
+#include "support/retry.h"
 #include "support/strutil.h"
 #include "support/timeutil.h"
 #include "support/xmalloc.h"
@@ -171,12 +172,13 @@ int store_writepartitionId(const char **names, int count)
     if (f) {
         int bad = fprintf(f, "%d\n", count) < 0;
         for (int i = 0; i < count && !bad; i++) bad = fprintf(f, "%s\n", names[i]) < 0;
-        if (fflush(f) != 0) bad = 1;
+        // The table names the partitions of every folder path: it reaches
+        // the disk, and then its directory entry, before the call returns.
+        if (fflush(f) != 0 || sync_file(fileno(f), 3) != 0) bad = 1;
         if (fclose(f) != 0) bad = 1;
-        if (!bad && rename(tmp, path) == 0)
-            rc = 0;
-        else
-            unlink(tmp);
+        int moved = bad ? -1 : sync_rename(tmp, path, 3);
+        if (moved < 0) unlink(tmp);
+        rc = moved == 0 ? 0 : -1;
     }
     free(path);
     free(tmp);

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "support/config.h"
+#include "support/retry.h"
 
 struct svclog_handle {
     int fd;            // -1 while closed: entries go to standard error
@@ -100,18 +101,6 @@ static const char *expand_m(const char *fmt, int err, char *out, size_t outsize,
     return dst;
 }
 
-static void write_all(int fd, const char *buf, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, buf, len);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return;
-        }
-        buf += n;
-        len -= (size_t)n;
-    }
-}
-
 static const char *entry_progname(const svclog_handle *h) {
     if (h->progname && *h->progname) return h->progname;
     if (default_log.progname && *default_log.progname) return default_log.progname;
@@ -179,7 +168,7 @@ void svclogv(svclog_handle *h, int level, const char *fmt, va_list ap) {
     size_t linelen = (size_t)headlen + tlen + 1;
 
     int fd = h->fd >= 0 ? h->fd : 2;
-    write_all(fd, line, linelen);
+    (void)retry_write(fd, line, linelen);  // a log that cannot be written has no one to tell
     if (fd != 2 && (log_options & SVCLOG_ECHO_ERRORS) && severity <= 3) {
         // "progname: text\n", built in place of the header.
         char echohead[256];
@@ -187,7 +176,7 @@ void svclogv(svclog_handle *h, int level, const char *fmt, va_list ap) {
         if (n > 0 && (size_t)n < sizeof echohead && (size_t)n <= (size_t)headlen) {
             char *start = text - n;
             memcpy(start, echohead, (size_t)n);
-            write_all(2, start, (size_t)n + tlen + 1);
+            (void)retry_write(2, start, (size_t)n + tlen + 1);
         }
     }
     pthread_mutex_unlock(&log_lock);
