@@ -1,23 +1,21 @@
 #include "tests/testutil.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/file.h>
 #include <ftw.h>
+#include <gtest/gtest.h>
 #include <regex.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
 #include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <fstream>
-#include <gtest/gtest.h>
 #include <sstream>
 
 #include "store/mailbox.h"
@@ -30,21 +28,19 @@ namespace testutil {
 
 static std::string shell_quote(const std::string &s) {
     std::string r = "'";
-    for (char c : s) {
-        if (c == '\'')
-            r += "'\\''";
-        else
-            r += c;
-    }
+    for (char c : s) r += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return r + "'";
+}
+
+// An exit status as the tests report it: the code, or 128 + the signal.
+static int decode_status(int st) {
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0);
 }
 
 TempDir::TempDir() {
     const char *base = getenv("TMPDIR");
     std::string tmpl = std::string(base && *base ? base : "/tmp") + "/storetest.XXXXXX";
-    char *buf = strdup(tmpl.c_str());
-    if (mkdtemp(buf)) path_ = buf;
-    free(buf);
+    if (mkdtemp(&tmpl[0])) path_ = tmpl;
 }
 
 static int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
@@ -110,11 +106,8 @@ bool Instance::startStored() {
     if (pid == 0) {
         setenv("STORE_INSTANCEDIR", tmp_.path().c_str(), 1);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
+        dup2(fd, 1);
+        dup2(fd, 2);
         execl(bin.c_str(), "stored", (char *)nullptr);
         _exit(127);
     }
@@ -124,12 +117,9 @@ bool Instance::startStored() {
     for (int i = 0; i < 600; i++) {
         if (waitStored(0) >= 0) return false;
         int fd = open(ready.c_str(), O_RDONLY);
-        if (fd >= 0) {
-            bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
-            if (!held) flock(fd, LOCK_UN);
-            close(fd);
-            if (held) return true;
-        }
+        bool held = fd >= 0 && flock(fd, LOCK_SH | LOCK_NB) != 0;
+        if (fd >= 0) close(fd);  // and with it a shared lock that was had
+        if (held) return true;
         usleep(50 * 1000);
     }
     killStored();
@@ -141,7 +131,7 @@ int Instance::waitStored(int seconds) {
         int st;
         if (waitpid(storedPid_, &st, WNOHANG) == storedPid_) {
             storedPid_ = -1;
-            storedStatus_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+            storedStatus_ = decode_status(st);
         } else if (i >= seconds * 20) {
             return -1;
         } else {
@@ -191,15 +181,12 @@ int run_command(const std::string &cmd, std::string *out, std::string *err) {
     int st = system(full.c_str());
     if (out) *out = read_file(t.file("out"));
     if (err) *err = read_file(t.file("err"));
-    if (st == -1) return -1;
-    if (WIFEXITED(st)) return WEXITSTATUS(st);
-    return 128 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0);
+    return st == -1 ? -1 : decode_status(st);
 }
 
 int wait_child(pid_t pid) {
     int st = 0;
-    if (waitpid(pid, &st, 0) != pid) return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return waitpid(pid, &st, 0) == pid ? decode_status(st) : -1;
 }
 
 std::vector<std::string> split_lines(const std::string &s) {
@@ -264,16 +251,12 @@ ScopedTZ::ScopedTZ(const char *tz) {
 }
 
 ScopedTZ::~ScopedTZ() {
-    if (had_)
-        setenv("TZ", old_.c_str(), 1);
-    else
-        unsetenv("TZ");
+    had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ");
     tzset();
 }
 
 std::string crlf(const std::string &s) {
     std::string out;
-    out.reserve(s.size() + s.size() / 16);
     for (char c : s) {
         if (c == '\n') out += '\r';
         out += c;
@@ -300,10 +283,7 @@ off_t file_size(const std::string &path) {
     return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
-bool file_exists(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+bool file_exists(const std::string &path) { return file_size(path) >= 0; }
 
 bool send_byte(int fd, char c) { return write(fd, &c, 1) == 1; }
 

@@ -17,8 +17,7 @@ struct __db;
 
 namespace testutil {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its content when
-// the object goes away.
+// A fresh directory under $TMPDIR (or /tmp), removed with its content at the end.
 class TempDir {
   public:
     TempDir();
@@ -32,9 +31,8 @@ class TempDir {
     std::string path_;
 };
 
-// A store instance made by scripts/new-instance in a temporary directory.
-// While it lives, STORE_INSTANCEDIR names it, and the configuration of the
-// process is dropped so that the next configmsg_init reads this instance.
+// A store instance made by scripts/new-instance in a temporary directory. While
+// it lives, STORE_INSTANCEDIR names it, and the next configmsg_init reads it.
 class Instance {
   public:
     explicit Instance(const std::string &extra_config = "");
@@ -44,16 +42,12 @@ class Instance {
     // Appends "key: value" lines to the configuration file.
     void addConfig(const std::string &lines) const;
 
-    // Runs the store daemon (build/bin/stored) for this instance as a child
-    // and waits until it has declared the store ready. Returns false if it
-    // ended instead; its exit status is then in storedStatus().
+    // Runs bin/stored for this instance as a child until it has declared the
+    // store ready; false if it ended instead (its status in storedStatus()).
     bool startStored();
-    // Ends the daemon with SIGTERM and returns its exit status.
-    int stopStored();
-    // Ends the daemon with SIGKILL, as a crash would.
-    void killStored();
-    // Waits up to seconds for the daemon to end by itself: its exit status
-    // (also in storedStatus()), or -1 if it still runs.
+    int stopStored();  // ends the daemon with SIGTERM: its exit status
+    void killStored();  // ends the daemon with SIGKILL, as a crash would
+    // Waits up to seconds for the daemon to end by itself: its exit status, or -1.
     int waitStored(int seconds);
     int storedStatus() const { return storedStatus_; }
 
@@ -85,15 +79,13 @@ std::string corpus_path(const std::string &name);  // ../shared/corpus/<name>
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 
-// Runs a shell command; returns its exit status (or -1) and captures
-// standard output and standard error if the pointers are given.
+// Runs a shell command: its exit status (or -1); captures output and errors if asked.
 int run_command(const std::string &cmd, std::string *out = nullptr, std::string *err = nullptr);
 
 // Waits for a child: its exit status, 128 + the signal that ended it, or -1.
 int wait_child(pid_t pid);
 
-// Forks a child that runs fn (returning int) and exits with its result;
-// gives the child's pid (-1 if fork failed).
+// Forks a child that exits with fn's result; the child's pid (-1 if fork failed).
 template <typename F>
 pid_t spawn(F fn) {
     fflush(nullptr);
@@ -109,8 +101,7 @@ int in_child(F fn) {
     return pid < 0 ? -1 : wait_child(pid);
 }
 
-// The lines of s without their ends; an unterminated last line is marked
-// with "<no newline>".
+// The lines of s without their ends; an unterminated last one ends in "<no newline>".
 std::vector<std::string> split_lines(const std::string &s);
 
 // POSIX extended regular expression search.
@@ -156,27 +147,21 @@ uint32_t be32_at(const std::string &s, size_t off);
 off_t file_size(const std::string &path);
 bool file_exists(const std::string &path);
 
+bool send_byte(int fd, char c);          // false if the byte could not be written
+ino_t inode_of(const std::string &path);  // 0 if stat fails
+
 // ---- the store in this process ---------------------------------------------
 
-// Writes one byte to fd; false if it could not.
-bool send_byte(int fd, char c);
-
-// The inode of a path, or 0 if stat fails.
-ino_t inode_of(const std::string &path);
-
-// Brings the store up in this process as the daemon does: configuration and
-// log read afresh under prog, then the folder database recovered. 0 or -1.
+// Brings the store up in this process as the daemon does, as program prog. 0 or -1.
 int start_store(const char *prog);
 
-// The directory of a folder on a partition as the folder database names
-// it; "" if there is none.
+// The directory of a folder on a partition as the folder database names it, or "".
 std::string folder_dir(const char *name, const char *partition = "primary");
 
 // Whether the folder database has a row for name.
 bool has_row(const char *name);
 
-// Writes key with value into one of the store's databases, in a
-// transaction of its own; false if that failed.
+// Writes key with value into one of the store's databases in a transaction of its own.
 bool db_put(struct __db *db, const std::string &key, const std::string &value);
 // Whether one of the store's databases holds key.
 bool db_has(struct __db *db, const std::string &key);
@@ -190,8 +175,7 @@ void put_row(const char *name, uint32_t version, uint32_t exists, const char *ac
 // then the header that counts them. Takes and drops the index lock.
 void deliver(struct ::mailbox *mb, unsigned n);
 
-// The files of a folder at dir (no row) with n messages, made by
-// mailbox_create on partition "primary" and deliver.
+// The files (no row) of a folder at dir on "primary" with n messages.
 void make_folder(const char *name, const std::string &dir, const char *acl,
                  uint32_t uidvalidity, unsigned n);
 
