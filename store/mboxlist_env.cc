@@ -143,12 +143,6 @@ int mboxlist_open_env(uint32_t flags, const char *home) {
     return 0;
 }
 
-void mboxlist_close_env(void) {
-    if (!mboxlist_dbenv) return;
-    DB_ENV *env = mboxlist_dbenv;
-    mboxlist_dbenv = nullptr;
-    env->close(env, 0);
-}
 
 int mboxlist_open_lockenv(const char *home, int recreate) {
     int r = db_env_create(&mboxlockenv, 0);
@@ -195,6 +189,8 @@ static int close_env(DB_ENV **handle, const char *what) {
     if (r) svclog(nullptr, 59, "Mailbox list %s close error: %s", what, db_strerror(r));
     return r;
 }
+
+void mboxlist_close_env(void) { close_env(&mboxlist_dbenv, "environment"); }
 
 // Keeps the first failure of a sequence of steps that all run.
 static void first_failure(int *result, int r) {

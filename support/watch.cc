@@ -81,15 +81,16 @@ static int ready_path(const char *name, char *buf, size_t size) {
     return mark_path(name, "ready", buf, size);
 }
 
-int store_daemon_lock(const char *name) {
+// Opens (making it) and locks the mark "<storedir>/<name>.<suffix>"
+// exclusively without waiting. The descriptor, or -1 with errno
+// (EWOULDBLOCK: another process holds the lock).
+static int lock_mark(const char *name, const char *suffix, int flags) {
     char path[1024];
-    if (mark_path(name, "lock", path, sizeof(path)) != 0) {
+    if (mark_path(name, suffix, path, sizeof(path)) != 0) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    // Read-only: a lock wants no writing, and a daemon on a read-only file
-    // system must get as far as telling what it can't do.
-    int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+    int fd = open(path, flags | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) return -1;
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         int e = errno;
@@ -97,6 +98,14 @@ int store_daemon_lock(const char *name) {
         errno = e;
         return -1;
     }
+    return fd;
+}
+
+int store_daemon_lock(const char *name) {
+    // Read-only: a lock wants no writing, and a daemon on a read-only file
+    // system must get as far as telling what it can't do.
+    int fd = lock_mark(name, "lock", O_RDONLY);
+    if (fd < 0) return -1;
     if (daemon_fd >= 0) close(daemon_fd);
     daemon_fd = fd;
     return 0;
@@ -121,14 +130,9 @@ int store_session_ready_test(const char *name) {
 }
 
 int store_session_ready_declare(const char *name) {
-    char path[1024];
-    if (ready_path(name, path, sizeof(path)) != 0) return -1;
-    int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return -1;
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        // Another daemon of this name holds the mark.
-        close(fd);
-        errno = EBUSY;
+    int fd = lock_mark(name, "ready", O_RDWR);
+    if (fd < 0) {
+        if (errno == EWOULDBLOCK) errno = EBUSY;  // another daemon of this name holds the mark
         return -1;
     }
     char pid[32];
