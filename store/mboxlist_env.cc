@@ -143,7 +143,6 @@ int mboxlist_open_env(uint32_t flags, const char *home) {
     return 0;
 }
 
-
 int mboxlist_open_lockenv(const char *home, int recreate) {
     int r = db_env_create(&mboxlockenv, 0);
     if (r != 0) {
