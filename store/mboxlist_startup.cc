@@ -678,7 +678,7 @@ static int join_databases(uint32_t flags, const char *home) {
     }
     int bad = open_databases();
     if (bad == NDATABASES) return 0;
-    svclog(nullptr, databases[bad].level, databases[bad].client_msg);
+    svclog(nullptr, databases[bad].level, "%s", databases[bad].client_msg);
     return databases[bad].optional ? 0 : MBOXLIST_START_FAILED;
 }
 
