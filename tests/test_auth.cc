@@ -65,30 +65,28 @@ TEST_F(AuthTest, RightsTextsAndCanonicalIdentifiers) {
 
 TEST_F(AuthTest, StatesAdministratorsAndGroups) {
     ASSERT_NE(fred, nullptr);
-    EXPECT_STREQ(auth_userid(fred), "fred");
-    std::string g;  // invalid and repeated names are left out
-    for (const char *const *p = auth_getgroups(fred); *p; p++) g += std::string(*p) + ",";
-    EXPECT_EQ(g, "fred,group:staff,anyone,");
-    for (const char *bad : {"bad id", (const char *)nullptr})
-        EXPECT_EQ(auth_newstate(bad, nullptr, 0), nullptr);
-    EXPECT_EQ(auth_newstate("x", nullptr, 3), nullptr);
+    std::string g = auth_userid(fred);  // invalid and repeated names are left out
+    for (const char *const *p = auth_getgroups(fred); *p; p++) g += std::string(",") + *p;
+    EXPECT_EQ(g, "fred,fred,group:staff,anyone");
+    EXPECT_FALSE(auth_newstate("bad id", nullptr, 0) || auth_newstate(nullptr, nullptr, 0) ||
+                 auth_newstate("x", nullptr, 3));
 
     // Without an owner: the level. With one: the site administers all, a
     // tenant its own domain; owning folders makes nobody an administrator.
-    EXPECT_EQ(auth_adminFor(site, nullptr), AUTH_ADMIN_SITE);
-    EXPECT_EQ(auth_adminFor(auth_dontCheckAcl, nullptr), AUTH_ADMIN_SITE);
-    EXPECT_EQ(auth_adminFor(tenant, nullptr), AUTH_ADMIN_TENANT);
-    EXPECT_EQ(auth_adminFor(fred, nullptr), 0);
     const struct {
         const auth_state *who;
         const char *owner;
-        bool admin;
-    } cases[] = {{site, "anybody@other.org", true}, {tenant, "joe@OTHER.org", true},
-                 {tenant, "joe", false},            {local, "joe", true},
-                 {local, "joe@example.com", true},  {local, "joe@other.org", false},
-                 {fred, "fred", false},             {nullptr, "fred", false}};
-    for (const auto &c : cases)
-        EXPECT_EQ(auth_adminFor(c.who, c.owner) != 0, c.admin) << str(auth_userid(c.who)) << c.owner;
+        int level;
+    } cases[] = {{site, nullptr, AUTH_ADMIN_SITE},   {auth_dontCheckAcl, nullptr, AUTH_ADMIN_SITE},
+                 {tenant, nullptr, AUTH_ADMIN_TENANT}, {fred, nullptr, 0},
+                 {site, "anybody@other.org", 1},     {tenant, "joe@OTHER.org", 1},
+                 {tenant, "joe", 0},                 {local, "joe", 1},
+                 {local, "joe@example.com", 1},      {local, "joe@other.org", 0},
+                 {fred, "fred", 0},                  {nullptr, "fred", 0}};
+    for (const auto &c : cases) {
+        int got = auth_adminFor(c.who, c.owner);
+        EXPECT_EQ(c.owner ? got != 0 : got, c.level) << str(auth_userid(c.who)) << str(c.owner);
+    }
     EXPECT_TRUE(auth_isSiteorTenantAdmin(site) && auth_isSiteorTenantAdmin(tenant));
     EXPECT_FALSE(auth_isSiteorTenantAdmin(fred) || auth_isSiteorTenantAdmin(nullptr));
     auth_freestate(auth_dontCheckAcl);  // the sentinel stays
@@ -162,19 +160,24 @@ TEST_F(AuthTest, AclEditsKeepTheOwnersRights) {
     // Through the callback the owner keeps lookup, create and administer,
     // whether removed or lowered, named in canonical form or not; others
     // (fred isn't the owner of fred2's folders) are not protected.
-    char name[] = "user/fred/x", other[] = "user/fred2/x";
     char *acl = strdup("fred\tlrswipcda\tbob\tl\t");
     EXPECT_NE(acl_remove(&acl, "", nullptr, nullptr), 0);
-    ASSERT_EQ(acl_remove(&acl, "fred", owner_keeps, name), 0);
-    EXPECT_STREQ(acl, "fred\tlca\tbob\tl\t");
-    ASSERT_EQ(acl_modify(&acl, "fred", ACL_MODE_SET, ACL_READ, owner_keeps, name), 0);
-    EXPECT_STREQ(acl, "fred\tlrca\tbob\tl\t");
-    ASSERT_EQ(acl_remove(&acl, "bob", owner_keeps, name), 0);
-    ASSERT_EQ(acl_remove(&acl, "nobody", owner_keeps, name), 0);
-    EXPECT_STREQ(acl, "fred\tlrca\t");
-    ASSERT_EQ(acl_remove(&acl, "fred", owner_keeps, other), 0);
-    EXPECT_STREQ(acl, "");
-    ASSERT_EQ(acl_modify(&acl, "fred@example.com", ACL_MODE_SET, ACL_READ, owner_keeps, name), 0);
-    EXPECT_STREQ(acl, "fred\tlrca\t");
+    const struct {
+        const char *id, *folder;
+        int mask;  // -1: removed
+        const char *want;
+    } steps[] = {{"fred", "user/fred/x", -1, "fred\tlca\tbob\tl\t"},
+                 {"fred", "user/fred/x", ACL_READ, "fred\tlrca\tbob\tl\t"},
+                 {"bob", "user/fred/x", -1, "fred\tlrca\t"},
+                 {"nobody", "user/fred/x", -1, "fred\tlrca\t"},
+                 {"fred", "user/fred2/x", -1, ""},
+                 {"fred@example.com", "user/fred/x", ACL_READ, "fred\tlrca\t"}};
+    for (const auto &st : steps) {
+        void *rock = const_cast<char *>(st.folder);
+        ASSERT_EQ(st.mask < 0 ? acl_remove(&acl, st.id, owner_keeps, rock)
+                              : acl_modify(&acl, st.id, ACL_MODE_SET, st.mask, owner_keeps, rock),
+                  0);
+        EXPECT_STREQ(acl, st.want) << st.id << " on " << st.folder;
+    }
     free(acl);
 }
