@@ -62,18 +62,13 @@ std::string list(const struct param *p) {
 // One field of a node, by name, as text: addresses as "name|mailbox|domain;...".
 std::string field(const struct body &b, const std::string &name) {
     static const std::pair<const char *, char *body::*> strings[] = {
-        {"date", &body::date},       {"subject", &body::subject},         {"id", &body::id},
-        {"md5", &body::md5},         {"description", &body::description}, {"encoding", &body::encoding},
-        {"message_id", &body::message_id}, {"in_reply_to", &body::in_reply_to}};
-    static const std::pair<const char *, address *body::*> addresses[] = {
-        {"from", &body::from}, {"sender", &body::sender}, {"reply_to", &body::reply_to},
-        {"to", &body::to},     {"cc", &body::cc},         {"bcc", &body::bcc}};
+        {"subject", &body::subject}, {"description", &body::description},
+        {"encoding", &body::encoding}, {"message_id", &body::message_id}};
     for (const auto &s : strings)
         if (name == s.first) return str(b.*s.second);
-    for (const auto &l : addresses) {
-        if (name != l.first) continue;
+    if (name == "to" || name == "cc") {
         std::string out;
-        for (const struct address *a = b.*l.second; a; a = a->next)
+        for (const struct address *a = name == "to" ? b.to : b.cc; a; a = a->next)
             out += (out.empty() ? "" : ";") + str(a->name) + "|" + str(a->mailbox) + "|" + str(a->domain);
         return out;
     }
@@ -110,67 +105,56 @@ void expect_whole(const Tree &t) {
 }
 
 TEST(MessageParse, EmptyMessageAndMissingHeader) {
-    Tree empty("");
-    EXPECT_EQ(field(empty.top, "type"), "TEXT/PLAIN CHARSET=us-ascii");
-    EXPECT_EQ(empty.top.header_size + empty.top.header_lines + empty.top.content_size, 0u);
-
-    // No header at all: the first line has no colon before its first blank.
-    Tree none(crlf("Hello there: friend\nsecond line\n"));
-    EXPECT_EQ(none.top.header_size + none.top.header_lines + none.top.content_offset, 0u);
-    EXPECT_EQ(none.top.content_lines, 2u);
-    expect_whole(none);
-
-    // A header that runs into a line without a colon: that line starts the
-    // content; there is no separator line.
-    Tree run(crlf("Subject: hi\nTo: a@b\nplain text\nmore\n"));
-    EXPECT_EQ(run.top.header_size, 22u);
-    EXPECT_EQ(run.top.header_lines, 2);
-    EXPECT_EQ(run.content(run.top), "plain text\r\nmore\r\n");
-    EXPECT_EQ(str(run.top.subject), "hi");
-
-    // Header only, no blank line, no final line end.
-    Tree bare("Subject: x");
-    EXPECT_EQ(bare.top.header_size, 10u);
-    EXPECT_EQ(bare.top.header_lines, 0);
-    EXPECT_EQ(str(bare.top.subject), "x");
-
-    // The last line without a line end counts in bytes but not in lines.
-    Tree tail(crlf("A: b\n\nline\nlast"));
-    EXPECT_EQ(tail.top.content_size, 10u);
-    EXPECT_EQ(tail.top.content_lines, 1u);
+    const struct {
+        std::string text;
+        uint32_t header_size, header_lines, content_size, content_lines;
+        const char *subject;
+    } cases[] = {
+        {"", 0, 0, 0, 0, nullptr},
+        // No header at all: the first line has no colon before its first blank.
+        {crlf("Hello there: friend\nsecond line\n"), 0, 0, 34, 2, nullptr},
+        // A header that runs into a line without a colon: that line starts
+        // the content; there is no separator line.
+        {crlf("Subject: hi\nTo: a@b\nplain text\nmore\n"), 22, 2, 18, 2, "hi"},
+        // Header only, no blank line, no final line end.
+        {"Subject: x", 10, 0, 0, 0, "x"},
+        // The last line without a line end counts in bytes but not in lines.
+        {crlf("A: b\n\nline\nlast"), 8, 2, 10, 1, nullptr},
+    };
+    for (const auto &c : cases) {
+        Tree t(c.text);
+        const struct body &b = t.top;
+        EXPECT_EQ(std::vector<uint32_t>({b.header_size, (uint32_t)b.header_lines, b.content_offset,
+                                         b.content_size, b.content_lines}),
+                  std::vector<uint32_t>({c.header_size, c.header_lines, c.header_size,
+                                         c.content_size, c.content_lines}))
+            << c.text;
+        EXPECT_EQ(str(b.subject) + field(b, "type"), str(c.subject) + "TEXT/PLAIN CHARSET=us-ascii");
+        expect_whole(t);
+    }
 }
 
 TEST(MessageParse, HeaderFields) {
     const struct {
         const char *headers, *field, *want;
     } cases[] = {
-        {"Date: Fri, 3 Jan 03 10:00:00 +0100", "date", "Fri, 3 Jan 03 10:00:00 +0100"},
         // Folded: the line end goes, the white space of the continuation
         // stays; the first header of a name wins.
         {"subject: first\n  folded\nSubject: second", "subject", "first  folded"},
         {"Message-ID:\n <id@host>", "message_id", " <id@host>"},
-        {"In-Reply-To:   <x@y>", "in_reply_to", "<x@y>"},
-        {"Content-ID: <c@d>", "id", "<c@d>"},
-        {"Content-Description: the text", "description", "the text"},
-        {"Content-MD5: abc=", "md5", "abc="},
         {"X-Subject: not this", "subject", "<null>"},
         // An empty Subject is an empty string, not a missing one.
         {"Subject:\nSubject: later", "subject", ""},
         {"Subject:   ", "subject", ""},
         // Every header of a name adds to one address list.
-        {"FROM: Joe <Joe@Example.com>", "from", "Joe|Joe|Example.com"},
         {"To: a@b, c@d\nto: e@f", "to", "<null>|a|b;<null>|c|d;<null>|e|f"},
         {"Cc: undisclosed: ;", "cc", "<null>|undisclosed|<null>;<null>|<null>|<null>"},
-        {"Bcc: x@y", "bcc", "<null>|x|y"},
-        {"Sender: s@t", "sender", "<null>|s|t"},
-        {"Reply-To: r@t", "reply_to", "<null>|r|t"},
         // Content-Type: the first usable one wins; quotes, escapes and
         // comments go.
         {"Content-Type: Text/HTML ; charset = \"US-ASCII\" ;\n  name=\"a \\\"q\\\" b\"; "
          "format=flowed (comment)\nContent-Type: image/png",
          "type", "TEXT/HTML CHARSET=US-ASCII,NAME=a \"q\" b,FORMAT=flowed"},
         {"Content-Type: text", "type", "TEXT/PLAIN CHARSET=us-ascii"},  // no slash: the default
-        {"Content-Type: text/plain; charset=\"us-ascii\"", "type", "TEXT/PLAIN CHARSET=us-ascii"},
         // A special inside the subtype, junk behind it, an 8-bit byte in a
         // token: given up, the default applies.
         {"Content-Type: text/pl@in", "type", "TEXT/PLAIN CHARSET=us-ascii"},
@@ -199,7 +183,6 @@ TEST(MessageParse, HeaderFields) {
         {"Content-Transfer-Encoding: 7bit x\nContent-Transfer-Encoding: base64", "encoding", "BASE64"},
         {"Content-Disposition: attachment; filename*0=\"long\";\n filename*1=\"name.txt\"; size=10",
          "disposition", "ATTACHMENT FILENAME=longname.txt,SIZE=10"},
-        {"Content-Disposition: inline", "disposition", "INLINE "},
         {"Content-Disposition: inline junk\nContent-Disposition: Attachment", "disposition",
          "ATTACHMENT "},
         // The list of the last header with a tag wins; a bad tag ends the list.
