@@ -8,7 +8,6 @@
 #include <arpa/inet.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -20,18 +19,8 @@
 namespace {
 
 int scratch_fd() {
-    static int fd = -1;
-    if (fd >= 0) return fd;
-    fd = memfd_create("fuzz_message", MFD_CLOEXEC);
-    if (fd < 0) {
-        // No memfd on this kernel: an unlinked file in TMPDIR.
-        const char *tmpdir = getenv("TMPDIR");
-        char path[4096];
-        snprintf(path, sizeof(path), "%s/fuzz_message.XXXXXX", tmpdir && *tmpdir ? tmpdir : "/tmp");
-        fd = mkstemp(path);
-        if (fd < 0) abort();
-        unlink(path);
-    }
+    static int fd = memfd_create("fuzz_message", MFD_CLOEXEC);
+    if (fd < 0) abort();
     return fd;
 }
 
@@ -48,7 +37,7 @@ void check_node(const struct body *b, uint64_t len) {
 uint32_t hook_bits(uint32_t len) { return (len * 0x9E3779B1u) & FLAG_MSGTYPE_MASK; }
 
 uint32_t examine(void *, const char *, uint32_t len, struct body *top) {
-    if (top->header_offset != 0) abort();
+    if (top->header_offset != 0) abort();  // the tree of the whole message
     check_node(top, len);
     return hook_bits(len);
 }
@@ -80,12 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *msg = static_cast<char *>(malloc(size));
     if (size) memcpy(msg, data, size);
 
-    struct mailbox mb;
-    memset(&mb, 0, sizeof(mb));
+    struct mailbox mb = {};
     mb.index_fd = fd;
     mb.name = (char *)"user/fuzz";
-    struct index_record record;
-    memset(&record, 0, sizeof(record));
+    struct index_record record = {};
     if (message_parse_mapped(msg, size, &mb, size & 1 ? "text" : nullptr, &record) != 0) abort();
     if (record.rec_cache_offset != 0 || record.size > size) abort();
     if ((record.system_flags & FLAG_MSGTYPE_MASK) != hook_bits((uint32_t)size)) abort();
