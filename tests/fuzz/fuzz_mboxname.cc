@@ -22,14 +22,12 @@
 namespace {
 
 char instance_dir[] = "/tmp/fuzz_mboxname.XXXXXX";
-char conf_dir[sizeof instance_dir + 16];
-char conf_file[sizeof instance_dir + 32];
 
 void remove_instance()
 {
-    unlink(conf_file);
-    rmdir(conf_dir);
-    rmdir(instance_dir);
+    char cmd[sizeof instance_dir + 16];
+    snprintf(cmd, sizeof cmd, "rm -rf %s", instance_dir);
+    if (system(cmd) != 0) fprintf(stderr, "could not remove %s\n", instance_dir);
 }
 
 // Checks that name comes back from its directory under root.
@@ -57,15 +55,14 @@ void check_path_roundtrip(const char *name)
 // canonical ids are part of what runs.
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
+    char conf[sizeof instance_dir + 32];
     if (!mkdtemp(instance_dir)) return 0;
-    snprintf(conf_dir, sizeof conf_dir, "%s/config", instance_dir);
-    snprintf(conf_file, sizeof conf_file, "%s/store.conf", conf_dir);
-    if (mkdir(conf_dir, 0700) == 0) {
-        FILE *f = fopen(conf_file, "w");
-        if (f) {
-            fputs("service.defaultdomain: example.com\n", f);
-            fclose(f);
-        }
+    snprintf(conf, sizeof conf, "%s/config", instance_dir);
+    mkdir(conf, 0700);
+    strcat(conf, "/store.conf");
+    if (FILE *f = fopen(conf, "w")) {
+        fputs("service.defaultdomain: example.com\n", f);
+        fclose(f);
     }
     setenv("STORE_INSTANCEDIR", instance_dir, 1);
     atexit(remove_instance);
@@ -78,8 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     memcpy(text, data, size);
     text[size] = '\0';
     const char *userid = "fuzz";
-    char *name = text;
-    char *nl = strchr(text, '\n');
+    char *name = text, *nl = strchr(text, '\n');
     if (nl) {
         *nl = '\0';
         userid = text;
