@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <string>
 
 #include "store/imap_err.h"
 #include "store/mailbox.h"
@@ -35,7 +34,6 @@ extern "C" int sync_file_range(int fd, off64_t off, off64_t n, unsigned int flag
 namespace {
 
 using testutil::folder_dir;
-using testutil::inode_of;
 using testutil::put_row;
 using testutil::read_byte;
 using testutil::send_byte;
@@ -63,19 +61,14 @@ std::string row_acl(const char *name, mboxdata *mbd) {
 
 // A store brought up in this process; folder "test/box" lives at dir_
 // without a row.
-class FolderFiles : public ::testing::Test {
+class FolderOpen : public ::testing::Test {
   protected:
-    void SetUp() override {
-        ASSERT_EQ(testutil::start_store("opentest"), 0);
-        fred_ = auth_newstate("fred", nullptr, 0);
-        bob_ = auth_newstate("bob", nullptr, 0);
-    }
+    void SetUp() override { ASSERT_EQ(testutil::start_store("opentest"), 0); }
     void TearDown() override {
         auth_freestate(fred_);
         auth_freestate(bob_);
         mboxlist_reset_for_tests();
     }
-    void makeBox(unsigned n) { testutil::make_folder("test/box", dir_, "", 4242, n); }
     int openBox(mailbox *mb, unsigned mode = 0) {
         return mailbox_open_path("test/box", mode, "primary", dir_.c_str(), nullptr,
                                  "anyone\tlr\t", auth_dontCheckAcl, mb);
@@ -98,19 +91,15 @@ class FolderFiles : public ::testing::Test {
         EXPECT_TRUE(lockable_by_other(idx_));
     }
     off_t logSize() { return testutil::file_size(inst_.path("log/store.log")); }
-
     testutil::Instance inst_;
     const std::string dir_ = inst_.path("partitions/primary/box"), idx_ = dir_ + "/store.idx";
-    auth_state *fred_ = nullptr, *bob_ = nullptr;
+    auth_state *fred_ = auth_newstate("fred", nullptr, 0), *bob_ = auth_newstate("bob", nullptr, 0);
 };
-
-// The same store, for folders opened by name through the folder database.
-class FolderDb : public FolderFiles {};
 
 }  // namespace
 
-TEST_F(FolderFiles, LockWaitsForTheHolderNestsAndIsTried) {
-    makeBox(1);
+TEST_F(FolderOpen, LockWaitsForTheHolderNestsAndIsTried) {
+    testutil::make_folder("test/box", dir_, "", 4242, 1);
     mailbox mb;
     ASSERT_EQ(openBox(&mb), 0);
     testutil::Pipe p;
@@ -125,18 +114,15 @@ TEST_F(FolderFiles, LockWaitsForTheHolderNestsAndIsTried) {
     ASSERT_EQ(read_byte(p.r, 5000), 'L');
     ASSERT_EQ(mailbox_lock_index(&mb), 0);
     EXPECT_EQ(read_byte(p.r, 0), 'W');  // the lock came only after the holder's writes
-    EXPECT_EQ(mb.mbd.last_uid, 77u);
-    EXPECT_STREQ(mb.flagname[3], "Urgent");
+    EXPECT_TRUE(mb.mbd.last_uid == 77 && mb.flagname[3] && !strcmp(mb.flagname[3], "Urgent"));
     EXPECT_EQ(testutil::wait_child(pid), 0);
     // An inner lock touches no file and needs its own unlock.
     mb.mbd.last_uid = 999;
     ASSERT_EQ(mailbox_lock_index(&mb), 0);
-    EXPECT_EQ(mb.index_lock_count, 2u);
-    EXPECT_EQ(mb.mbd.last_uid, 999u);
+    EXPECT_TRUE(mb.index_lock_count == 2 && mb.mbd.last_uid == 999);
     mailbox_unlock_index(&mb);
     expectHeldUntilUnlock(&mb);
     mailbox_close(&mb);
-
     // Another process holds the lock: a try fails at once, silently.
     testutil::Pipe q, go;
     pid = holder(q, [&](mailbox &) { return read_byte(go.r, 10000) == 'G' ? 0 : 2; });
@@ -144,23 +130,21 @@ TEST_F(FolderFiles, LockWaitsForTheHolderNestsAndIsTried) {
     ASSERT_EQ(openBox(&mb, OPEN_NOWAIT), 0);
     off_t logged = logSize();
     EXPECT_EQ(mailbox_lock_index(&mb), IMAP_MAILBOX_LOCKED);
-    EXPECT_EQ(mb.index_lock_count, 0u);
-    EXPECT_EQ(logSize(), logged);
+    EXPECT_TRUE(mb.index_lock_count == 0 && logSize() == logged);
     send_byte(go.w, 'G');
     EXPECT_EQ(testutil::wait_child(pid), 0);
     EXPECT_EQ(mailbox_lock_index(&mb), 0);
     // Closing a locked handle releases the lock and leaves a zero handle.
     EXPECT_FALSE(lockable_by_other(idx_));
     mailbox_close(&mb);
-    EXPECT_TRUE(is_zero(mb));
-    EXPECT_TRUE(lockable_by_other(idx_));
+    EXPECT_TRUE(is_zero(mb) && lockable_by_other(idx_));
 }
 
-TEST_F(FolderFiles, LockFollowsAReplacedIndex) {
-    makeBox(2);
+TEST_F(FolderOpen, LockFollowsAReplacedIndex) {
     // Replaced by the holder while this process waits on the old file: a
     // long ACL moves the index to a new file, which the holder keeps locked
     // for a while.
+    testutil::make_folder("test/box", dir_, "", 4242, 2);
     mailbox mb;
     ASSERT_EQ(openBox(&mb), 0);
     ino_t old_ino = mb.index_ino;
@@ -184,8 +168,8 @@ TEST_F(FolderFiles, LockFollowsAReplacedIndex) {
     EXPECT_EQ(testutil::wait_child(pid), 0);
     EXPECT_EQ(mb.index_lock_count, 1u);
     struct stat st;
-    EXPECT_TRUE(fstat(mb.index_fd, &st) == 0 && st.st_ino == inode_of(idx_) && st.st_ino != old_ino);
-    EXPECT_EQ(mb.index_ino, st.st_ino);
+    EXPECT_TRUE(fstat(mb.index_fd, &st) == 0 && st.st_ino == testutil::inode_of(idx_) &&
+                st.st_ino != old_ino && mb.index_ino == st.st_ino);
     EXPECT_STREQ(mb.acl, longacl.c_str());
     index_record r;
     EXPECT_TRUE(mailbox_read_index_record(&mb, 2, &r) == 0 && r.uid == 2);
@@ -193,20 +177,18 @@ TEST_F(FolderFiles, LockFollowsAReplacedIndex) {
     mailbox_close(&mb);
 }
 
-TEST_F(FolderFiles, OpenModesAndRepair) {
-    makeBox(3);
+TEST_F(FolderOpen, OpenModesAndRepair) {
+    testutil::make_folder("test/box", dir_, "", 4242, 3);
     size_t size = testutil::read_file(idx_).size();
     mailbox mb;
     for (unsigned mode : {0u, (unsigned)OPEN_PARTIAL, (unsigned)OPEN_APPEND}) {
         ASSERT_EQ(openBox(&mb, mode), 0) << mode;
-        EXPECT_EQ(mb.mbd.exists, 3u);
-        EXPECT_TRUE(mb.mpath == mb.path && mb.myrights == (unsigned long)ACL_ALL);
-        size_t want = mode ? 256u + 3 * 76 : size;  // a partial map ends behind the records
+        EXPECT_TRUE(mb.mbd.exists == 3 && mb.mpath == mb.path && mb.myrights == (unsigned long)ACL_ALL);
         ASSERT_EQ(mailbox_lock_index(&mb), 0);
-        EXPECT_EQ(mb.index_map->len, want) << mode;
+        // A partial map ends behind the records.
+        EXPECT_EQ(mb.index_map->len, mode ? 256u + 3 * 76 : size) << mode;
         mailbox_close(&mb);
     }
-
     // A version that no reader knows: logged unless silent; a repair open
     // gives a handle without a file and leaves the file alone.
     std::string bad = testutil::read_file(idx_);
@@ -224,7 +206,6 @@ TEST_F(FolderFiles, OpenModesAndRepair) {
     EXPECT_EQ(mb.index_lock_count, 0u);
     mailbox_close(&mb);
     EXPECT_EQ(testutil::read_file(idx_), bad);
-
     // No index at all; a repair open creates nothing.
     unlink(idx_.c_str());
     EXPECT_EQ(openBox(&mb), IMAP_IOERROR);
@@ -232,7 +213,6 @@ TEST_F(FolderFiles, OpenModesAndRepair) {
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
     EXPECT_FALSE(testutil::file_exists(idx_));
-
     // The old two-file layout (version 257, generation 31): a repair open
     // looks at it, a plain open converts it.
     std::string old = std::string("\x01\x01\0\0", 4) + std::string(56, '\0') + "\x1f" +
@@ -247,7 +227,7 @@ TEST_F(FolderFiles, OpenModesAndRepair) {
     EXPECT_FALSE(testutil::file_exists(dir_ + "/store.cch"));
 }
 
-TEST_F(FolderFiles, CleanAclForcesTheOwnersRights) {
+TEST(FolderAcl, CleanAclForcesTheOwnersRights) {
     const char *cases[][3] = {
         // An entry without its closing TAB is dropped.
         {"bob\tlr\tjoe\tlrs\tmax\tlr", "user/fred/x", "fred\tlrswipcda\tbob\tlr\tjoe\tlrs\t"},
@@ -259,7 +239,7 @@ TEST_F(FolderFiles, CleanAclForcesTheOwnersRights) {
     for (const auto &c : cases) EXPECT_EQ(testutil::take(cleanacl(c[0], c[1])), c[2]) << c[1];
 }
 
-TEST_F(FolderDb, FolderOnDiskOnlyIsTakenUpAgain) {
+TEST_F(FolderOpen, FolderOnDiskOnlyIsTakenUpAgain) {
     testutil::make_folder("user/fred/found", folder_dir("user/fred/found"), "bob\tlr\t", 9, 2);
     mailbox mb;
     // Without the owner's inbox in the database the disk is not looked at;
@@ -272,8 +252,7 @@ TEST_F(FolderDb, FolderOnDiskOnlyIsTakenUpAgain) {
     const char *acl = "fred\tlrswipcda\tbob\tlr\t";  // the owner holds all rights
     ASSERT_EQ(mailbox_open("user/fred/found", OPEN_NOWAIT, fred_, &mb), 0);
     EXPECT_STREQ(mb.acl, acl);
-    EXPECT_EQ(mb.myrights, (unsigned long)ACL_ALL);
-    EXPECT_EQ(mb.open_mode, (unsigned)OPEN_NOWAIT);
+    EXPECT_TRUE(mb.myrights == (unsigned long)ACL_ALL && mb.open_mode == (unsigned)OPEN_NOWAIT);
     EXPECT_EQ(mb.mbd.exists, 2u);
     mailbox_close(&mb);
     mboxdata row;
@@ -291,7 +270,7 @@ static void note_barrier(sync_event e, const char *) {
         barriers.push_back(std::to_string(testutil::file_size(idx)) + " " + std::to_string(row.version));
 }
 
-TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
+TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
     std::string longacl = "fred\tlrswipcda\t";
     for (int i = 0; i < 30; i++) longacl += "reader" + std::to_string(i) + "\tlr\t";
     put_row("user/fred", MAILBOX_VERSION_DBONLY, 0, longacl.c_str());
@@ -302,8 +281,7 @@ TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
     sync_set_observer(nullptr);
     EXPECT_EQ(mb.mbd.version, (uint32_t)MAILBOX_VERSION);
     EXPECT_TRUE(mb.mbd.uidvalidity >= t0 && mb.mbd.uidvalidity <= (uint32_t)time(nullptr));
-    EXPECT_EQ(mb.index_lock_count, 0u);
-    EXPECT_EQ(mb.open_mode, (unsigned)OPEN_APPEND);
+    EXPECT_TRUE(mb.index_lock_count == 0 && mb.open_mode == (unsigned)OPEN_APPEND);
     EXPECT_EQ(mb.myrights, 0u);  // bob has no entry
     // The ACL needed more than the 176 bytes of a new variable header.
     EXPECT_GT(mb.hdr.start_offset, 256u);
@@ -319,15 +297,11 @@ TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
     mailbox_close(&mb);
     mboxdata row;
     EXPECT_EQ(row_acl("user/fred", &row), longacl);
-    EXPECT_EQ(row.version, (uint32_t)MAILBOX_VERSION);
-    EXPECT_EQ(row.uidvalidity, uidvalidity);
-
+    EXPECT_TRUE(row.version == MAILBOX_VERSION && row.uidvalidity == uidvalidity);
     // The next open finds the file and makes nothing new.
     ASSERT_EQ(mailbox_open("user/fred", 0, fred_, &mb), 0);
-    EXPECT_EQ(mb.mbd.uidvalidity, uidvalidity);
-    EXPECT_EQ(mb.myrights, (unsigned long)ACL_ALL);
+    EXPECT_TRUE(mb.mbd.uidvalidity == uidvalidity && mb.myrights == (unsigned long)ACL_ALL);
     mailbox_close(&mb);
-
     // A folder whose files were lost starts again, empty.
     put_row("user/fred/lost", MAILBOX_VERSION, 5, "fred\tlrswipcda\t");
     ASSERT_EQ(mailbox_open("user/fred/lost", 0, fred_, &mb), 0);
@@ -337,7 +311,7 @@ TEST_F(FolderDb, RowWithoutFilesOpensAsANewFolder) {
     EXPECT_EQ(row.exists, 0u);
 }
 
-TEST_F(FolderDb, LazyOpenBadIndexAndAclFromTheRow) {
+TEST_F(FolderOpen, LazyOpenBadIndexAndAclFromTheRow) {
     std::string dir = folder_dir("user/fred");
     put_row("user/fred", MAILBOX_VERSION, 0, "bob\tlr\t");
     mailbox mb;
@@ -354,14 +328,12 @@ TEST_F(FolderDb, LazyOpenBadIndexAndAclFromTheRow) {
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
     EXPECT_FALSE(testutil::file_exists(dir));  // neither made a file
-
     // A folder with messages in the row opens its file even when lazy.
     testutil::make_folder("user/fred", dir, "", 4242, 1);
     put_row("user/fred", MAILBOX_VERSION, 1, "bob\tlr\t");
     ASSERT_EQ(mailbox_open("user/fred", OPEN_LAZY, bob_, &mb), 0);
     EXPECT_EQ(mb.mbd.uidvalidity, 4242u);  // the file's
     mailbox_close(&mb);
-
     // An index that exists and can't be read is an error and stays.
     std::string bad = testutil::read_file(dir + "/store.idx");
     bad[0] = 9;
@@ -372,9 +344,9 @@ TEST_F(FolderDb, LazyOpenBadIndexAndAclFromTheRow) {
 }
 
 // The sync levels are read from the configuration once per process, so
-// each case runs in a fresh process: this test again, run by itself with
-// MAILBOX_SYNC_CHILD set, prints the flushes of one write of an index
-// header, twice (the second time after reading a configuration that says
+// each case runs in a fresh process: this test run again by itself with
+// MAILBOX_SYNC_CHILD set prints the flushes of one write of an index
+// header, twice (the second after reading a configuration that says
 // otherwise, which must change nothing).
 TEST(MailboxSync, GeneralAndSpecificKeys) {
     if (getenv("MAILBOX_SYNC_CHILD")) {
@@ -406,11 +378,8 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
     for (const auto &c : cases) {
         testutil::Instance inst(c[0]);
         std::string out, lines, want = std::string("SYNC ") + c[1] + "\n";
-        EXPECT_EQ(testutil::run_command(std::string("MAILBOX_SYNC_CHILD=1 ") + self +
-                                            " --gtest_filter=MailboxSync.GeneralAndSpecificKeys",
-                                        &out),
-                  0)
-            << out;
+        std::string cmd = std::string("MAILBOX_SYNC_CHILD=1 ") + self + " --gtest_filter=MailboxSync.*";
+        EXPECT_EQ(testutil::run_command(cmd, &out), 0) << out;
         for (const std::string &l : testutil::split_lines(out))
             if (l.rfind("SYNC ", 0) == 0) lines += l + "\n";
         EXPECT_EQ(lines, want + want) << c[0];
