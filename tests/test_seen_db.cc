@@ -9,8 +9,6 @@
 #include <unistd.h>
 
 #include <set>
-#include <string>
-#include <vector>
 
 #include "store/mailbox.h"
 #include "store/mboxlist.h"
@@ -39,41 +37,34 @@ struct Folder {
     struct mailbox mb;
 };
 
-// The stored value of a key, or "<none>".
-std::string raw(const std::string &k) {
-    DBT key, data;
-    memset(&key, 0, sizeof(key));
-    memset(&data, 0, sizeof(data));
-    key.data = const_cast<char *>(k.data());
-    key.size = (uint32_t)k.size();
-    key.flags = DB_DBT_READONLY;
-    data.flags = DB_DBT_MALLOC;
-    int r = userflagdb->get(userflagdb, nullptr, &key, &data, 0);
-    std::string v = r == 0 ? std::string(static_cast<char *>(data.data), data.size) : "<none>";
-    free(data.data);
-    return v;
-}
-void put(const std::string &k, const std::string &v) { ASSERT_TRUE(testutil::db_put(userflagdb, k, v)); }
-std::string word(uint32_t v) { return std::string(reinterpret_cast<const char *>(&v), 4); }
-
-// The keys that begin with prefix, in database order.
-Keys keys(const std::string &prefix) {
+// The records whose keys begin with prefix, in database order, as
+// "key=value"; a folder's own record (a key without TAB) shows its word.
+Keys records(const std::string &prefix) {
     Keys out;
     DBC *c;
-    if (userflagdb->cursor(userflagdb, nullptr, &c, 0) != 0) return out;
-    DBT k, v;
-    memset(&k, 0, sizeof(k));
-    memset(&v, 0, sizeof(v));
+    DBT k = {}, v = {};
     k.flags = v.flags = DB_DBT_MALLOC;
+    if (userflagdb->cursor(userflagdb, nullptr, &c, 0) != 0) return out;
     while (c->c_get(c, &k, &v, DB_NEXT) == 0) {
-        std::string key(static_cast<char *>(k.data), k.size);
-        if (key.compare(0, prefix.size(), prefix) == 0) out.push_back(key);
+        std::string key(static_cast<char *>(k.data), k.size), val(static_cast<char *>(v.data), v.size);
+        uint32_t word = 0;
+        memcpy(&word, val.data(), std::min<size_t>(val.size(), 4));
+        if (key.find('\t') == std::string::npos) val = "#" + std::to_string(word);
+        if (key.compare(0, prefix.size(), prefix) == 0) out.push_back(key + "=" + val);
         free(k.data);
         free(v.data);
     }
     c->c_close(c);
     return out;
 }
+// The value of one record as records() shows it, or "<none>".
+std::string raw(const std::string &key) {
+    for (const std::string &r : records(key))
+        if (r.compare(0, key.size() + 1, key + "=") == 0) return r.substr(key.size() + 1);
+    return "<none>";
+}
+void put(const std::string &k, const std::string &v) { ASSERT_TRUE(testutil::db_put(userflagdb, k, v)); }
+std::string word(uint32_t v) { return std::string(reinterpret_cast<const char *>(&v), 4); }
 
 // What seen_lockread gives: "rc lastread recentuid lastchange|text".
 std::string lockread(struct seen *h) {
@@ -108,22 +99,19 @@ TEST_F(SeenStore, RecordTextAndLockedReadWrite) {
     Folder f("user/bob/a", dir("bob/a"), 20);
     struct seen *h = nullptr;
     ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
-    EXPECT_EQ(raw("user/bob/a"), word(1));  // no record, no "store.usr": made new
-    EXPECT_EQ(lockread(h), "0 0 0 0| ");    // a user without a record: two empty lists
+    EXPECT_EQ(raw("user/bob/a"), "#1");  // no record, no "store.usr": made new
+    EXPECT_EQ(lockread(h), "0 0 0 0| ");  // a user without a record: two empty lists
     EXPECT_EQ(f.mb.peruser_lock_count, 1u);
-
     time_t before = time(nullptr);
     ASSERT_EQ(seen_write(h, 5, 3, 9, "1:3,7 "), 0);
     EXPECT_EQ(raw("user/bob/a\tfred"), "5 3 9 1:3,7 ");  // no terminators anywhere
-    uint32_t t;
-    memcpy(&t, raw("user/bob/a").data(), 4);
+    uint32_t t = (uint32_t)atol(raw("user/bob/a").c_str() + 1);
     EXPECT_TRUE(t >= (uint32_t)before && t <= (uint32_t)time(nullptr));
     // The mutex stays held: a second read must not take it again.
     EXPECT_EQ(lockread(h), "0 5 3 9|1:3,7 ");
     seen_unlock(h);
     EXPECT_EQ(f.mb.peruser_lock_count, 0u);
     seen_close(h);
-
     // The text is the two lists and the white space between them only; a
     // record cut short is read within its size.
     put("user/bob/a\tjoe", "12 4 4000000001 ,,2:4,9 ,5:6 tail\nmore");
@@ -143,8 +131,7 @@ TEST_F(SeenStore, MutexIsPerPairAndReleasedByClose) {
     // the pipe when it has it.
     auto contender = [](testutil::Pipe &p, const char *name) {
         return testutil::spawn([&p, name]() {
-            db_globalmutex *m = db_globalmutex_open(name);
-            return db_globalmutex_hold(m) == 0 && write(p.w, "x", 1) == 1 ? 0 : 1;
+            return db_globalmutex_hold(db_globalmutex_open(name)) == 0 && write(p.w, "x", 1) == 1 ? 0 : 1;
         });
     };
     testutil::Pipe other, same;
@@ -168,7 +155,6 @@ TEST_F(SeenStore, RangesAndLookups) {
     EXPECT_EQ(ranges(fl.seen, fl.nseen), RangeList({kEnd}));
     EXPECT_FALSE(fl.deleted || isSeen(&fl, 1) || isDeleted(&fl, 1) || isSeen(&fl, SEEN_RANGE_END));
     freeUserFlags(&fl);
-
     // Leading and doubled commas, and a ":" without a high end, are
     // skipped; a garbled list keeps what came before the bad place, with a
     // warning.
@@ -198,7 +184,6 @@ TEST_F(SeenStore, RangesAndLookups) {
         EXPECT_TRUE(fl.seen == nullptr && fl.nseen == 0);
         EXPECT_EQ(testutil::file_size(inst.path("log/store.log")) > logsize, c.warned);
     }
-
     // Far more ranges than messages: the array grows, and the lookups are
     // right at both ends of every range.
     Folder big("user/bob/big", dir("bob/big"), 20000, 10);
@@ -220,14 +205,13 @@ TEST_F(SeenStore, RangesAndLookups) {
 TEST_F(SeenStore, CreateDeleteAndCopyTouchTheFolderOnly) {
     Folder a("user/bob/a", dir("bob/a"), 20), ab("user/bob/ab", dir("bob/ab"), 20);
     ASSERT_EQ(seen_create(&a.mb), 0);
-    EXPECT_EQ(raw("user/bob/a"), word(1));
+    EXPECT_EQ(raw("user/bob/a"), "#1");
     put("user/bob/a\tbob", "1 2 3 1:2 ");
     put("user/bob/a\tbobby", "7 8 9  ");
     put("user/bob/ab", word(1));
     put("user/bob/ab\tbob", "1 1 1 1 ");
     put("user/bob/a/b\tbob", "2 2 2 2 ");  // user records left without their folder's record
     put("user/bob/o\tbob", "3 3 3 3 ");
-
     auto copy = [](Folder &from, const char *to, int rename_user, const char *o, const char *n) {
         Folder target(to, "", 20);
         int r;
@@ -240,33 +224,32 @@ TEST_F(SeenStore, CreateDeleteAndCopyTouchTheFolderOnly) {
     };
     // The owner's own record follows the user rename; "bobby" is no "bob".
     ASSERT_EQ(copy(a, "user/carol/a", 1, "bob", "carol"), 0);
-    EXPECT_EQ(keys("user/carol/"), Keys({"user/carol/a", "user/carol/a\tbobby", "user/carol/a\tcarol"}));
-    EXPECT_EQ(raw("user/carol/a"), word(1));
-    EXPECT_EQ(raw("user/carol/a\tcarol"), "1 2 3 1:2 ");
+    EXPECT_EQ(records("user/carol/"),
+              Keys({"user/carol/a=#1", "user/carol/a\tbobby=7 8 9  ", "user/carol/a\tcarol=1 2 3 1:2 "}));
     ASSERT_EQ(copy(a, "user/dave/a", 0, "bob", "dave"), 0);
-    EXPECT_EQ(keys("user/dave/"), Keys({"user/dave/a", "user/dave/a\tbob", "user/dave/a\tbobby"}));
+    EXPECT_EQ(records("user/dave/"),
+              Keys({"user/dave/a=#1", "user/dave/a\tbob=1 2 3 1:2 ", "user/dave/a\tbobby=7 8 9  "}));
     put("user/bob/a", word(77));
     ASSERT_EQ(copy(a, "user/bob/a", 1, "bob", "carol"), 0);  // onto itself: nothing
-    EXPECT_EQ(raw("user/bob/a"), word(77));
+    EXPECT_EQ(raw("user/bob/a"), "#77");
     // Records without a folder record belong to no folder: not copied.
     Folder o("user/bob/o", dir("bob/o"), 20);
     ASSERT_EQ(copy(o, "user/erin/o", 0, "", ""), 0);
-    EXPECT_EQ(keys("user/erin/"), Keys({"user/erin/o"}));
-
+    EXPECT_EQ(records("user/erin/"), Keys({"user/erin/o=#1"}));
     // Delete takes the folder with its users, not its neighbours nor
     // records without a folder, and the checkpoint file only when asked.
     testutil::write_file(a.path + "/store.usr", "bob\t1 2 3 1:2 \n");
     testutil::write_file(ab.path + "/store.usr", "bob\t1 1 1 1 \n");
     ASSERT_EQ(seen_delete(&a.mb, 1), 0);
     ASSERT_EQ(seen_delete(&o.mb, 1), 0);
-    EXPECT_EQ(keys("user/bob/"),
-              Keys({"user/bob/a/b\tbob", "user/bob/ab", "user/bob/ab\tbob", "user/bob/o\tbob"}));
+    EXPECT_EQ(records("user/bob/"), Keys({"user/bob/a/b\tbob=2 2 2 2 ", "user/bob/ab=#1",
+                                          "user/bob/ab\tbob=1 1 1 1 ", "user/bob/o\tbob=3 3 3 3 "}));
     EXPECT_FALSE(testutil::file_exists(a.path + "/store.usr"));
     ASSERT_EQ(seen_delete(&ab.mb, 0), 0);
-    EXPECT_EQ(keys("user/bob/ab"), Keys());
+    EXPECT_EQ(records("user/bob/ab"), Keys());
     EXPECT_TRUE(testutil::file_exists(ab.path + "/store.usr"));
     EXPECT_EQ(seen_delete(&a.mb, 1), 0);  // nothing left: no failure
-    EXPECT_EQ(keys("user/carol/").size(), 3u);
+    EXPECT_EQ(records("user/carol/").size(), 3u);
 }
 
 TEST_F(SeenStore, RebuildFromCheckpointFile) {
@@ -280,10 +263,8 @@ TEST_F(SeenStore, RebuildFromCheckpointFile) {
     struct seen *h;
     ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
     seen_close(h);
-    EXPECT_EQ(keys("user/bob/r"), Keys({"user/bob/r", "user/bob/r\tfred", "user/bob/r\tjoe"}));
-    EXPECT_EQ(raw("user/bob/r"), word(0));
-    EXPECT_EQ(raw("user/bob/r\tfred"), "5 3 9 1:3,7 ");
-    EXPECT_EQ(raw("user/bob/r\tjoe"), "1 2 3 1:2,3 4");
+    EXPECT_EQ(records("user/bob/r"),
+              Keys({"user/bob/r=#0", "user/bob/r\tfred=5 3 9 1:3,7 ", "user/bob/r\tjoe=1 2 3 1:2,3 4"}));
 }
 
 TEST(SeenFixdata, RepairsAndRemovals) {
@@ -297,8 +278,7 @@ TEST(SeenFixdata, RepairsAndRemovals) {
     };
     for (const auto &c : cases) {
         char *out = nullptr;
-        int r = seen_fixdata(&out, c[0], c[0] + strlen(c[0]), 50, 1000000, 0, 0, "u", nullptr,
-                             nullptr);
+        int r = seen_fixdata(&out, c[0], c[0] + strlen(c[0]), 50, 1000000, 0, 0, "u", nullptr, nullptr);
         std::string want = c[1];
         EXPECT_EQ(r, want == "=" ? 0 : 1) << c[0];
         EXPECT_EQ(take(out), want == "=" || want == "-" ? "<null>" : want) << c[0];
@@ -327,7 +307,6 @@ TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
         if (configmsg_init(nullptr, 16, name) != 0 || configmsg_initlog(nullptr, name) != 0) _exit(90);
         if (mboxlist_init() != 0) _exit(91);
     };
-
     // Each writer adds its own uids to the seen list, kept ascending, one
     // read-modify-write at a time.
     pid_t pids[2];
@@ -343,12 +322,11 @@ TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
                 seen_open(&f.mb, "pat", &h);
                 if (seen_lockread(h, &lastread, &recent, &lastchange, &text) != 0) return 11;
                 std::string t = take(text), list;
-                size_t blank = t.find(' ');
                 std::set<unsigned long> uids = {(unsigned long)(2 * i + 1 + w)};
                 for (const char *p = t.c_str(); *p && *p != ' '; p += *p == ',')
                     uids.insert(strtoul(p, const_cast<char **>(&p), 10));
                 for (unsigned long u : uids) list += (list.empty() ? "" : ",") + std::to_string(u);
-                t.replace(0, blank, list);
+                t.replace(0, t.find(' '), list);
                 usleep(200);  // widen the window between read and write
                 if (seen_write(h, lastread, recent, time(nullptr), t.c_str()) != 0) return 13;
                 seen_close(h);
@@ -358,7 +336,6 @@ TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
         });
     }
     for (pid_t p : pids) EXPECT_EQ(testutil::wait_child(p), 0);
-
     // A fresh reader finds every uid of both writers.
     EXPECT_EQ(testutil::in_child([&]() {
                   join("reader");
