@@ -74,7 +74,6 @@ TEST(SupportLock, BlockingNonblockingAndSessionLocks) {
     EXPECT_EQ(0, wait_child(pid));
     EXPECT_EQ(0, lock_nonblocking(fd));  // free again
     close(fd);
-
     std::string spath = tmp.file("session.lock");
     int s1 = open(spath.c_str(), O_RDWR | O_CREAT, 0600), s2 = open(spath.c_str(), O_RDWR);
     ASSERT_EQ(0, lock_nonblocking_fs(s1));
@@ -154,7 +153,6 @@ TEST(SupportLock, ReopenReportsGoneFileAndFailedSteps) {
     ASSERT_EQ(0, lock_unlock(fd));
     EXPECT_EQ(0, wait_child(pid));
     close(fd);
-
     testutil::write_file(path, "y");
     int rfd = open(path.c_str(), O_RDONLY);
     struct stat sb;
@@ -190,7 +188,6 @@ TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
         }));
     for (pid_t pid : pids) EXPECT_EQ(0, wait_child(pid));
     EXPECT_EQ("600", testutil::read_file(counter));
-
     int count = 0;
     std::atomic<int> failures(0);
     std::vector<std::thread> threads;
@@ -209,7 +206,6 @@ TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
     for (auto &t : threads) t.join();
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(6 * 300, count);
-
     // While this process holds it, another process can't get in.
     ASSERT_EQ(0, db_globalmutex_hold(m));
     EXPECT_EQ(EDEADLK, db_globalmutex_hold(m));
