@@ -1,5 +1,4 @@
-// Whole-file locks, lock_reopen and the named mutexes, between real
-// processes.
+// Whole-file locks, lock_reopen and the named mutexes, between real processes.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -50,9 +49,8 @@ const char *kMutexName = "user/joe/Sent Items\tjoe peruser";
 
 }  // namespace
 
-// A second process fails lock_nonblocking at once, waits in lock_blocking
-// until the first unlocks, then reads what the first wrote under the lock.
-// The session lock (flock) also keeps out a second open in this process.
+// A second process fails lock_nonblocking at once, waits in lock_blocking and
+// then reads what the holder wrote; the session lock also keeps out this process.
 TEST(SupportLock, BlockingNonblockingAndSessionLocks) {
     testutil::TempDir tmp;
     std::string path = tmp.file("store.idx");
@@ -88,10 +86,8 @@ TEST(SupportLock, BlockingNonblockingAndSessionLocks) {
     close(s1);
 }
 
-// The waiter starts on the old file; another process renames a new version
-// over the path and holds that file's lock for a while. lock_reopen must end
-// holding the new file's lock, with the same descriptor number and a stat
-// buffer of the new file.
+// A new version renamed over the path while a waiter sleeps on the old file:
+// lock_reopen ends holding the new file's lock, on the same descriptor.
 TEST(SupportLock, ReopenFollowsReplacedFile) {
     testutil::TempDir tmp;
     std::string path = tmp.file("store.exp"), newpath = tmp.file("expunge.new");
@@ -130,9 +126,8 @@ TEST(SupportLock, ReopenFollowsReplacedFile) {
     close(newfd);
 }
 
-// A file removed while a process waits for its lock: lock_reopen fails at
-// "opening" with ENOENT and leaves the descriptor open for the caller. A
-// descriptor that can't be locked fails at "locking".
+// A file removed while a process waits for its lock fails at "opening" with
+// the descriptor left open; one that can't be locked fails at "locking".
 TEST(SupportLock, ReopenReportsGoneFileAndFailedSteps) {
     testutil::TempDir tmp;
     std::string path = tmp.file("store.exp");
@@ -163,11 +158,8 @@ TEST(SupportLock, ReopenReportsGoneFileAndFailedSteps) {
     close(rfd);
 }
 
-// Four processes, and six threads (sharing a handle or each with its own),
-// bump a counter (read, yield, write) under the mutex; no update is lost.
-// The handle is opened before fork, so each child needs a lock file
-// description of its own. The lock file lies in the instance's lock
-// directory under a name without "/".
+// Processes with a handle opened before fork (each needs a lock file
+// description of its own) and threads sharing a handle or not lose no update.
 TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
     testutil::Instance inst;
     std::string counter = inst.path("counter");
@@ -224,10 +216,8 @@ TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
     EXPECT_NE(std::string::npos, files[0].find(".mutex"));
 }
 
-// Distinct names, also long ones and ones that differ only in escaped
-// characters, are distinct mutexes: one process holds all of them at once
-// (had two names shared a lock file, the second hold would wait for ever;
-// the alarm ends that).
+// Distinct names, also long ones and escaped ones, are distinct mutexes: one
+// process holds all at once (a shared lock file would hang until the alarm).
 TEST(SupportLock, GlobalMutexNames) {
     testutil::Instance inst;
     std::string longa(400, 'a'), longb = longa;
