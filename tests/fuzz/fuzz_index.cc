@@ -1,8 +1,6 @@
-// Feeds arbitrary bytes to the readers of a folder's index file: the input
-// becomes "store.idx" of a folder directory, which is read in every mapping
-// and repair mode, with its variable header, its records and the cache items
-// of each record. Whatever the bytes, nothing may read outside the file's
-// map, and a header that the reader accepted must keep its promises.
+// Arbitrary bytes as a folder's "store.idx", read in every mapping and repair
+// mode with its variable header, records and cache items: nothing may read
+// outside the map, and an accepted header must keep its promises.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -27,8 +25,7 @@ static void remove_folder(void) {
 }
 
 static void read_folder(const uint8_t *data, size_t size, unsigned mode) {
-    // Written anew for each mode: the repair of a partly created folder
-    // extends the file.
+    // Written anew for each mode: a repair may extend the file.
     int fd = open(path, O_RDWR | O_CREAT | O_TRUNC, 0600);
     if (fd < 0 || (size && retry_write(fd, data, size) < 0)) abort();
     struct mailbox mb = zeromailbox;
@@ -43,8 +40,7 @@ static void read_folder(const uint8_t *data, size_t size, unsigned mode) {
     int accepted = r == 0 && !(mode & OPEN_REPAIR) && mb.mbd.version != MAILBOX_VERSION_OLD;
     if (mb.index_map && (r == 0 || (mode & OPEN_REPAIR))) {
         (void)mailbox_read_index_variable_header(&mb);
-        // Every record and one behind the last; the bound keeps a huge count
-        // from a damaged header from taking the run's time.
+        // Every record and one behind the last, within a bound on run time.
         for (unsigned n = 1; n <= mb.mbd.exists + 1 && n <= 4096; n++) {
             struct index_record rec;
             int rr = mailbox_read_index_record(&mb, n, &rec);
