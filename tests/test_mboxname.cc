@@ -2,17 +2,13 @@
 // and the policy on names.
 #include <gtest/gtest.h>
 
-#include <stdint.h>
 #include <string.h>
-#include <strings.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
 #include "store/imap_err.h"
 #include "store/mboxname.h"
-#include "support/strutil.h"
 #include "tests/testutil.h"
 
 namespace {
@@ -58,94 +54,6 @@ std::string frompath(const std::string &path)
     return rc == 0 ? std::string(out.data()) : "<bad>";
 }
 
-// Random names that the policy must accept: plain characters with a bias
-// towards upper case and the characters the directory encoding rewrites,
-// escaped ampersands, and encoded runs of one to five characters made by
-// the support layer's modified UTF-7 encoder (never two runs side by side).
-class NameGen {
-  public:
-    explicit NameGen(unsigned seed) : rng_(seed) {}
-
-    std::string component()
-    {
-        std::string c;
-        bool after_run = false;
-        for (int i = 0, pieces = 1 + pick(10); i < pieces; i++) {
-            int kind = pick(100);
-            if (kind < 12) {
-                if (after_run) c += plain();
-                c += run();
-            } else {
-                c += kind < 17 ? std::string("&-") : std::string(1, plain());
-            }
-            after_run = kind < 12;
-        }
-        return c;
-    }
-
-    std::string id()
-    {
-        static const char chars[] = "abcdefghijklmnopqrstuvwxyzABCXYZ0123456789._-+";
-        std::string s;
-        for (int i = 0, n = 1 + pick(12); i < n; i++) s += chars[pick(sizeof chars - 1)];
-        return s;
-    }
-
-    // A whole internal name of at most 255 characters.
-    std::string name()
-    {
-        for (;;) {
-            bool user = pick(3) != 0;
-            std::string s = user ? "user/" + id() : "public";
-            for (int i = 0, comps = (user ? 0 : 1) + pick(5); i < comps; i++) {
-                std::string c = component();
-                // A user's root is the inbox; no folder of that name below it.
-                if (user && i == 0 && strcasecmp(c.c_str(), "inbox") == 0) c += "x";
-                s += "/" + c;
-            }
-            if (s.size() < MAX_MAILBOX_NAME) return s;
-        }
-    }
-
-    int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
-
-  private:
-    char plain()
-    {
-        static const char special[] = "+\\:.~ _";
-        int k = pick(10);
-        if (k < 2) return (char)('A' + pick(26));
-        if (k < 4) return special[pick(sizeof special - 1)];
-        for (;;) {
-            char c = (char)(0x20 + pick(0x5F));
-            if (!strchr("%*?&/", c)) return c;
-        }
-    }
-
-    std::string run()
-    {
-        std::string utf8;
-        for (int i = 0, n = 1 + pick(5); i < n; i++) {
-            uint32_t cp;
-            do cp = 0x80 + (uint32_t)pick(0xFFFE - 0x80);
-            while (cp >= 0xD800 && cp <= 0xDFFF);
-            if (cp < 0x800) {
-                utf8 += (char)(0xc0 | (cp >> 6));
-            } else {
-                utf8 += (char)(0xe0 | (cp >> 12));
-                utf8 += (char)(0x80 | ((cp >> 6) & 0x3f));
-            }
-            utf8 += (char)(0x80 | (cp & 0x3f));
-        }
-        char buf[128];
-        EXPECT_EQ(0, mutf7_fromutf8(utf8.c_str(), buf, sizeof buf));
-        EXPECT_EQ('&', buf[0]);
-        return buf;
-    }
-
-    std::mt19937 rng_;
-};
-
 // Encodes name under root and decodes it again as the store's directory
 // walkers do: strip the root, and for a user's folder the "=user" marker
 // and the fan-out, which must be the hash of the id.
@@ -171,32 +79,6 @@ void expect_roundtrip(const std::string &name, const std::string &root)
         EXPECT_TRUE(c < 'A' || c > 'Z' || (i > 0 && encoded[i - 1] == '+')) << path;
     }
     EXPECT_EQ(name, front + frompath(encoded)) << path;
-}
-
-// The external forms of a valid name: the administrative view names it,
-// its owner sees a personal folder (unless its name starts with a
-// character the personal namespace refuses), another user a shared one;
-// each reads back as the name.
-void check_external_forms(const std::string &name)
-{
-    char owner[MBOXNAME_OWNER_SIZE];
-    const char *own = mboxname_owner(name.c_str(), owner);
-    std::string ext = external(name, -1, nullptr);
-    EXPECT_EQ(name, internal(ext, -1, nullptr));
-    const char *me = own ? own : "someone";
-    ext = external(name, 0, me);
-    const char *sub = mboxname_mailbox(name.c_str());
-    if (own && sub && (sub[0] == '#' || sub[0] == '~')) {
-        EXPECT_EQ("<bad>", ext) << name;
-    } else {
-        EXPECT_EQ(name, internal(ext, 0, me)) << ext;
-        if (own) {
-            EXPECT_EQ(sub ? std::string(sub) : "INBOX", ext);
-        }
-    }
-    ext = external(name, 0, "zz-other");
-    EXPECT_EQ(0u, ext.find("Shared Folders/")) << ext;
-    EXPECT_EQ(name, internal(ext, 0, "zz-other"));
 }
 
 struct NameCase {
@@ -312,20 +194,15 @@ TEST(Mboxname, PathsAndBack)
     EXPECT_EQ("<bad>", getpath("user/alice/" + std::string(200, 'S'), std::string(998, 'r')));
     EXPECT_EQ("<bad>", getpath("public/" + std::string(255, '.'), std::string(600, 'r')));
 
-    // Random valid names, and every character that the directory encoding
-    // rewrites, come back from their directories, under a short and a
-    // deep root; the random ones also from their external forms.
-    testutil::Instance inst;
-    std::vector<std::string> specials = {
-        "public/+\\:.~ ABCXYZ&-&AOk-&-x", "user/Al.ice+x/&AOkA6Q-/&AOkA6QDp-/&AOkA6QDpAOk-&-",
-        "public/" + std::string(248, 'Q'), "user/" + std::string(250, 'z')};
-    NameGen gen(20240611);
-    for (int i = 0; i < 3000; i++) {
-        std::string name = i < (int)specials.size() ? specials[i] : gen.name();
+    // Every character that the directory encoding rewrites comes back from
+    // its directory, under a short and a deep root. Random valid names and
+    // their external forms round-trip under the name fuzzer's invariants.
+    for (const std::string &name : {std::string("public/+\\:.~ ABCXYZ&-&AOk-&-x"),
+                                    std::string("user/Al.ice+x/&AOkA6Q-/&AOkA6QDp-/&AOkA6QDpAOk-&-"),
+                                    "public/" + std::string(248, 'Q'), "user/" + std::string(250, 'z')}) {
         ASSERT_EQ(0, mboxname_policycheck(name.c_str())) << name;
-        expect_roundtrip(name, i % 10 ? "/srv/store/p1" : "/" + std::string(300, 'd'));
-        if (i >= (int)specials.size()) check_external_forms(name);
-        if (::testing::Test::HasFailure()) return;
+        expect_roundtrip(name, "/srv/store/p1");
+        expect_roundtrip(name, "/" + std::string(300, 'd'));
     }
 }
 
@@ -362,12 +239,6 @@ TEST(Mboxname, PolicyCheck)
     for (const std::string &name : refused)
         EXPECT_EQ(BAD, mboxname_policycheck(name.c_str())) << name;
 
-    // Whatever the support layer's encoder makes of non-ASCII text passes.
-    NameGen gen(5);
-    for (int i = 0; i < 1000; i++) {
-        std::string c = gen.component();
-        EXPECT_EQ(0, mboxname_policycheck(("public/" + c).c_str())) << c;
-    }
 }
 
 TEST(Mboxname, Owners)
