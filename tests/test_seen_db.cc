@@ -184,22 +184,7 @@ TEST_F(SeenStore, RangesAndLookups) {
         EXPECT_TRUE(fl.seen == nullptr && fl.nseen == 0);
         EXPECT_EQ(testutil::file_size(inst.path("log/store.log")) > logsize, c.warned);
     }
-    // Far more ranges than messages: the array grows, and the lookups are
-    // right at both ends of every range.
-    Folder big("user/bob/big", dir("bob/big"), 20000, 10);
-    std::string seen, del;
-    for (int i = 0; i < 1000; i++) {
-        seen += (i ? "," : "") + std::to_string(10 * i + 1) + ":" + std::to_string(10 * i + 5);
-        del += (i ? "," : "") + std::to_string(7 * i + 3);
-    }
-    put("user/bob/big\tfred", "1 2 3 " + seen + " " + del);
-    ASSERT_EQ(getPerUserFlags(&big.mb, "fred", &fl), 0);
-    ASSERT_TRUE(fl.nseen == 1001 && fl.ndeleted == 1001);
-    for (uint32_t uid = 0; uid <= 10010; uid++) {
-        ASSERT_EQ(isSeen(&fl, uid), uid >= 1 && uid <= 9995 && (uid - 1) % 10 < 5) << uid;
-        ASSERT_EQ(isDeleted(&fl, uid), uid >= 3 && uid <= 6996 && (uid - 3) % 7 == 0) << uid;
-    }
-    freeUserFlags(&fl);
+    // A growing range array, every uid looked up: SeenProcesses.ConcurrentWritersLoseNoRange.
 }
 
 TEST_F(SeenStore, CreateDeleteAndCopyTouchTheFolderOnly) {
@@ -270,12 +255,9 @@ TEST_F(SeenStore, RebuildFromCheckpointFile) {
 TEST(SeenFixdata, RepairsAndRemovals) {
     const char *cases[][2] = {
         // value, repaired text ("=": good as it is, "-": removed)
-        {"5 3 9 1:3,7 4:6", "="},       {"5 3 9  ", "="},
-        {"1 2 3 3:99 ", "1 2 3 3 "},    {"1 2 3 1:2:3 ", "1 2 3 1:2,3 "},
-        {"1 2 3 7,0,9 ", "1 2 3 7,9 "}, {"1 2 3 ,5 8: junk", "1 2 3 5 8"},
-        {"1 2 3 1:3", "-"},             {"1 2 3 1x 4", "-"},
-        {"1 51 3 1 ", "-"},             {"1 2 3", "-"},
-    };
+        // "1:2:3", a 0 and a recentuid above last_uid: RebuildFromCheckpointFile.
+        {"5 3 9 1:3,7 4:6", "="}, {"5 3 9  ", "="}, {"1 2 3 3:99 ", "1 2 3 3 "},
+        {"1 2 3 ,5 8: junk", "1 2 3 5 8"}, {"1 2 3 1:3", "-"}, {"1 2 3 1x 4", "-"}, {"1 2 3", "-"}};
     for (const auto &c : cases) {
         char *out = nullptr;
         int r = seen_fixdata(&out, c[0], c[0] + strlen(c[0]), 50, 1000000, 0, 0, "u", nullptr, nullptr);
