@@ -128,7 +128,6 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
     EXPECT_TRUE(testutil::file_exists(inst.path("data/store/mboxlist/folder.db")));
     EXPECT_EQ(import(inst, &err), 0) << err;
     EXPECT_EQ(ls(inst.path("data/store/session")), "");  // the client's session went with it
-
     // Clients killed while they hold sessions leave their files; the next
     // start removes them and keeps the file of the client that still runs.
     testutil::Pipe p;
@@ -141,8 +140,7 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
         });
         ASSERT_EQ(testutil::read_byte(p.r, 30000), 'j');
     }
-    for (int i = 0; i < 3; i++) kill(clients[i], SIGKILL);
-    for (int i = 0; i < 3; i++) testutil::wait_child(clients[i]);
+    for (int i = 0; i < 3; i++) kill(clients[i], SIGKILL), testutil::wait_child(clients[i]);
     EXPECT_EQ(inst.stopStored(), 0);
     EXPECT_FALSE(store_session_ready_test("stored"));
     EXPECT_TRUE(logged(inst, "stored: store closed"));
@@ -150,9 +148,7 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
     EXPECT_EQ(ls(inst.path("data/store/session")), "client." + std::to_string(clients[3]) + "\n");
     kill(clients[3], SIGKILL);
     testutil::wait_child(clients[3]);
-
-    // A daemon that dies leaves no ready store behind, and the next one
-    // recovers what it left.
+    // A daemon that dies leaves no ready store; the next recovers.
     inst.killStored();
     EXPECT_FALSE(store_session_ready_test("stored"));
     ASSERT_TRUE(inst.startStored());
@@ -162,8 +158,7 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
 TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
     Instance inst;
     ASSERT_TRUE(inst.startStored());
-    // The writers deadlock over the shared rows; the daemon breaks the
-    // deadlocks and the writers retry.
+    // The daemon breaks the writers' deadlocks over the shared rows.
     pid_t writers[2];
     for (int w = 0; w < 2; w++)
         writers[w] = testutil::spawn([w] {
@@ -172,7 +167,6 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
                                w ? "user/shared0" : "user/shared1");
         });
     for (pid_t pid : writers) EXPECT_EQ(testutil::wait_child(pid), 0);
-
     // A writer killed with a transaction open: what it committed stays.
     testutil::Pipe p;
     pid_t writer = testutil::spawn([&] {
@@ -193,7 +187,6 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
     EXPECT_EQ(rows_found("user/open", 1), 0);
     EXPECT_EQ(rows_found("user/wa", 150) + rows_found("user/wb", 150), 300);
     EXPECT_EQ(rows_found("user/shared", 2), 2);
-
     // A watcher on loopback: the client connects and registers.
     int lfd = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in addr = {};
@@ -210,7 +203,6 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
     close(cfd);
     close(lfd);  // nobody listens: the program refuses to start
     EXPECT_EQ(import(inst), 75);
-
     if (geteuid() == 0) {
         Instance other("local.serveruser: no-such-user-here");
         EXPECT_FALSE(other.startStored());
@@ -274,18 +266,15 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     fs.fill();
     EXPECT_EQ(inst.stopStored(), 74);
     EXPECT_TRUE(logged(inst, "final checkpoint error"));
-
     // Without room for the environment the daemon refuses and repairs nothing.
     ASSERT_EQ(run_command("cd '" + fs.dir + "'/mboxlist && rm -f __db.* folderlock/__db.*"), 0);
     fs.fill();
     EXPECT_TRUE(!inst.startStored() && inst.storedStatus() == 75) << inst.storedStatus();
     EXPECT_TRUE(logged(inst, "critical: .*the store cannot start: No space left"));
     EXPECT_FALSE(testutil::file_exists(fs.dir + "/mboxlist/removed"));
-
     unlink((fs.dir + "/filler").c_str());
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     EXPECT_EQ(rows_found("user/keep", 250), 250);
-
     // Logs that can't be dropped on a read-only file system: no repair runs.
     EXPECT_EQ(inst.stopStored(), 0);
     ASSERT_EQ(run_command("rm '" + fs.dir + "'/mboxlist/log.*"), 0);
