@@ -37,7 +37,6 @@ TEST(Decode1522, WordsTextAroundThemAndBrokenWords) {
     for (const char *r : {"=?x-no-such-charset?Q?abc?=", "=?utf-8?X?abc?=", "=?utf-8?Q?abc", "=?utf-8?B?###?=",
                           "=?utf-8?Q?a=ZZ?=", "=?utf-8?Q?a=4?=", "=??Q?abc?=", "=?utf-8//IGNORE?Q?abc?=", "=?"})
         EXPECT_EQ(decode(r), r) << r;
-
     // Into the caller's buffer when the result and its NUL fit, else on the heap.
     char buf[8];
     char *r = charset_decode1522("=?utf-8?Q?12345678?=", buf, sizeof buf);
@@ -46,7 +45,6 @@ TEST(Decode1522, WordsTextAroundThemAndBrokenWords) {
 
 TEST(Charset, NamesLocalTextAndTimeZones) {
     for (const char *n : {"x-unknown", "", (const char *)nullptr}) EXPECT_EQ(charset_lookupname(n), -1);
-
     struct { const char *in, *cs, *out; } cases[] = {
         {"\xA4", "ISO-8859-15", "\xE2\x82\xAC"},
         // Without a charset: valid UTF-8 is kept, other bytes are Latin-1.
@@ -56,7 +54,6 @@ TEST(Charset, NamesLocalTextAndTimeZones) {
         {"\xE4", "x-no-such", "\xC3\xA4"}, {"\xE4", "utf-8", "\xC3\xA4"}, {nullptr, nullptr, "<null>"},
     };
     for (const auto &c : cases) EXPECT_EQ(take(MCV_LocalToUTF8(c.in, c.cs)), c.out) << (c.cs ? c.cs : "none");
-
     // Zones as "+hhmm", or "-" when not known: what may follow a name, and
     // numbers that are no zone.
     auto zone = [](const char *z) {
