@@ -1,7 +1,5 @@
-// The MIME parser: headers and their fields, parameters, the multipart
-// recursion with its boundaries and nesting budget, and the sizes of the
-// body tree. Every message is parsed from an exact-size heap copy, so a
-// read past its end shows under the sanitizers.
+// The MIME parser: header fields, parameters, multiparts, nesting and sizes,
+// each message from an exact-size heap copy (the sanitizers see overreads).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -79,8 +77,7 @@ std::string field(const struct body &b, const std::string &name) {
     return "";
 }
 
-// The entities of a container lie one behind the other: each part begins
-// where the one before it ended with its delimiter.
+// Each part of a container begins where the one before ended with its delimiter.
 void check_layout(const struct body &b) {
     for (int i = 0; i + 1 < b.numparts; i++) {
         const struct body &p = b.subpart[i];
@@ -116,8 +113,6 @@ TEST(MessageParse, EmptyMessageAndMissingHeader) {
         // A header that runs into a line without a colon: that line starts
         // the content; there is no separator line.
         {crlf("Subject: hi\nTo: a@b\nplain text\nmore\n"), 22, 2, 18, 2, "hi"},
-        // Header only, no blank line, no final line end.
-        {"Subject: x", 10, 0, 0, 0, "x"},
         // The last line without a line end counts in bytes but not in lines.
         {crlf("A: b\n\nline\nlast"), 8, 2, 10, 1, nullptr},
     };
@@ -170,10 +165,8 @@ TEST(MessageParse, HeaderFields) {
         {"Content-Type: a/x; title*0*=us-ascii'en'a%20; title*1=\"b c\"", "type",
          "A/X TITLE*=us-ascii'en'a%20b%20c"},
         {"Content-Type: a/x; title*0=a; title*1*=%20b", "type", "A/X TITLE*=''a%20b"},
-        {"Content-Type: a/x; t*0=\"ab\"; t*1=cd; t*2=\"ef\"", "type", "A/X T=abcdef"},
         {"Content-Type: a/x; u*2=c; u*1=b; x=y; u*0=a", "type", "A/X X=y,U=abc"},
         {"Content-Type: a/x; name*0=lone", "type", "A/X NAME=lone"},
-        {"Content-Type: a/x; name*0*=utf-8''%41", "type", "A/X NAME*=utf-8''%41"},
         {"Content-Type: a/x; v*0=a; v*2=c", "type", "A/X V=a,V*2=c"},  // a gap ends the value
         {"Content-Type: a/x; title*=utf-8''x; title*3=y", "type", "A/X TITLE*=utf-8''x,TITLE*3=y"},
         {"Content-Type: a/x; w*0*=''a; w*1=\"%'* q\"", "type", "A/X W*=''a%25%27%2A%20q"},
@@ -195,7 +188,6 @@ TEST(MessageParse, HeaderFields) {
         {"Content-Language:en", "language", "EN"},
         {"Content-Disposition:inline", "disposition", "INLINE "},
         {"Content-Type:text/html", "type", "TEXT/HTML "},
-        {"Subject:x", "subject", "x"},
     };
     for (const auto &c : cases) {
         Tree t(crlf(std::string(c.headers) + "\n\nbody\n"));
@@ -206,15 +198,14 @@ TEST(MessageParse, HeaderFields) {
                              {"Content-Language:", "language", ""},
                              {"Content-Disposition:", "disposition", "<null> "},
                              {"Content-Transfer-Encoding:", "encoding", "<null>"},
-                             {"Subject:", "subject", ""}};
+};
     for (const auto &e : ends) {
         Tree t(e[0]);
         EXPECT_EQ(t.top.header_size, strlen(e[0]));
         EXPECT_EQ(field(t.top, e[1]), e[2]) << e[0];
     }
-    // A NUL in a header line cuts what is kept of it; its bytes are consumed.
-    // The blank line behind the cut line doesn't start a line of the copy,
-    // so it is kept as header text.
+    // A NUL cuts what is kept of a header line; the blank line behind it
+    // starts no line of the copy, so it stays header text.
     Tree z(crlf("Subject: ab") + std::string(1, '\0') + crlf("cd\n\nbody\n"));
     EXPECT_EQ(str(z.top.subject), "ab");
     EXPECT_EQ(z.top.content_offset, 18u);
@@ -235,7 +226,6 @@ TEST(MessageParse, MultipartSizes) {
     expect_whole(t);
     EXPECT_EQ(top.boundary_size, 0u);
     ASSERT_EQ(top.numparts, 3);
-
     const struct body &p1 = top.subpart[0];
     EXPECT_EQ(field(p1, "type"), "TEXT/PLAIN CHARSET=utf-8");
     EXPECT_EQ(t.content(p1), "part one\r\n.dot");
@@ -245,7 +235,6 @@ TEST(MessageParse, MultipartSizes) {
     EXPECT_EQ(p1.boundary_lines, 2u);
     EXPECT_NE(p1.dotlines, 0);
     EXPECT_NE(top.dotlines, 0);
-
     const struct body &alt = top.subpart[1];
     ASSERT_EQ(alt.numparts, 2);
     EXPECT_EQ(alt.subpart[0].header_size, 2u);
@@ -255,7 +244,6 @@ TEST(MessageParse, MultipartSizes) {
     // outer delimiter behind it to the container.
     EXPECT_EQ(alt.subpart[1].boundary_size, 2u + 11u);
     EXPECT_EQ(alt.boundary_size, 2u + 9u);
-
     const struct body &m = top.subpart[2];
     ASSERT_TRUE(m.subpart);
     EXPECT_EQ(m.numparts, 0);
@@ -264,7 +252,6 @@ TEST(MessageParse, MultipartSizes) {
     EXPECT_EQ(m.content_lines, (uint32_t)m.subpart->header_lines + m.subpart->content_lines);
     EXPECT_EQ(t.content(*m.subpart), "inner body");
     EXPECT_EQ(m.boundary_size, 2u + 11u);
-
     // The message's lines are its header lines and content lines.
     uint32_t lf = 0;
     for (char c : msg) lf += c == '\n';
@@ -278,17 +265,13 @@ TEST(MessageParse, BrokenMultiparts) {
     ASSERT_EQ(none.top.numparts, 1);
     EXPECT_EQ(none.top.subpart[0].header_size + none.top.subpart[0].content_size, 0u);
     EXPECT_EQ(none.top.content_size, 15u);
-
     // No BOUNDARY parameter: a leaf that stays "MULTIPART".
     Tree nob(crlf("Content-Type: multipart/mixed\n\n--x\nabc\n"));
     EXPECT_EQ(str(nob.top.type), "MULTIPART");
     EXPECT_EQ(nob.top.subpart, nullptr);
     EXPECT_EQ(nob.top.content_size, 10u);
-
-    // One part of each message (by its path from the top) with its
-    // content, header and delimiter sizes and the part count and delimiter
-    // size of its container (-1: not looked at); every message is covered
-    // whole by its top entity and its parts lie one behind the other.
+    // A part (by its path) with its content, header and delimiter sizes, its
+    // container's part count and delimiter size (-1: not looked at).
     const struct {
         const char *what, *boundary, *body;
         std::vector<int> path;
@@ -344,7 +327,6 @@ TEST(MessageParse, BrokenMultiparts) {
     Tree cut(mixed("out", cases[1].body));
     EXPECT_EQ(cut.top.subpart[0].boundary_lines, 2u);
     EXPECT_EQ(cut.top.subpart[0].subpart[0].boundary_lines, 0u);
-
     // Input ending in the middle of a delimiter, with no line end.
     for (const char *end : {"--z", "--z-", "--z--", "-", "--", "."}) {
         SCOPED_TRACE(end);
@@ -361,7 +343,6 @@ TEST(MessageParse, DigestAndMessageParts) {
     EXPECT_EQ(str(d.top.subpart[0].subpart->subject), "one");
     EXPECT_EQ(str(d.top.subpart[1].type), "TEXT");
     expect_whole(d);
-
     // A message part whose header a delimiter ends: its message is empty
     // and of the default type, and the part takes over the message's
     // (zero) delimiter size, so that delimiter is in no size.
@@ -371,14 +352,7 @@ TEST(MessageParse, DigestAndMessageParts) {
     ASSERT_TRUE(mp.subpart);
     EXPECT_EQ(str(mp.subpart->type), "TEXT");
     EXPECT_EQ(mp.content_size + mp.boundary_size, 0u);
-    EXPECT_EQ(m.top.header_size + m.top.content_size, m.len - 9);
-
-    // A message inside a message at the top.
-    Tree top(crlf("Content-Type: message/rfc822\n\nSubject: in\nFrom: a@b\n\n.dot\n"));
-    ASSERT_TRUE(top.top.subpart);
-    EXPECT_EQ(str(top.top.subpart->subject), "in");
-    EXPECT_NE(top.top.dotlines, 0);
-    expect_whole(top);
+    EXPECT_EQ(m.top.header_size + m.top.content_size, m.len - 9);    // A message at the top: the cache tests' flags and sections cover it.
 }
 
 // Multiparts nested n deep, boundaries "b<level>x", a text part inside.
@@ -404,11 +378,9 @@ TEST(MessageParse, NestingBudget) {
     EXPECT_EQ(str(b->type) + "/" + str(b->subtype), "TEXT/MIXED");
     EXPECT_NE(t.content(*b).find("--b55x"), std::string::npos);
     expect_whole(t);
-
     // Thousands of levels end the same way, without deep recursion.
     Tree deep(nested(5000));
     EXPECT_EQ(deep.top.header_size + deep.top.content_size, deep.len);
-
     // Messages inside messages count against the same budget.
     std::string msgs;
     for (int i = 0; i < 80; i++) msgs += "Content-Type: message/rfc822\r\n\r\n";
@@ -420,9 +392,8 @@ TEST(MessageParse, NestingBudget) {
 }
 
 TEST(MessageParse, LongHeaders) {
-    // A line longer than the buffer's room arrives in pieces; only a
-    // line's first piece is looked at, so a piece that starts with a
-    // delimiter ends nothing.
+    // A line longer than the buffer arrives in pieces; a later piece that
+    // starts with a delimiter ends nothing.
     std::string part_header = "X-Long: " + std::string(996 - 8, 'a') + "--b\r\n";
     Tree t("Content-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n" + part_header +
            "Subject: " + std::string(3000, 's') + "\r\n\r\nbody\r\n--b--\r\n");
@@ -431,9 +402,7 @@ TEST(MessageParse, LongHeaders) {
     EXPECT_EQ(p.header_size, part_header.size() + 9 + 3000 + 2 + 2);
     EXPECT_EQ(str(p.subject).size(), 3000u);
     EXPECT_EQ(t.content(p), "body");
-
-    // A header beyond the buffer's limit is given up: no fields, all
-    // content. Just below the limit it is read whole.
+    // A header beyond the buffer's limit is given up (all content); below it, read whole.
     std::string pad;
     while (pad.size() < 120000) pad += "X-Pad: " + std::string(70, 'p') + "\r\n";
     Tree fits("Subject: kept\r\n" + pad + "\r\nbody\r\n");
@@ -456,9 +425,8 @@ TEST(MessageParse, BareLineFeeds) {
     Tree hlf("Subject: a\nb\r\n\r\n");
     EXPECT_EQ(str(hlf.top.subject), "a");
     EXPECT_EQ(hlf.top.header_size, 11u);
-    // Before a delimiter, the 2 bytes in front count as the delimiter's
-    // even when they are not CR LF; a one-byte line gives up no more than
-    // it has.
+    // The 2 bytes before a delimiter are its own even when not CR LF; a
+    // one-byte line gives up no more than it has.
     const std::pair<const char *, uint32_t> before[] = {{"ab\n", 1}, {"\n", 0}};
     for (const auto &c : before) {
         Tree dl("Content-Type: multipart/mixed; boundary=w\r\n\r\n--w\r\n\r\n" +
