@@ -135,7 +135,6 @@ TEST(Mboxname, ToInternal)
     for (const NameCase &c : cases)
         EXPECT_EQ(c.want, internal(c.name, c.view, c.userid))
             << c.name << " view " << c.view << " user " << (c.userid ? c.userid : "null");
-
     // A failure before any copying leaves the buffer empty.
     char out[MAX_MAILBOX_NAME] = "junk";
     EXPECT_EQ(BAD, mboxname_tointernal("#news", 0, "bob", out));
@@ -184,7 +183,6 @@ TEST(Mboxname, PathsAndBack)
     EXPECT_EQ(std::string(255, 'a'), frompath("=" + std::string(255, 'a')));
     EXPECT_EQ("<bad>", frompath("=" + std::string(256, 'a')));
     EXPECT_EQ("<bad>", frompath("=" + std::string(255, 'a') + "%d"));
-
     // The length limit counts the root; a character written at the limit
     // may take two places.
     std::string r989(989, 'r');
@@ -193,7 +191,6 @@ TEST(Mboxname, PathsAndBack)
     EXPECT_EQ(1001u, getpath("public/X", r989).size());
     EXPECT_EQ("<bad>", getpath("user/alice/" + std::string(200, 'S'), std::string(998, 'r')));
     EXPECT_EQ("<bad>", getpath("public/" + std::string(255, '.'), std::string(600, 'r')));
-
     // Every character that the directory encoding rewrites comes back from
     // its directory, under a short and a deep root. Random valid names and
     // their external forms round-trip under the name fuzzer's invariants.
@@ -223,7 +220,6 @@ TEST(Mboxname, PolicyCheck)
     };
     for (const std::string &name : accepted)
         EXPECT_EQ(0, mboxname_policycheck(name.c_str())) << name;
-
     const std::string refused[] = {
         "", "user", "public", "/public/x", "public/x/", "public//x", "public/a\tb", "public/a\nb",
         "user/bob/inbox", "user/bob/INBOX", "user/bob/InBoX/x", "other/x", "User/bob",
@@ -238,7 +234,6 @@ TEST(Mboxname, PolicyCheck)
     };
     for (const std::string &name : refused)
         EXPECT_EQ(BAD, mboxname_policycheck(name.c_str())) << name;
-
 }
 
 TEST(Mboxname, Owners)
@@ -252,7 +247,6 @@ TEST(Mboxname, Owners)
     }
     std::string longid = "user/" + std::string(200, 'i') + "/x";
     EXPECT_EQ(std::string(127, 'i'), mboxname_owner(longid.c_str(), buf));
-
     EXPECT_EQ(nullptr, mboxname_mailbox("user/bob"));
     const char *name = "user/bob/Sent/2005";
     EXPECT_EQ(name + 9, mboxname_mailbox(name));
@@ -260,7 +254,6 @@ TEST(Mboxname, Owners)
         {"user/bobby", 0}, {"user/bo", 0}, {"public/bob", 0}};
     for (const auto &o : owned) EXPECT_EQ(o.second, mboxname_userownsmailbox("bob", o.first)) << o.first;
     EXPECT_EQ(0, mboxname_userownsmailbox("bob/x", "user/bob/x"));
-
     char out[MAX_MAILBOX_NAME];
     EXPECT_STREQ("user/bob", mboxname_toownedmailbox(nullptr, "bob", out));
     EXPECT_STREQ("user/bob/Sent", mboxname_toownedmailbox("Sent", "bob", out));
