@@ -243,11 +243,8 @@ TEST(MessageParse, MultipartSizes) {
     EXPECT_EQ(alt.subpart[1].boundary_size, 2u + 11u);
     EXPECT_EQ(alt.boundary_size, 2u + 9u);
     const struct body &m = top.subpart[2];
+    // Its sizes, lines and envelope: the cache tests' nested message part.
     ASSERT_TRUE(m.subpart);
-    EXPECT_EQ(m.numparts, 0);
-    EXPECT_EQ(str(m.subpart->subject), "inside");
-    EXPECT_EQ(m.content_size, m.subpart->header_size + m.subpart->content_size);
-    EXPECT_EQ(m.content_lines, (uint32_t)m.subpart->header_lines + m.subpart->content_lines);
     EXPECT_EQ(t.content(*m.subpart), "inner body");
     EXPECT_EQ(m.boundary_size, 2u + 11u);
     // The message's lines are its header lines and content lines.
