@@ -1,6 +1,6 @@
 // The store daemon with its short-lived clients: readiness, clean ends,
 // crashes of clients and of the daemon, daemons that race, and file systems
-// that are full, small or pulled away.
+// that are full or pulled away.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -146,8 +146,7 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
     EXPECT_TRUE(logged(inst, "stored: store closed"));
     ASSERT_TRUE(inst.startStored());
     EXPECT_EQ(ls(inst.path("data/store/session")), "client." + std::to_string(clients[3]) + "\n");
-    kill(clients[3], SIGKILL);
-    testutil::wait_child(clients[3]);
+    kill(clients[3], SIGKILL), testutil::wait_child(clients[3]);
     // A daemon that dies leaves no ready store; the next recovers.
     inst.killStored();
     EXPECT_FALSE(store_session_ready_test("stored"));
@@ -179,8 +178,7 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
         return pause();
     });
     ASSERT_EQ(testutil::read_byte(p.r, 30000), 'k');
-    kill(writer, SIGKILL);
-    testutil::wait_child(writer);
+    kill(writer, SIGKILL), testutil::wait_child(writer);
     EXPECT_EQ(inst.stopStored(), 0);
     ASSERT_TRUE(inst.startStored());
     EXPECT_EQ(rows_found("user/c", 200), 200);
@@ -266,7 +264,7 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     fs.fill();
     EXPECT_EQ(inst.stopStored(), 74);
     EXPECT_TRUE(logged(inst, "final checkpoint error"));
-    // Without room for the environment the daemon refuses and repairs nothing.
+    // Without room for the environment the daemon refuses (75) and repairs nothing.
     ASSERT_EQ(run_command("cd '" + fs.dir + "'/mboxlist && rm -f __db.* folderlock/__db.*"), 0);
     fs.fill();
     EXPECT_TRUE(!inst.startStored() && inst.storedStatus() == 75) << inst.storedStatus();
@@ -289,11 +287,3 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     EXPECT_EQ(rows_found("user/keep", 250), 250);
 }
 
-TEST(StoreFaults, TooSmallFileSystemRefusesToStart) {
-    Instance inst;
-    Tmpfs fs(inst.path("data/store"), "2m");
-    if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
-    std::string err;
-    EXPECT_EQ(run_command(cmd(inst, "stored") + "-d", nullptr, &err), 75) << err;
-    EXPECT_TRUE(logged(inst, "the store cannot start: No space left"));
-}
