@@ -236,6 +236,37 @@ const char *mailbox_cache_item(const struct map *index_map, const char *name, un
 // 0, IMAP_MAILBOX_BADNAME for a path too long, else IMAP_IOERROR.
 int mailbox_makedirs(const char *path);
 
+// ---- expunge: rewriting records and cache ------------------------------
+//
+// mailbox_expunge rewrites "store.idx" through "index.new": it drops the
+// records that the decision function removes, compacts the cache in runs,
+// and lays out free record slots (the larger of exists and 100, plus
+// extraspace). Message files are not touched: each removed message gets a
+// (time, uid) record in "store.exp", and mailbox_clean_expunge deletes the
+// files later.
+
+// A decision function: 0 keep, -1 keep this and all that follow, other remove.
+typedef int (*mailbox_decideproc_t)(void *rock, const struct index_record *record);
+
+// Bits of mailbox_expunge.
+#define EXPUNGE_FORCE 0x02     // rewrite even when nothing goes, even an empty folder
+#define EXPUNGE_LOCKED 0x04    // the caller holds the index lock and keeps the folder
+#define EXPUNGE_NONOTIFY 0x08  // no notification
+
+// 0, IMAP_IOERROR, or the error of re-reading the header or of the lock.
+int mailbox_expunge(struct mailbox *mailbox, int flags, int extraspace,
+                    mailbox_decideproc_t decide, void *rock);
+// Opens (with create: makes) "store.exp" at path and locks it; *fdp and
+// *sizep get descriptor and size. 0, IMAP_MAILBOX_NONEXISTENT or IMAP_IOERROR.
+int mailbox_lock_expunge(const char *path, int create, int *fdp, off_t *sizep);
+// Deletes the message files of the "store.exp" records of folder directory
+// path (messages under mpath, or path when null) that are not younger than
+// limit, and shortens or removes "store.exp". 0, IMAP_MAILBOX_NONEXISTENT,
+// IMAP_MAILBOX_BADFORMAT or IMAP_IOERROR.
+int mailbox_clean_expunge(const char *path, const char *mpath, time_t limit);
+// Logs an invalid record of a rewrite in hexadecimal.
+void log_index_record(const char *name, unsigned msgno, const struct index_record *record);
+
 // (mailbox_location, which needs the folder database and the directory of
 // users, comes with those.)
 
