@@ -1,11 +1,10 @@
-// Text services: encoded words, character sets, time zones, the encoding of
-// generated messages, and folder patterns.
+// Text services: encoded words, character sets, time zones and folder
+// patterns.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <string>
 
 #include "support/charset.h"
@@ -68,59 +67,6 @@ TEST(Charset, NamesLocalTextAndTimeZones) {
         {"-0popo", "-"},       {"", "-"},             {"2004", "-"},         {"+0099", "-"}};
     for (const auto &z : zones) EXPECT_EQ(zone(z.zone), z.offset) << z.zone;
     EXPECT_EQ(MCV_TimeZoneToOffset(nullptr, nullptr, nullptr, nullptr), 0);
-}
-
-// A generated header value or body: the size first, then the conversion
-// into a buffer of that size (a header also needs room for its NUL), and
-// into one too small.
-std::string generate(bool isHeader, const std::string &text) {
-    auto gen = [&](char *out, int size) {
-        return isHeader ? MCV_UTF8ToInternetMessageHeader("en", text.c_str(), out, size)
-                        : MCV_UTF8ToInternetMessageBody("de", text.c_str(), out, size, 0, 0);
-    };
-    int need = gen(nullptr, -1);
-    std::string out(need + 1, '\0');
-    EXPECT_TRUE(need >= 0 && gen(&out[0], need + isHeader) == need && (need == 0 || gen(&out[0], need - 1) == -1));
-    return out.substr(0, need);
-}
-
-TEST(GeneratedMessage, HeadersAndBodiesRoundTrip) {
-    std::string longtext;
-    for (int i = 0; i < 40; i++) longtext += "\xC3\xA9t\xC3\xA9 ";
-    // Headers: 7-bit, encoded words of at most 75 bytes, decoding to the text.
-    for (std::string t : {"", "Welcome", "Willkommen bei M\xC3\xBCller", "a =?utf-8?Q?looks_encoded?= b",
-                          "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E \xE3\x81\xAE \xE4\xBB\xB6\xE5\x90\x8D",
-                          " lead and trail \xC3\xA9 ", "tab\there \xC3\xA9\t\xC3\xA9", longtext.c_str()}) {
-        std::string enc = generate(true, t);
-        for (size_t pos = 0, end; (pos = enc.find("=?", pos)) != std::string::npos; pos = end + 2)
-            EXPECT_LE((end = enc.find("?=", pos + 10)) + 2 - pos, 75u) << enc;
-        for (char c : enc) EXPECT_LT((unsigned char)c, 0x80) << t;
-        EXPECT_EQ(decode(enc.c_str()), t) << enc;
-    }
-    // Bodies: 7bit if they can be; else quoted-printable lines of at most 76
-    // printable bytes, none ending in a blank, with CRLF; also for an ASCII
-    // line too long for a transport. They decode to the text.
-    const char *ascii = "Hello bob,\nyour quota is 90%.\r\n= ok";
-    EXPECT_EQ(std::string(MCV_InternetMessageCharset("en", ascii, "utf-8", 0)) + " " +
-                  MCV_InternetMessageContentTransferEncoding("en", ascii, "utf-8") + " " + generate(false, ascii),
-              "us-ascii 7bit Hello bob,\r\nyour quota is 90%.\r\n= ok");
-    std::string text = "Gr\xC3\xBC\xC3\x9F" "e, blank \r\nline=2\t\r\n" + std::string(200, 'x') + "\r\n\xE2\x82\xAC";
-    for (const std::string &t : {text, std::string(1200, 'a')}) {
-        EXPECT_STREQ(MCV_InternetMessageContentTransferEncoding("de", t.c_str(), "utf-8"), "quoted-printable");
-        std::string qp = generate(false, t), out;
-        for (size_t start = 0, end; start < qp.size(); start = end + 2) {
-            std::string line = qp.substr(start, (end = std::min(qp.find("\r\n", start), qp.size())) - start);
-            EXPECT_TRUE(line.size() <= 76 && (line.empty() || line.back() != ' ')) << line;
-            for (char c : line) EXPECT_TRUE(c >= 33 || c == ' ' || c == '\t') << line;  // no bare CR or LF
-            bool soft = !line.empty() && line.back() == '=';  // a soft line break
-            for (size_t i = 0; i + soft < line.size(); i++) {
-                if (line[i] != '=') out += line[i];
-                else out += (char)strtol(line.substr(i + 1, 2).c_str(), nullptr, 16), i += 2;
-            }
-            if (!soft && end < qp.size()) out += "\r\n";
-        }
-        EXPECT_EQ(out, t);
-    }
 }
 
 TEST(Glob, MatchesOfPatterns) {
