@@ -1,4 +1,4 @@
-// Signals, descriptor limits, portability helpers and the plug-in loader.
+// Signals, descriptor limits and the process id.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -10,7 +10,6 @@
 #include <string>
 
 #include "support/osl.h"
-#include "support/plugin.h"
 #include "support/signals.h"
 #include "tests/testutil.h"
 
@@ -74,20 +73,4 @@ TEST(Signals, DescriptorLimitAndProcessId) {
     setrlimit(RLIMIT_NOFILE, &saved);
     // Not a value kept from before a fork.
     EXPECT_EQ(testutil::in_child([] { return process_id() == getpid() ? 0 : 1; }), 0);
-}
-
-TEST(Plugins, LoadLookUpAndShutDown) {
-    for (const char *text : {"some text", (const char *)nullptr}) {
-        svcplugin *p = svcpluginload("libc.so.6", text);
-        ASSERT_NE(p, nullptr);
-        EXPECT_STREQ(svcpluginload_text(p), text ? text : "");
-        EXPECT_EQ(*(void **)p, nullptr);  // no init entry: no context
-        size_t (*f)(const char *) = (size_t(*)(const char *))svcpluginload_getfunc(p, "strlen");
-        EXPECT_TRUE(f && f("four") == 4 && !svcpluginload_getfunc(p, "no_such_symbol_anywhere"));
-        svcpluginload_shutdown(p);
-    }
-    // Failure: null, and an error entry (on standard error: no log is open).
-    testutil::StderrCapture err;
-    EXPECT_EQ(svcpluginload("/nonexistent/libplug.so", "t"), nullptr);
-    EXPECT_NE(err.text().find("/nonexistent/libplug.so"), std::string::npos) << err.text();
 }
