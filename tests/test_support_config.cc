@@ -81,25 +81,13 @@ TEST(Config, EmptyFileWorksAndMissingInstanceFails) {
     EXPECT_EQ(config_get_switch(nullptr, "local.late", 0), 1);
 }
 
-// Gathers "name dir" of each partition scanned; stops after stop_after.
-struct Seen {
-    std::vector<std::string> seen;
-    size_t stop_after = 0;
-    static int cb(const char *name, const char *dir, void *rock) {
-        Seen *s = (Seen *)rock;
-        s->seen.push_back(std::string(name) + " " + dir);
-        return s->seen.size() == s->stop_after ? 99 : 0;
-    }
-};
-
-TEST(Config, PartitionsStoredFilesOptionFilesAndLanguages) {
+TEST(Config, PartitionsAndStoredFiles) {
     testutil::Instance inst;
-    Seen all, early;
     testutil::write_file(inst.path("config/store.conf"),
                          "local.store.dir: " + inst.path("data/elsewhere") + "\nstore.partition.zeta.path: /p/zeta\n"
                          "store.partition.alpha.path: /p/alpha\nstore.partition.alpha.messagepath: /m/alpha\n"
                          "store.partition.orphan.messagepath: /m/orphan\nstore.partition.mid.path: /p/mid-old\n"
-                         "store.partition.mid.path: /p/mid\ngen.greeting: plain\ngen.greeting.fr: francais\n");
+                         "store.partition.mid.path: /p/mid\n");
     configmsg_reset();
     ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
     ASSERT_EQ(mkdir(inst.path("data/elsewhere").c_str(), 0700), 0);
@@ -110,10 +98,6 @@ TEST(Config, PartitionsStoredFilesOptionFilesAndLanguages) {
         {"primary", inst.path("partitions/primary"), "<null>"}};
     for (const auto &p : parts)
         EXPECT_EQ(take(configmsg_partitiondir(p.name)) + take(configmsg_partitionmsgdir(p.name)), p.dir + p.msgdir);
-    EXPECT_EQ(configmsg_scanpartition(Seen::cb, &all), 0);
-    EXPECT_EQ(all.seen, (std::vector<std::string>{"alpha /p/alpha", "mid /p/mid", "zeta /p/zeta"}));
-    early.stop_after = 2;
-    EXPECT_TRUE(configmsg_scanpartition(Seen::cb, &early) == 99 && early.seen.size() == 2);
     // Stored numbers: 2 for a missing file, written through "<name>.new";
     // a malformed file is an error that leaves the value alone.
     long v = 777;
@@ -124,20 +108,6 @@ TEST(Config, PartitionsStoredFilesOptionFilesAndLanguages) {
     testutil::write_file(inst.path("data/elsewhere/eve"), "12 junk\n");
     int rc = configmsg_readstoredfile("eve", &v);
     EXPECT_TRUE(rc != 0 && rc != 2 && v == -5) << rc;
-    testutil::write_file(inst.path("config/opts.dat"), "# schema options\n  LDAP_SCHEMALEVEL = 2 \n\nNAME=first\n"
-                                                       "NAME = a=b\ngarbage without equals\nBAD_INT=4x\n");
-    optfile *o = optfile_read(configmsg_getconfigroot(), "opts.dat", svclog_getdefault(), 0, 0, 0, 0, 0);
-    ASSERT_NE(o, nullptr);
-    EXPECT_TRUE(optfile_int(o, "LDAP_SCHEMALEVEL", 1) == 2 && optfile_int(o, "BAD_INT", 9) == 9);
-    EXPECT_EQ(str(optfile_get(o, "NAME", "d")) + str(optfile_get(o, "garbage without equals", "d")), "a=bd");
-    optfile_dispose(o);
-    EXPECT_EQ(optfile_read(configmsg_getconfigroot(), "absent.dat", nullptr, 0, 0, 0, 0, 0), nullptr);
-    // Texts by language: the first listed language that has one.
-    for (const char *langs : {"it, fr de", "it,es"}) {
-        char *lang = (char *)"unset";
-        std::string text = take(configmsg_getstringcopywlang("gen.greeting", 0, langs, &lang));
-        EXPECT_EQ(text + " " + take(lang), strchr(langs, 'f') ? "francais fr" : "plain <null>");
-    }
 }
 
 TEST(Config, FileModesAndServerUser) {
