@@ -1,12 +1,8 @@
-// Store utilities: canonical ids and folder names, the partition id table,
-// file system sizes and time formatting.
+// Store utilities: canonical ids and folder names, and the partition id table.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <time.h>
 
 #include <string>
 #include <vector>
@@ -84,49 +80,6 @@ TEST(StoreUtil, CanonicalIdsAndFolderNames)
         EXPECT_EQ("user/Bob@example.com/Sent",
                   canon(store_canonifymboxname, "user/Bob@Example.COM/Sent"));
     }
-}
-
-TEST(StoreUtil, InboxesAndTimes)
-{
-    for (const char *name : {"user/bob", "user/bob/INBOX"}) EXPECT_EQ(1, store_isInbox(name));
-    for (const char *name : {"user/bob/inbox", "user/bob/INBOX/x", "user/bob/INBOXes",
-                             "user/bob/Sent", "public/x", "user", "userbob"})
-        EXPECT_EQ(0, store_isInbox(name)) << name;
-
-    testutil::ScopedTZ tz("EST5");
-    char buf[32];
-    EXPECT_EQ(buf, store_time2str(0, "%Y%m%d%H%M%S", buf, sizeof buf));
-    EXPECT_STREQ("19691231190000", buf);  // local time, five hours behind
-    // A result that doesn't fit leaves the buffer empty.
-    EXPECT_EQ(buf, store_time2str(0, "%Y%m%d%H%M%S", buf, 8));
-    EXPECT_STREQ("", buf);
-    EXPECT_EQ(nullptr, store_time2str(0, "%Y", nullptr, 10));
-}
-
-TEST(StoreUtil, PathInfo)
-{
-    testutil::TempDir tmp;
-    struct statvfs vfs;
-    ASSERT_EQ(0, statvfs(tmp.path().c_str(), &vfs));
-    uint32_t want_total = (uint32_t)((double)vfs.f_frsize * (double)vfs.f_blocks / 1024);
-
-    // A missing file, or a missing tree, in an existing directory reports
-    // that directory's file system; with no directory left, the root's.
-    const std::pair<std::string, bool> cases[] = {  // path, on the temporary directory's
-        {tmp.path(), true},          {tmp.file("missing"), true}, {tmp.file("a/b/c/d"), true},
-        {tmp.file("a\\b/c\\d"), true}, {"/no-such-dir-xyz/f", false}};
-    for (const auto &c : cases) {
-        uint32_t total = 7, free_kb = 7;
-        EXPECT_EQ(0, store_getpathinfo(c.first.c_str(), &total, &free_kb)) << c.first;
-        EXPECT_TRUE(total > 0 && free_kb <= total && (!c.second || want_total == total))
-            << c.first << ": " << free_kb << " of " << total;
-    }
-
-    // Nothing of the path exists, and no separator is left to cut at.
-    testutil::StderrCapture err;
-    uint32_t total = 7, free_kb = 7;
-    EXPECT_EQ(-1, store_getpathinfo("no-such-relative-xyz", &total, &free_kb));
-    EXPECT_EQ(0u, total + free_kb);
 }
 
 TEST(StoreUtil, PartitionTable)
