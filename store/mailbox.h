@@ -266,6 +266,8 @@ int mailbox_lock_expunge(const char *path, int create, int *fdp, off_t *sizep);
 int mailbox_clean_expunge(const char *path, const char *mpath, time_t limit);
 // Logs an invalid record of a rewrite in hexadecimal.
 void log_index_record(const char *name, unsigned msgno, const struct index_record *record);
+// The sync level of "store.exp", read once per process.
+int mailbox_expunge_sync_level(void);
 
 // (mailbox_location, which needs the folder database and the directory of
 // users, comes with those.)
