@@ -161,20 +161,17 @@ TEST(MessageParse, HeaderFields) {
         {"Content-Type: a/b; n=\"x\n y\"", "type", "A/B N=x y"},  // folded inside quotes
         {"Content-Type: broken\nContent-Type: image/gif", "type", "IMAGE/GIF "},
         // Split parameters are joined, encoded parts kept encoded.
-        {"Content-Type: a/x; title*0*=us-ascii'en'a%20; title*1=\"b c\"", "type",
-         "A/X TITLE*=us-ascii'en'a%20b%20c"},
+        {"Content-Type: a/x; title*0*=us-ascii'en'a%20; title*1=\"%'* q\"", "type",
+         "A/X TITLE*=us-ascii'en'a%20%25%27%2A%20q"},
         {"Content-Type: a/x; title*0=a; title*1*=%20b", "type", "A/X TITLE*=''a%20b"},
         {"Content-Type: a/x; u*2=c; u*1=b; x=y; u*0=a", "type", "A/X X=y,U=abc"},
         {"Content-Type: a/x; name*0=lone", "type", "A/X NAME=lone"},
         {"Content-Type: a/x; v*0=a; v*2=c", "type", "A/X V=a,V*2=c"},  // a gap ends the value
         {"Content-Type: a/x; title*=utf-8''x; title*3=y", "type", "A/X TITLE*=utf-8''x,TITLE*3=y"},
-        {"Content-Type: a/x; w*0*=''a; w*1=\"%'* q\"", "type", "A/X W*=''a%25%27%2A%20q"},
         {"Content-Type: a/x; k*0=a; k*01=b", "type", "A/X K=a,K*01=b"},
         // Transfer encoding: a token alone in its field.
         {"Content-Transfer-Encoding: quoted-printable (qp)", "encoding", "QUOTED-PRINTABLE"},
         {"Content-Transfer-Encoding: 7bit x\nContent-Transfer-Encoding: base64", "encoding", "BASE64"},
-        {"Content-Disposition: attachment; filename*0=\"long\";\n filename*1=\"name.txt\"; size=10",
-         "disposition", "ATTACHMENT FILENAME=longname.txt,SIZE=10"},
         {"Content-Disposition: inline junk\nContent-Disposition: Attachment", "disposition",
          "ATTACHMENT "},
         // The list of the last header with a tag wins; a bad tag ends the list.
@@ -196,8 +193,7 @@ TEST(MessageParse, HeaderFields) {
     const char *ends[][3] = {{"Content-Description:", "description", ""},
                              {"Content-Language:", "language", ""},
                              {"Content-Disposition:", "disposition", "<null> "},
-                             {"Content-Transfer-Encoding:", "encoding", "<null>"},
-};
+                             {"Content-Transfer-Encoding:", "encoding", "<null>"}};
     for (const auto &e : ends) {
         Tree t(e[0]);
         EXPECT_EQ(t.top.header_size, strlen(e[0]));
