@@ -23,6 +23,7 @@
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
 #include "support/config.h"
+#include "support/lock.h"
 
 namespace testutil {
 
@@ -396,6 +397,13 @@ void make_folder(const char *name, const std::string &dir, const char *acl,
         << name;
     deliver(&mb, n);
     mailbox_close(&mb);
+}
+
+bool lockable_by_other(const std::string &path) {
+    return in_child([&path] {
+               int fd = open(path.c_str(), O_RDWR);
+               return fd >= 0 && lock_nonblocking(fd) == 0 ? 0 : 1;
+           }) == 0;
 }
 
 }  // namespace testutil

@@ -179,6 +179,9 @@ void deliver(struct ::mailbox *mb, unsigned n);
 void make_folder(const char *name, const std::string &dir, const char *acl,
                  uint32_t uidvalidity, unsigned n);
 
+// Whether another process can take the index lock of the file at path now.
+bool lockable_by_other(const std::string &path);
+
 }  // namespace testutil
 
 #endif
