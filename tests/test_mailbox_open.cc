@@ -16,7 +16,6 @@
 #include "store/mboxlist.h"
 #include "support/auth.h"
 #include "support/config.h"
-#include "support/lock.h"
 #include "support/map.h"
 #include "support/retry.h"
 #include "support/xmalloc.h"
@@ -34,17 +33,10 @@ extern "C" int sync_file_range(int fd, off64_t off, off64_t n, unsigned int flag
 namespace {
 
 using testutil::folder_dir;
+using testutil::lockable_by_other;
 using testutil::put_row;
 using testutil::read_byte;
 using testutil::send_byte;
-
-// Whether a process other than this one can take the lock of the file now.
-bool lockable_by_other(const std::string &idx) {
-    return testutil::in_child([&] {
-               int fd = open(idx.c_str(), O_RDWR);
-               return fd >= 0 && lock_nonblocking(fd) == 0 ? 0 : 1;
-           }) == 0;
-}
 
 // A handle as zeromailbox leaves it.
 bool is_zero(const mailbox &mb) {
@@ -310,10 +302,6 @@ TEST_F(FolderOpen, LazyOpenAndAclFromTheRow) {
     EXPECT_EQ(mb.index_fd, -1);
     EXPECT_EQ(mb.mbd.uidvalidity, 77u);  // the row's copy
     EXPECT_EQ(mb.myrights, (unsigned long)(ACL_LOOKUP | ACL_READ));
-    put_row("user/fred", MAILBOX_VERSION, 0, "bob\tlrsw\t");
-    ASSERT_EQ(mailbox_read_acl(&mb, bob_), 0);
-    EXPECT_STREQ(mb.acl, "bob\tlrsw\t");
-    EXPECT_EQ(mb.myrights, (unsigned long)(ACL_LOOKUP | ACL_READ | ACL_SEEN | ACL_WRITE));
     mailbox_close(&mb);
     ASSERT_EQ(mailbox_open("user/fred", OPEN_REPAIR, bob_, &mb), 0);
     EXPECT_EQ(mb.index_fd, -1);
