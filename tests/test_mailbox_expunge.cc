@@ -9,10 +9,12 @@
 #include <sys/stat.h>
 
 #include <map>
+#include <numeric>
 #include <set>
 
 #include "store/imap_err.h"
 #include "store/mailbox_create.h"
+#include "store/mailbox_log.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
 #include "store/message.h"
@@ -74,7 +76,11 @@ int in_set(void *rock, const index_record *r) { return (int)((std::set<uint32_t>
 
 class Expunge : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(testutil::start_store("expungetest"), 0); }
+    void SetUp() override {
+        inst.addConfig("local.msgtrace.active: yes");
+        ASSERT_EQ(testutil::start_store("expungetest"), 0);
+        mailbox_init_svclog_msgtrace("expungetest");
+    }
     void TearDown() override { mailbox_close(&mb); mboxlist_reset_for_tests(); }
     // Opens a new user/<user> with n corpus messages: uid i, internaldate 1000000 + i.
     void make(const std::string &user, unsigned n, const char *partition = nullptr) {
@@ -168,8 +174,15 @@ TEST_F(Expunge, RemovesTheChosenMessagesAndCompactsTheCache) {
         std::string exp = read_file(dir + "/store.exp");
         int32_t t = exp.size() >= want.size() + 4 ? *(const int32_t *)(exp.data() + want.size()) : 0;
         EXPECT_TRUE(t >= t0 && t <= time(nullptr));
-        for (uint32_t uid : gone) want += rec8(t, uid);
-        EXPECT_EQ(exp, want);
+        EXPECT_EQ(exp, want + std::accumulate(gone.begin(), gone.end(), std::string(),
+                                              [&](std::string a, uint32_t uid) { return a + rec8(t, uid); }));
+        // The message trace names each by its Message-ID.
+        std::string trace = read_file(inst.path("log/msgtrace.log"));
+        for (uint32_t uid : gone) {
+            const std::string &text = corpus()[uid - 1];
+            std::string id = testutil::take(mailbox_getheadervalue("Message-ID", text.data(), text.size()));
+            EXPECT_NE(trace.find("expunge:" + name + ":" + id + "\n"), std::string::npos) << id;
+        }
     }
 }
 
