@@ -293,11 +293,8 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
     noflags.varhdr = std::string(176, 'x');
     noacl.varhdr = "\n" + std::string(175, 'a');
     const int logs = -1;  // in repair mode too: a bad version, or a variable header error
-    const struct {
-        std::string bytes;
-        unsigned mode;
-        int repair;  // the result under OPEN_REPAIR, which logs nothing
-    } cases[] = {
+    // repair: the result under OPEN_REPAIR, which logs nothing.
+    const struct { std::string bytes; unsigned mode; int repair; } cases[] = {
         {whole.substr(0, 79), 0, IMAP_MAILBOX_BADFORMAT},  // no fixed header
         {whole.substr(0, 80), 0, logs},                    // start_offset beyond the end
         {bad_version, 0, logs},
