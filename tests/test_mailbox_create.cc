@@ -89,11 +89,6 @@ TEST_F(MailboxFiles, CreateLaysOutANewIndex) {
     mailbox_close(&mb);
     EXPECT_EQ(file_size(dir("user/fred") + "/store.idx"), 7856);  // room for 100 records
     EXPECT_TRUE(has_peruser("user/fred"));
-    // A separate message directory is made as well.
-    ASSERT_EQ(create("user/fred", &mb, 1, "", "spool"), 0);
-    EXPECT_EQ(std::string(mb.mpath), mdir("user/fred"));
-    mailbox_close(&mb);
-    EXPECT_TRUE(file_exists(mdir("user/fred")));
     // The path and 16 bytes more may reach 1024: 1008 bytes is the longest.
     std::string ok = inst.path("partitions/primary");
     while (ok.size() < 900) ok += "/" + std::string(100, 'x');
