@@ -61,7 +61,7 @@ TEST(MboxlistKeys, OrderAndNameComparison) {
     EXPECT_EQ(mboxlist_quotaroot("fred", root), IMAP_QUOTAROOT_NONEXISTENT);
 }
 
-TEST_F(OpenStore, LookupsPathsAndDamagedRows) {
+TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
     testutil::put_row("user/fred", MAILBOX_VERSION, 3, "fred\tlrswipcda\t", 77, "primary");
     testutil::put_row("user/fred/old", MAILBOX_VERSION, 0, "", 77, "version3");
     struct mboxdata mbd;
@@ -70,7 +70,6 @@ TEST_F(OpenStore, LookupsPathsAndDamagedRows) {
     EXPECT_EQ(testutil::take(part) + "|" + testutil::take(acl), "primary|fred\tlrswipcda\t");
     EXPECT_EQ(testutil::take(path).find(inst.path("partitions/primary")), 0u);
     EXPECT_TRUE(mbd.exists == 3u && mpath == nullptr);  // no separate message directory
-    EXPECT_EQ(mboxlist_lookup_data("user/nobody", nullptr, nullptr), IMAP_MAILBOX_NONEXISTENT);
     EXPECT_EQ(mboxlist_lookup("user/nobody", nullptr, &part, nullptr, nullptr, nullptr),
               IMAP_MAILBOX_NONEXISTENT);
     // "version3" is no partition: the row reads, a path doesn't.
@@ -90,9 +89,7 @@ TEST_F(OpenStore, LookupsPathsAndDamagedRows) {
         EXPECT_EQ(mboxlist_lookup("user/bad", &mbd, nullptr, nullptr, nullptr, &acl),
                   IMAP_MAILBOX_BADFORMAT);
     }
-}
-
-TEST_F(OpenStore, QuotaRowsOfEverySize) {
+    // Quota rows of every size.
     struct quotadata full = {};
     full.used_low = 77;
     full.limit_messages = 50;
