@@ -1,6 +1,6 @@
 // The index file of a folder: written and read back, damage refused, the one
 // repair, the conversion of the old two-file layout, the growth of the
-// variable header with the flush before each rename, message directories and
+// variable header with the flush before each rename, message files and
 // header values.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -456,11 +456,24 @@ TEST_F(MailboxIndex, Version257ConvertsTo258) {
     // An empty old folder converts on open: FolderOpen.OpenModesAndRepair.
 }
 
-TEST(MailboxFiles, MessageDirectories) {
+TEST(MailboxFiles, MessageFileMapsAndDirectories) {
     testutil::TempDir t;
     std::string mdir = t.path() + "/msgs";
     ASSERT_EQ(mailbox_makedirs((mdir + "//23/").c_str()), 0);  // doubled and trailing "/"
     testutil::write_file(mdir + "/23/12345.msg", "Subject: hi\r\n");
+    // Maps under the message directory, with or without a "/" at its end,
+    // else under the folder directory; a missing file is its errno.
+    mailbox mb = zeromailbox;
+    mb.mbd.version = MAILBOX_VERSION;
+    mb.path = const_cast<char *>(mdir.c_str());
+    for (std::string mp : {mdir + "/", std::string()}) {
+        mb.mpath = mp.empty() ? nullptr : const_cast<char *>(mp.c_str());
+        struct map *m = nullptr;
+        ASSERT_EQ(mailbox_map_message(&mb, 12345, nullptr, &m), 0);
+        EXPECT_EQ(std::string(m->base, m->size), "Subject: hi\r\n");
+        mailbox_unmap_message(&mb, nullptr, &m);
+        EXPECT_EQ(mailbox_map_message(&mb, 12346, nullptr, &m), ENOENT);
+    }
     // Directories too long as a whole or in one component; a file in the way.
     std::string longpath = t.path();
     while (longpath.size() < PATH_MAX + 10) longpath += "/abcdefghij";
