@@ -112,6 +112,32 @@ struct Creator {
     }
 };
 
+// A full disk under the database: its log can't be written.
+class FullDisk : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        inst.addConfig("store.dbcachesize: 262144");
+        mkdir(dir.c_str(), 0700);
+        if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64m") != 0)
+            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+        mounted = true;
+    }
+    void TearDown() override {
+        mboxlist_reset_for_tests();
+        if (mounted) umount2(dir.c_str(), MNT_DETACH);
+    }
+    void fill() {
+        std::string block(4096, 'f');
+        int fd = open((dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        while (write(fd, block.data(), block.size()) > 0) {
+        }
+        close(fd);
+    }
+    testutil::Instance inst;
+    std::string dir = inst.path("data/store/mboxlist");
+    bool mounted = false;
+};
+
 }  // namespace
 
 TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
@@ -325,37 +351,6 @@ TEST_F(MboxlistCreate, NamedLocks) {
     }
 }
 
-// A full disk under the database: its log can't be written.
-
-namespace {
-
-class FullDisk : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        inst.addConfig("store.dbcachesize: 262144");
-        mkdir(dir.c_str(), 0700);
-        if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64m") != 0)
-            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-        mounted = true;
-    }
-    void TearDown() override {
-        mboxlist_reset_for_tests();
-        if (mounted) umount2(dir.c_str(), MNT_DETACH);
-    }
-    void fill() {
-        std::string block(4096, 'f');
-        int fd = open((dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        while (write(fd, block.data(), block.size()) > 0) {
-        }
-        close(fd);
-    }
-    testutil::Instance inst;
-    std::string dir = inst.path("data/store/mboxlist");
-    bool mounted = false;
-};
-
-}  // namespace
-
 // A delete whose rows' removal can't reach the log on disk keeps the files:
 // the host may crash before the log is written, and recovery brings the
 // rows back, which must find their files.
@@ -407,9 +402,6 @@ TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
 
 // Crash safety: a child creates and deletes folders at random and is killed
 // at a random moment, again and again; after every kill the store checks out.
-
-namespace {
-
 const char *const CRASH_NAMES[] = {"user/crash",   "user/crash/a", "user/crash/a/b", "user/crash/b",
                                    "user/crash/c", "user/crash/d", "user/crash/e",   "user/crash/f",
                                    "public/crash", "public/crash/x"};
@@ -419,7 +411,7 @@ const int NCRASH = sizeof CRASH_NAMES / sizeof CRASH_NAMES[0];
 // opens (31, 32); every name whose files lie there without a row is taken
 // over by a create (33; roots first, since the names are in that order);
 // then the rows are checked again. found and rows count for the report.
-int check_store(int *found, int *rows) {
+static int check_store(int *found, int *rows) {
     for (int pass = 0; pass < 2; pass++) {
         *rows = 0;
         for (const char *n : CRASH_NAMES) {  // the only names the child writes
@@ -438,8 +430,6 @@ int check_store(int *found, int *rows) {
     }
     return 0;
 }
-
-}  // namespace
 
 TEST(MboxlistCrash, KilledCreatesAndDeletesLeaveRowsWithFiles) {
     testutil::Instance inst;
