@@ -40,14 +40,26 @@ struct map;
 // Rights mask of append_setup that asks for no right at all.
 #define APPEND_NO_RIGHTS 0x80000
 
+// Kinds of per-user uid lists (append_addperuser).
+#define APPEND_PERUSER_SEEN 1
+#define APPEND_PERUSER_DELETED 2
+
 // One append session. The caller owns it and sets `mailbox` before
 // append_setup; everything else is filled by append_setup.
+//
+// Seen and deleted flags of consecutive uids for one user are collected in
+// the session and written to "peruser.db" as one range each (a transaction
+// per range instead of one per message); the ranges are written before any
+// header that counts their messages, at the latest by append_finish.
 struct append_state {
     struct mailbox *mailbox;     // handle of the session; the caller's storage
     struct quotadata quota;      // the quota root's row; used_messages is -1 until read
     uint64_t added_bytes;        // bytes of all messages added in this session
     unsigned added_messages;     // messages added in this session
-    unsigned reserved_bytes;     // bytes charged to quota in advance, 0 if none
+    uint64_t reserved_bytes;     // bytes charged to quota in advance, 0 if none
+    char *pending_user;          // owner of the pending ranges (a copy), or null
+    unsigned pending_first[2];   // per kind (seen, deleted): first uid, 0 for none
+    unsigned pending_last[2];    // and last uid of the pending range
 };
 
 // The stream form of delivery: a message received piecewise, whose header
@@ -127,10 +139,15 @@ int append_setup_mailbox(struct append_state *as, unsigned format, unsigned long
 // IMAP_QUOTA_EXCEEDED_PERSISTENT after it or without one.
 int append_quota_eval(uint64_t used, uint64_t limit, uint32_t messages,
                       const struct quotadata *quota);
-// Settles the advance charge, writes the folder's row and the fixed header
-// of "store.idx" in one transaction, and releases the index lock. The folder
-// stays open. Failures are logged, not reported.
+// Settles the advance charge, writes the pending per-user ranges, then the
+// folder's row and the fixed header of "store.idx" in one transaction, and
+// releases the index lock. The folder stays open. Failures are logged, not
+// reported.
 void append_finish(struct append_state *as);
+// Writes the session's pending seen and deleted ranges to "peruser.db"
+// (append_addperuser) and forgets them. Failures are logged and ignored,
+// as for a single message.
+void append_flush_peruser(struct append_state *as);
 
 // ---- one message ------------------------------------------------------
 

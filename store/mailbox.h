@@ -141,6 +141,8 @@ void mailbox_reloadconfig(void);
 void mailbox_loadconfig(void);
 // The sync level of "store.idx", read once per process.
 int mailbox_index_sync_level(void);
+// The sync level of message files, read once per process.
+int mailbox_message_sync_level(void);
 
 // "%02lu/%lu.msg" of uid into buf (MAILBOX_FNAME_SIZE bytes); gives buf.
 char *mailbox_message_fname(struct mailbox *mailbox, unsigned long uid, char *buf);

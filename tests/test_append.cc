@@ -1,0 +1,493 @@
+// Delivery into folders on a store that this process brings up: real mail
+// through append sessions (records, files, cache entries, counters, uids,
+// flags), per-user ranges, refusals of the session set-up, the stream form,
+// and failures on a small file system of its own.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include "store/append.h"
+#include "store/imap_err.h"
+#include "store/mboxlist_create.h"
+#include "store/message.h"
+#include "store/seen_db.h"
+#include "support/auth.h"
+#include "support/retry.h"
+#include "tests/testutil.h"
+
+namespace {
+
+using testutil::file_exists;
+using testutil::read_file;
+using testutil::write_file;
+
+// The messages of a corpus file, with CRLF line ends.
+std::vector<std::string> corpus(const char *file) {
+    std::vector<std::string> msgs;
+    std::string s = read_file(testutil::corpus_path(file));
+    for (size_t p = 0, q = 0; q != std::string::npos; p = q + 2) {
+        size_t start = s.find('\n', p) + 1;
+        q = s.find("\n\nFrom ", start);
+        msgs.push_back(testutil::crlf(s.substr(start, q == std::string::npos ? q : q + 1 - start)));
+    }
+    return msgs;
+}
+
+// The summary and the records of "store.idx" at dir, each with its cache entry.
+struct Entry {
+    index_record rec;
+    std::string cache;
+};
+std::vector<Entry> entries(const std::string &dir, mboxdata *mbd) {
+    std::string f = read_file(dir + "/store.idx");
+    index_header h;
+    memcpy(mbd, f.data(), sizeof *mbd);
+    memcpy(&h, f.data() + sizeof *mbd, sizeof h);
+    std::vector<Entry> out(mbd->exists);
+    for (unsigned i = 0; i < mbd->exists; i++) {
+        memcpy(&out[i].rec, f.data() + h.start_offset + i * INDEX_RECORD_SIZE, INDEX_RECORD_SIZE);
+        size_t p = std::min(f.size(), (size_t)h.cache_offset + out[i].rec.rec_cache_offset), q = p;
+        for (int k = 0; k < MAILBOX_CACHE_ITEMS && q + 4 <= f.size(); k++)
+            q += 4 + ((testutil::be32_at(f, q) + 3) & ~3u);
+        out[i].cache = f.substr(p, std::min(q, f.size()) - p);
+    }
+    return out;
+}
+
+std::string msgfile(const mailbox &mb, unsigned uid) {
+    char fname[MAILBOX_FNAME_SIZE];
+    return std::string(mb.mpath) + "/" + mailbox_message_fname(const_cast<mailbox *>(&mb), uid, fname);
+}
+
+// The per-user text of user in the open folder mb.
+std::string peruser(mailbox *mb, const char *user) {
+    struct seen *h;
+    char *text = nullptr;
+    seen_open(mb, user, &h);
+    int r = seen_lockread(h, nullptr, nullptr, nullptr, &text);
+    seen_close(h);
+    return r ? "error" : testutil::take(text);
+}
+
+class Append : public ::testing::Test {
+  protected:
+    void SetUp() override { restart(""); }
+    void TearDown() override {
+        mailbox_close(&mb);
+        mailbox_close(&mb2);
+        mboxlist_reset_for_tests();
+    }
+    // The store again with extra configuration lines; user/fred exists.
+    void restart(const std::string &extra) {
+        mailbox_close(&mb);
+        mboxlist_reset_for_tests();
+        if (base.empty()) base = read_file(inst.path("config/store.conf"));
+        write_file(inst.path("config/store.conf"), base + extra);
+        ASSERT_EQ(testutil::start_store("appendtest"), 0);
+        if (!testutil::has_row("user/fred")) create("user/fred");
+    }
+    void create(const char *name, const char *partition = nullptr, uint32_t kb = QUOTA_UNLIMITED,
+                uint32_t msgs = QUOTA_UNLIMITED, const char *acl = nullptr) {
+        ASSERT_EQ(mboxlist_createmailbox(name, MAILBOX_VERSION, partition, nullptr, auth_dontCheckAcl,
+                                         kb, msgs, 0, acl), 0) << name;
+    }
+    int begin(const char *name, long quotasize = 0, const auth_state *auth = auth_dontCheckAcl,
+              unsigned long rights = 0, append_state *s = nullptr, mailbox *m = nullptr) {
+        s = s ? s : &as;
+        s->mailbox = m ? m : &mb;
+        return append_setup(s, name, 0, MAILBOX_VERSION, auth, rights, quotasize);
+    }
+    int put(const std::string &text, const std::vector<const char *> &flags = {},
+            const char *user = "fred", time_t date = 1000000000) {
+        return append_fromstring(&as, text.data(), (unsigned)text.size(), date,
+                                 const_cast<const char **>(flags.data()), (int)flags.size(), user,
+                                 nullptr);
+    }
+    testutil::Instance inst;
+    std::string base;
+    mailbox mb = zeromailbox, mb2 = zeromailbox;
+    append_state as, as2;
+};
+
+}  // namespace
+
+// 210 messages, more than the first record area holds, with internal
+// dates out of order, uids asked for below and above last_uid, and one
+// message with a text put before it; records, files and cache entries as
+// the parser makes them, counters in file and row.
+TEST_F(Append, RealMailWithGrowthUidsAndCounters) {
+    std::vector<std::string> msgs = corpus("kernel-list.mbox");
+    ASSERT_EQ(msgs.size(), 210u);
+    create("user/fred/ref");
+    ASSERT_EQ(begin("user/fred"), 0);
+    ASSERT_EQ(begin("user/fred/ref", 0, auth_dontCheckAcl, 0, &as2, &mb2), 0);
+    const std::map<size_t, unsigned> wanted = {{3, 2}, {4, 4}, {9, 50}, {150, 500}};
+    const append_header prefix = {"X-Loaded: yes\r\n", 15};
+    std::vector<unsigned> uids;
+    std::vector<std::string> texts;
+    for (size_t i = 0; i < msgs.size(); i++) {
+        appendmsg m = zeroappendmsg;
+        m.flags = APPENDMSG_STATIC;
+        m.base = msgs[i].data();
+        m.size = (unsigned)msgs[i].size();
+        m.header = i == 7 ? &prefix : nullptr;
+        unsigned w = wanted.count(i) ? wanted.at(i) : 0;
+        uids.push_back(w > mb.mbd.last_uid ? w : mb.mbd.last_uid + 1);
+        texts.push_back(i == 7 ? "X-Loaded: yes\r\n" + msgs[i] : msgs[i]);
+        time_t date = 1100000000 + (time_t)((i * 7919) % 1000) * 60;
+        ASSERT_EQ(append_msg(&as, &m, date, nullptr, 0, nullptr, 0, 0, 0, w), 0) << i;
+        append_freemsg(&m);
+        // The same text parsed into another folder, to compare with.
+        ASSERT_EQ(append_fromstring(&as2, texts[i].data(), (unsigned)texts[i].size(), date, nullptr,
+                                    0, nullptr, nullptr), 0);
+    }
+    append_finish(&as);
+    append_finish(&as2);
+    mboxdata mbd, ref;
+    std::vector<Entry> got = entries(mb.path, &mbd), want = entries(mb2.path, &ref);
+    ASSERT_EQ(got.size(), 210u);
+    uint64_t bytes = 0;
+    uint32_t oldest = UINT32_MAX, maxsize = 0;
+    for (size_t i = 0; i < got.size(); i++) {
+        SCOPED_TRACE(i);
+        const index_record &r = got[i].rec;
+        EXPECT_EQ(r.uid, uids[i]);
+        EXPECT_TRUE(r.orig_uid == r.uid && r.orig_uidvalidity == mbd.uidvalidity);
+        EXPECT_EQ(r.size, texts[i].size());
+        EXPECT_EQ(read_file(msgfile(mb, r.uid)), texts[i]);
+        EXPECT_EQ(got[i].cache, want[i].cache);
+        EXPECT_TRUE(r.sentdate == want[i].rec.sentdate && r.header_size == want[i].rec.header_size &&
+                    r.content_offset == want[i].rec.content_offset &&
+                    r.system_flags == want[i].rec.system_flags && r.internaldate == want[i].rec.internaldate);
+        bytes += r.size;
+        oldest = std::min(oldest, (uint32_t)r.internaldate);
+        maxsize = std::max(maxsize, r.size);
+    }
+    EXPECT_TRUE(mbd.exists == 210 && mbd.first_uid == 1 && mbd.last_uid == uids.back());
+    EXPECT_EQ(uids[9], 50u);
+    EXPECT_EQ(mbd.oldest_internaldate, oldest);
+    EXPECT_EQ(mbd.quota_used[0] | (uint64_t)mbd.quota_used[1] << 32, bytes);
+    EXPECT_EQ(mbd.max_size, maxsize);
+    mboxdata row;
+    ASSERT_EQ(mboxlist_lookup("user/fred", &row, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(memcmp(&row, &mbd, sizeof row), 0);
+    EXPECT_EQ(mb.index_lock_count, 0u);
+}
+
+// Seen and deleted runs with gaps, two users and no user: the text in
+// peruser.db is what one call per message gives, and it is there when the
+// header that counts the messages is written.
+std::vector<std::string> at_barrier;
+mailbox *watched;
+void note_peruser(sync_event e, const char *) {
+    if (e == SYNC_EVENT_BARRIER) at_barrier.push_back(peruser(watched, "fred"));
+}
+
+TEST_F(Append, PerUserRangesAsOneCallPerMessage) {
+    create("user/fred/ref");
+    ASSERT_EQ(mailbox_open("user/fred/ref", 0, auth_dontCheckAcl, &mb2), 0);
+    ASSERT_EQ(begin("user/fred"), 0);
+    const struct {
+        unsigned wanted;
+        bool seen, deleted;
+        const char *user;
+    } msgs[] = {{0, 1, 0, "fred"}, {0, 1, 1, "fred"}, {0, 1, 0, "fred"}, {0, 0, 0, "fred"},
+                {0, 1, 0, "fred"}, {0, 1, 1, "bob"},  {0, 1, 0, "fred"}, {10, 1, 1, "fred"},
+                {0, 0, 1, "fred"}, {0, 1, 1, nullptr}, {0, 1, 0, "fred"}, {0, 1, 0, "fred"}};
+    for (const auto &m : msgs) {
+        std::vector<const char *> flags;
+        if (m.seen) flags.push_back("\\seen");
+        if (m.deleted) flags.push_back("\\deleted");
+        appendmsg one = zeroappendmsg;
+        one.flags = APPENDMSG_STATIC;
+        one.base = "Subject: x\r\n\r\nx\r\n";
+        one.size = 17;
+        ASSERT_EQ(append_msg(&as, &one, 1000, flags.data(), (int)flags.size(), m.user, 0, 0, 0, m.wanted), 0);
+        for (int kind : {1, 2})
+            if (m.user && (kind == 1 ? m.seen : m.deleted)) {
+                ASSERT_EQ(append_addperuser(&mb2, m.user, kind, mb.mbd.last_uid, mb.mbd.last_uid), 0);
+            }
+    }
+    at_barrier.clear();
+    watched = &mb;
+    sync_set_observer(note_peruser);
+    append_finish(&as);
+    sync_set_observer(nullptr);
+    EXPECT_EQ(peruser(&mb, "fred"), "1:3,5,7,10,13:14 ,2,10:11");
+    for (const char *user : {"fred", "bob"}) EXPECT_EQ(peruser(&mb, user), peruser(&mb2, user)) << user;
+    ASSERT_FALSE(at_barrier.empty());
+    EXPECT_EQ(at_barrier.back(), peruser(&mb, "fred"));
+    EXPECT_EQ(append_addperuser(&mb, "fred", 3, 1, 1), IMAP_MAILBOX_BADFORMAT);
+}
+
+// Standard flags and user flag names under the write right; names in
+// another case share a slot; the 97th name is dropped with its message
+// stored; without the write and delete rights only seen remains.
+TEST_F(Append, FlagsAndUserFlagNames) {
+    ASSERT_EQ(begin("user/fred"), 0);
+    ASSERT_EQ(put("Subject: a\r\n\r\n", {"\\answered", "\\flagged", "\\draft", "Work", "$Label1"}), 0);
+    ASSERT_EQ(put("Subject: b\r\n\r\n", {"WORK", "\\Flagged", "$label1"}), 0);
+    for (int i = 2; i < 97; i++) ASSERT_EQ(put("Subject: c\r\n\r\n", {("name" + std::to_string(i)).c_str()}), 0);
+    mb.myrights = 0x1FF & ~0x88u;  // no write, no delete
+    ASSERT_EQ(put("Subject: d\r\n\r\n", {"\\seen", "\\deleted", "\\answered", "Work"}), 0);
+    append_finish(&as);
+    mailbox_close(&mb);
+    ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
+    mboxdata mbd;
+    std::vector<Entry> e = entries(mb.path, &mbd);
+    ASSERT_EQ(e.size(), 98u);
+    auto flags = [&](int i) { return e[i].rec.system_flags & 0xFF; };
+    EXPECT_EQ(flags(0), FLAG_ANSWERED | FLAG_FLAGGED | FLAG_DRAFT | FLAG_NODOTS_CRLF);
+    EXPECT_EQ(flags(1), FLAG_NODOTS_CRLF);  // "\Flagged" is no standard name
+    EXPECT_EQ(e[0].rec.user_flags[0], 3u);
+    EXPECT_EQ(e[1].rec.user_flags[0], 3u | 4u);  // "\Flagged" became a user flag
+    EXPECT_TRUE(mb.flagname[0] && !strcmp(mb.flagname[0], "Work") && !strcmp(mb.flagname[2], "\\Flagged"));
+    EXPECT_EQ(e[94].rec.user_flags[2], 1u << 31);  // the 96th slot
+    for (int i : {95, 96})
+        EXPECT_TRUE(e[i].rec.user_flags[0] == 0 && e[i].rec.user_flags[1] == 0 && e[i].rec.user_flags[2] == 0);
+    EXPECT_TRUE(flags(97) == FLAG_NODOTS_CRLF && e[97].rec.user_flags[0] == 0);
+    EXPECT_EQ(peruser(&mb, "fred"), "98 ");
+}
+
+// Set-up refusals by quota (and its three switches), rights, format, the
+// folder's message limit and the partition full byte; a refused set-up has
+// closed the folder.
+TEST_F(Append, SetupRefusals) {
+    create("user/q0", nullptr, 0);
+    create("user/q1", nullptr, 1);
+    create("user/qm", nullptr, QUOTA_UNLIMITED, 0);
+    create("user/fred/shared", nullptr, QUOTA_UNLIMITED, QUOTA_UNLIMITED, "fred\tlrswipcda\tbob\tl\t");
+    auth_state *bob = auth_newstate("bob", nullptr, 0), *carol = auth_newstate("carol", nullptr, 0);
+    const struct {
+        const char *config, *name;
+        long quotasize;
+        const auth_state *auth;
+        unsigned long rights;
+        int result;
+        uint64_t reserved;
+    } cases[] = {
+        {"", "user/q0", 0, auth_dontCheckAcl, 0, 0, 0},  // no test at all
+        {"", "user/q0", 1, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/qm", 1, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/q1", -2048, auth_dontCheckAcl, 0, IMAP_MESSAGE_TOO_LARGE, 0},
+        {"", "user/q1", 2048, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/q1", -1024, auth_dontCheckAcl, 0, 0, 1024},
+        {"", "user/fred/shared", 0, bob, 0x10, IMAP_PERMISSION_DENIED, 0},
+        {"", "user/fred/shared", 0, carol, 0x10, IMAP_MAILBOX_NONEXISTENT, 0},
+        {"", "user/fred/shared", 0, carol, APPEND_NO_RIGHTS, 0, 0},
+        {"store.quotagraceperiod: 0\n", "user/q0", 1, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED_PERSISTENT, 0},
+        {"store.quotaenforcement: 0\n", "user/q0", 5000, auth_dontCheckAcl, 0, 0, 0},
+        {"local.store.quotaoverdraft: 1\n", "user/q1", 5000, auth_dontCheckAcl, 0, 0, 0},
+        {"local.store.overquotastatus: 1\nstore.quotaenforcement: 0\n", "user/q0", 5, auth_dontCheckAcl, 0,
+         IMAP_QUOTA_EXCEEDED, 0},
+    };
+    std::string config;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.config) + c.name + " " + std::to_string(c.quotasize));
+        if (c.config != config) restart(config = c.config);
+        ASSERT_EQ(begin(c.name, c.quotasize, c.auth, c.rights), c.result);
+        EXPECT_EQ(mb.index_lock_count, c.result ? 0u : 1u);
+        EXPECT_EQ(mb.index_fd == -1, c.result != 0);
+        if (c.result == 0) {
+            EXPECT_EQ(as.reserved_bytes, c.reserved);
+            append_finish(&as);
+            mailbox_close(&mb);
+        }
+    }
+    auth_freestate(bob);
+    auth_freestate(carol);
+    EXPECT_EQ(append_setup(&as, "user/fred", 0, MAILBOX_VERSION_OLD, auth_dontCheckAcl, 0, 0),
+              IMAP_MAILBOX_NOTSUPPORTED);
+    // One below the limit takes one more message, then no more.
+    restart("local.store.maxmessages: 2\n");
+    for (int r : {0, 0, IMAP_MESSAGE_EXHAUSTED}) {
+        ASSERT_EQ(begin("user/fred"), r);
+        if (r) break;
+        ASSERT_EQ(put("Subject: x\r\n\r\n"), 0);
+        append_finish(&as);
+        mailbox_close(&mb);
+    }
+    // "partition.lck" holds one byte per partition id ("other" 0,
+    // "primary" 1); the check is set up once, until append_exit.
+    write_file(inst.path("config/store.parts"), "2\nother\nprimary\n");
+    write_file(inst.path("data/lock/partition.lck"), "10");
+    ASSERT_EQ(append_init(), 0);
+    ASSERT_EQ(begin("user/fred/shared"), 0);
+    append_finish(&as);
+    mailbox_close(&mb);
+    write_file(inst.path("data/lock/partition.lck"), "11");
+    EXPECT_EQ(begin("user/fred/shared"), IMAP_PARTITION_FULL);
+    write_file(inst.path("config/store.parts"), "1\nother\n");
+    ASSERT_EQ(append_init(), 0);
+    EXPECT_EQ(begin("user/fred/shared"), IMAP_PARTITION_FULL);
+    append_exit();
+    ASSERT_EQ(append_init(), 0);
+    EXPECT_EQ(begin("user/fred/shared"), IMAP_PARTITION_UNKNOWN);
+    append_exit();
+}
+
+// The quota decision at its edges: 64-bit byte counts, a message limit of
+// "none", and the grace period from the first going over.
+TEST_F(Append, QuotaDecision) {
+    const uint32_t none = QUOTA_UNLIMITED, now = (uint32_t)time(nullptr);
+    const struct {
+        uint64_t used, limit;
+        uint32_t messages, limit_messages, over_since;
+        int result;
+    } cases[] = {
+        {1024, 1024, 10, 10, 0, 0},
+        {1025, 1024, 1, none, 0, IMAP_QUOTA_EXCEEDED},
+        {0, 1024, 11, 10, 0, IMAP_QUOTA_EXCEEDED},
+        {5ull << 32, 4ull << 32, none, none, 0, IMAP_QUOTA_EXCEEDED},
+        {4ull << 32, 5ull << 32, none, none, 0, 0},
+        {2, 1, 1, none, now - 3600, IMAP_QUOTA_EXCEEDED},
+        {2, 1, 1, none, now - 121 * 3600, IMAP_QUOTA_EXCEEDED_PERSISTENT},
+    };
+    for (const auto &c : cases) {
+        quotadata q = {};
+        q.limit_messages = c.limit_messages;
+        q.over_since = c.over_since;
+        EXPECT_EQ(append_quota_eval(c.used, c.limit, c.messages, &q), c.result) << c.used << " " << c.messages;
+    }
+}
+
+// The stream form: header blocks completed where the message ended, bad
+// bytes refused in any chunk (the file removed), one stream object used
+// for message after message.
+TEST_F(Append, StreamRepairsAndRefusals) {
+    const struct {
+        std::vector<std::string> chunks;
+        int result;
+        std::string stored;
+    } cases[] = {
+        {{"Subject: x"}, 0, "Subject: x\r\n\r\n"},
+        {{"Subject"}, 0, "Subject:\r\n\r\n"},
+        {{""}, 0, "\r\n"},
+        {{"Subject: x\r"}, 0, "Subject: x\r\n\r\n"},
+        {{"Subject: x\r\n"}, 0, "Subject: x\r\n\r\n"},
+        {{"Subject: x\r\n\r"}, 0, "Subject: x\r\n\r\n"},
+        {{"Sub", "ject: x\r", "\n folded\r\n\r", "\nbody"}, 0, "Subject: x\r\n folded\r\n\r\nbody"},
+        {{"Subject: x\n"}, IMAP_MESSAGE_CONTAINSNL, ""},
+        {{"Subject: x\r\n\r\n", "body\nmore"}, IMAP_MESSAGE_CONTAINSNL, ""},
+        {{"Subject: x\r\n", std::string("Subj\0ect", 8)}, IMAP_MESSAGE_CONTAINSNULL, ""},
+        {{" folded first"}, IMAP_MESSAGE_BADHEADER, ""},
+        {{"No colon\r\n"}, IMAP_MESSAGE_BADHEADER, ""},
+        {{"Subject: x\r\n\r\n\r\nbody\r\n"}, 0, "Subject: x\r\n\r\n\r\nbody\r\n"},
+    };
+    ASSERT_EQ(begin("user/fred"), 0);
+    astream st = {};
+    st.state = &as;
+    st.destfd = -1;
+    std::vector<std::string> stored;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.chunks[0]);
+        unsigned size = 0, last = mb.mbd.last_uid;
+        for (const std::string &k : c.chunks) size += (unsigned)k.size();
+        ASSERT_EQ(append_stream_start(&st, size), 0);
+        int r = 0;
+        for (const std::string &k : c.chunks)
+            if (!r) r = append_stream_data(&st, k.data(), (unsigned)k.size());
+        if (!r) r = append_stream_finish(&st, 1000, nullptr, 0, "fred", 0);
+        EXPECT_EQ(r, c.result);
+        EXPECT_EQ(mb.mbd.last_uid, last + (r ? 0 : 1));
+        EXPECT_EQ(read_file(msgfile(mb, last + 1)), c.stored);
+        if (!r) stored.push_back(c.stored);
+    }
+    append_finish(&as);
+    mboxdata mbd;
+    std::vector<Entry> e = entries(mb.path, &mbd);
+    ASSERT_EQ(e.size(), stored.size());
+    for (size_t i = 0; i < e.size(); i++) EXPECT_EQ(e[i].rec.size, stored[i].size());
+}
+
+// The file step: a stale file of a crashed delivery is replaced; one
+// message delivered to two folders of a partition is one file.
+TEST_F(Append, StaleFilesAndOneFileForTwoFolders) {
+    create("user/fred/other");
+    ASSERT_EQ(begin("user/fred"), 0);
+    ASSERT_EQ(begin("user/fred/other", 0, auth_dontCheckAcl, 0, &as2, &mb2), 0);
+    std::string stale = msgfile(mb, 1), text = corpus("list-archive.mbox")[0];
+    mkdir(stale.substr(0, stale.rfind('/')).c_str(), 0777);
+    write_file(stale, "stale");
+    appendmsg *m = static_cast<appendmsg *>(calloc(1, sizeof(appendmsg)));  // freed by append_freemsg
+    m->base = text.data();
+    m->size = (unsigned)text.size();
+    m->singlecopy_key = "primary";
+    ASSERT_EQ(append_msg(&as, m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
+    ASSERT_EQ(append_msg(&as2, m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
+    EXPECT_EQ(read_file(stale), text);
+    EXPECT_EQ(testutil::inode_of(stale), testutil::inode_of(msgfile(mb2, 1)));
+    EXPECT_EQ(std::string(append_locate_singlecopy(m, "primary")), stale);
+    append_freemsg(m);
+    append_finish(&as);
+    append_finish(&as2);
+}
+
+// Partition "small" on a tmpfs of its own.
+class AppendOnSmallFs : public Append {
+  protected:
+    void SetUp() override {
+        mkdir(mnt.c_str(), 0777);
+        if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m") != 0)
+            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+        mounted = true;
+        inst.addConfig("store.partition.small.path: " + mnt);
+        Append::SetUp();
+    }
+    void TearDown() override {
+        Append::TearDown();
+        if (mounted) umount2(mnt.c_str(), MNT_DETACH);
+    }
+    std::string mnt = inst.path("small");
+    bool mounted = false;
+};
+
+// A message that fails for want of room, in its file or in the rewrite
+// of the flag names behind its record, leaves no file, no cache entry and
+// no count; the session goes on and its header counts what was delivered.
+// A message whose file lies on another file system is copied.
+TEST_F(AppendOnSmallFs, FailedMessagesLeaveNoTrace) {
+    create("user/sm", "small");
+    ASSERT_EQ(begin("user/sm"), 0);
+    ASSERT_EQ(put("Subject: 1\r\n\r\none\r\n"), 0);
+    const std::string idx = std::string(mb.path) + "/store.idx", flag(200, 'f');
+    const std::string text = "Subject: 2\r\n\r\ntwo\r\n";
+    const mboxdata before = mb.mbd;
+    const off_t idxsize = testutil::file_size(idx);
+    int filler = open((mnt + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
+    for (size_t chunk : {65536, 4096})
+        for (std::string block(chunk, 'x'); write(filler, block.data(), chunk) == (ssize_t)chunk;) {}
+    off_t full = lseek(filler, 0, SEEK_END);
+    // Round 0: no room for the file; round 1: room for file and cache
+    // entry, none for the new flag name's header.
+    for (int round = 0; round < 2; round++) {
+        SCOPED_TRACE(round);
+        EXPECT_EQ(round == 1 ? ftruncate(filler, full - 8192) : 0, 0);
+        EXPECT_EQ(put(text, {flag.c_str()}), IMAP_IOERROR);
+        EXPECT_FALSE(file_exists(msgfile(mb, 2)));
+        EXPECT_EQ(testutil::file_size(idx), idxsize);
+        EXPECT_EQ(memcmp(&mb.mbd, &before, sizeof before), 0);
+        EXPECT_TRUE(as.added_messages == 1 && mb.flagname[0] == nullptr);
+    }
+    ASSERT_EQ(ftruncate(filler, 0), 0);
+    close(filler);
+    ASSERT_EQ(put(text, {flag.c_str()}), 0);
+    std::string outside = inst.path("outside.msg");
+    write_file(outside, "Subject: 3\r\n\r\n");
+    appendmsg m = zeroappendmsg;
+    m.flags = APPENDMSG_STATIC | APPENDMSG_FNAME_BORROWED;
+    m.fname = &outside[0];
+    m.base = "Subject: 3\r\n\r\n";
+    m.size = 14;
+    ASSERT_EQ(append_msg(&as, &m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
+    append_finish(&as);
+    mboxdata mbd;
+    std::vector<Entry> e = entries(mb.path, &mbd);
+    ASSERT_EQ(e.size(), 3u);
+    EXPECT_TRUE(e[1].rec.uid == 2 && e[1].rec.user_flags[0] == 1 && mbd.last_uid == 3);
+    EXPECT_EQ(read_file(msgfile(mb, 2)), text);
+    EXPECT_EQ(read_file(msgfile(mb, 3)), "Subject: 3\r\n\r\n");
+    EXPECT_NE(testutil::inode_of(msgfile(mb, 3)), testutil::inode_of(outside));
+}
