@@ -147,7 +147,7 @@ TEST(BkSessionTest, CreatesFoldersAndMessagesFromPaths) {
     BkObj *obj = s->createBkObj(deep, 0);
     ASSERT_NE(obj, nullptr);
     EXPECT_STREQ(deep, "/export/user/joe/a/b");
-    EXPECT_TRUE(obj->getAttr()->type == BkObj::TypeMailbox && s->getMailbox() == obj);
+    EXPECT_TRUE(obj->BkObj::getAttr()->type == BkObj::TypeMailbox && s->getMailbox() == obj);
     Mailbox *m = static_cast<Mailbox *>(obj);
     EXPECT_EQ(std::string(m->getUserid()) + " " + m->getFolder(), "joe a/b");
     // In the plain mode a message of a folder that doesn't exist is refused,
@@ -181,7 +181,7 @@ TEST(BkSessionTest, CreatesFoldersAndMessagesFromPaths) {
     EXPECT_TRUE(ntohl(a.internaldate) == 1036491630u && ntohl(a.last_updated) == 1036491630u &&
                 ntohl(a.size) == 4242u && ntohl(a.orig_uidvalidity) == 77u && a.uid == 0u);
     EXPECT_TRUE(one.getpflag() == htonl(3) && one.getInternalDate() == 1036491630);
-    EXPECT_TRUE(one.getAttr()->timestamp == 1036491630 && one.getAttr()->dataSize == 4242);
+    EXPECT_TRUE(one.BkObj::getAttr()->timestamp == 1036491630 && one.BkObj::getAttr()->dataSize == 4242);
     char flags[6];
     EXPECT_STREQ(one.flagsToStr(flags), "11100");
     // An empty message is not restored but is no failure.
