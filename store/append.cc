@@ -400,6 +400,12 @@ static void rollback(struct append_state *as, struct append_undo *undo) {
         free(mailbox->flagname[undo->newflags[i]]);
         mailbox->flagname[undo->newflags[i]] = nullptr;
     }
+    // A rewrite of the file that took its place and then reported a
+    // failure (its directory could not be flushed) wrote a summary that
+    // counts this message: the file gets the one without it.
+    if (mailbox->hdr.cache_offset != undo->cache_offset &&
+        mailbox_write_index_fixed_header(mailbox) != 0)
+        svclog(nullptr, 59, "Unable to write index header of %s back", folder_name(mailbox));
 }
 
 // The slot of user flag name, filling a free one for a new name; -1 when

@@ -35,11 +35,15 @@ std::vector<std::string> corpus(const char *file) {
     return msgs;
 }
 
+// The cache entry at byte p of the file text f: its 11 items.
+std::string cache_at(const std::string &f, size_t p) {
+    size_t q = p = std::min(f.size(), p);
+    for (int k = 0; k < MAILBOX_CACHE_ITEMS && q + 4 <= f.size(); k++) q += 4 + ((testutil::be32_at(f, q) + 3) & ~3u);
+    return f.substr(p, std::min(q, f.size()) - p);
+}
+
 // The summary and the records of "store.idx" at dir, each with its cache entry.
-struct Entry {
-    index_record rec;
-    std::string cache;
-};
+struct Entry { index_record rec; std::string cache; };
 std::vector<Entry> entries(const std::string &dir, mboxdata *mbd) {
     std::string f = read_file(dir + "/store.idx");
     index_header h;
@@ -48,10 +52,7 @@ std::vector<Entry> entries(const std::string &dir, mboxdata *mbd) {
     std::vector<Entry> out(mbd->exists);
     for (unsigned i = 0; i < mbd->exists; i++) {
         memcpy(&out[i].rec, f.data() + h.start_offset + i * INDEX_RECORD_SIZE, INDEX_RECORD_SIZE);
-        size_t p = std::min(f.size(), (size_t)h.cache_offset + out[i].rec.rec_cache_offset), q = p;
-        for (int k = 0; k < MAILBOX_CACHE_ITEMS && q + 4 <= f.size(); k++)
-            q += 4 + ((testutil::be32_at(f, q) + 3) & ~3u);
-        out[i].cache = f.substr(p, std::min(q, f.size()) - p);
+        out[i].cache = cache_at(f, (size_t)h.cache_offset + out[i].rec.rec_cache_offset);
     }
     return out;
 }
@@ -69,6 +70,29 @@ std::string peruser(mailbox *mb, const char *user) {
     int r = seen_lockread(h, nullptr, nullptr, nullptr, &text);
     seen_close(h);
     return r ? "error" : testutil::take(text);
+}
+
+// At each barrier (before a header that counts messages is written): the
+// last uid of fred's seen list in the watched folder, and its last_uid.
+std::vector<std::pair<unsigned long, unsigned>> at_barrier;
+mailbox *watched;
+void note_barrier(sync_event e, const char *) {
+    if (e != SYNC_EVENT_BARRIER) return;
+    std::string seen = peruser(watched, "fred");
+    seen.resize(seen.find(' '));
+    size_t p = seen.find_last_of(",:");
+    at_barrier.emplace_back(strtoul(seen.c_str() + (p == std::string::npos ? 0 : p + 1), nullptr, 10),
+                            watched->mbd.last_uid);
+}
+
+// A description of text that append_freemsg leaves in place.
+appendmsg desc(const std::string &text, unsigned flags = APPENDMSG_STATIC, char *fname = nullptr) {
+    appendmsg m = zeroappendmsg;
+    m.flags = flags;
+    m.base = text.data();
+    m.size = (unsigned)text.size();
+    m.fname = fname;
+    return m;
 }
 
 class Append : public ::testing::Test {
@@ -99,11 +123,10 @@ class Append : public ::testing::Test {
         s->mailbox = m ? m : &mb;
         return append_setup(s, name, 0, MAILBOX_VERSION, auth, rights, quotasize);
     }
-    int put(const std::string &text, const std::vector<const char *> &flags = {},
-            const char *user = "fred", time_t date = 1000000000) {
-        return append_fromstring(&as, text.data(), (unsigned)text.size(), date,
-                                 const_cast<const char **>(flags.data()), (int)flags.size(), user,
-                                 nullptr);
+    int put(const std::string &text, std::vector<const char *> flags = {}, const char *user = "fred",
+            unsigned wanted = 0) {
+        appendmsg m = desc(text);
+        return append_msg(&as, &m, 1000, flags.data(), (int)flags.size(), user, 0, 0, 0, wanted);
     }
     testutil::Instance inst;
     std::string base;
@@ -114,111 +137,93 @@ class Append : public ::testing::Test {
 }  // namespace
 
 // 210 messages, more than the first record area holds, with internal
-// dates out of order, uids asked for below and above last_uid, and one
-// message with a text put before it; records, files and cache entries as
-// the parser makes them, counters in file and row.
+// dates out of order, uids asked for below and above last_uid, a text put
+// before one of them and a stale file where the first goes: records,
+// files and cache entries as the parser makes them of the same text,
+// counters in file and row, fred's seen flags in before each header.
 TEST_F(Append, RealMailWithGrowthUidsAndCounters) {
     std::vector<std::string> msgs = corpus("kernel-list.mbox");
     ASSERT_EQ(msgs.size(), 210u);
     create("user/fred/ref");
+    ASSERT_EQ(mailbox_open("user/fred/ref", 0, auth_dontCheckAcl, &mb2), 0);
+    ASSERT_EQ(mailbox_lock_index(&mb2), 0);
     ASSERT_EQ(begin("user/fred"), 0);
-    ASSERT_EQ(begin("user/fred/ref", 0, auth_dontCheckAcl, 0, &as2, &mb2), 0);
+    mkdir((std::string(mb.mpath) + "/00").c_str(), 0777);
+    write_file(msgfile(mb, 1), "stale");
     const std::map<size_t, unsigned> wanted = {{3, 2}, {4, 4}, {9, 50}, {150, 500}};
     const append_header prefix = {"X-Loaded: yes\r\n", 15};
     std::vector<unsigned> uids;
     std::vector<std::string> texts;
+    std::vector<index_record> refs(msgs.size(), index_record{});
+    const char *seen[] = {"\\seen"};
+    watched = &mb;
+    sync_set_observer(note_barrier);
     for (size_t i = 0; i < msgs.size(); i++) {
-        appendmsg m = zeroappendmsg;
-        m.flags = APPENDMSG_STATIC;
-        m.base = msgs[i].data();
-        m.size = (unsigned)msgs[i].size();
+        appendmsg m = desc(msgs[i]);
         m.header = i == 7 ? &prefix : nullptr;
         unsigned w = wanted.count(i) ? wanted.at(i) : 0;
         uids.push_back(w > mb.mbd.last_uid ? w : mb.mbd.last_uid + 1);
         texts.push_back(i == 7 ? "X-Loaded: yes\r\n" + msgs[i] : msgs[i]);
-        time_t date = 1100000000 + (time_t)((i * 7919) % 1000) * 60;
-        ASSERT_EQ(append_msg(&as, &m, date, nullptr, 0, nullptr, 0, 0, 0, w), 0) << i;
+        refs[i].internaldate = 1100000000 + (int)((i * 7919) % 1000) * 60;
+        ASSERT_EQ(append_msg(&as, &m, refs[i].internaldate, seen, 1, "fred", 0, 0, 0, w), 0) << i;
         append_freemsg(&m);
-        // The same text parsed into another folder, to compare with.
-        ASSERT_EQ(append_fromstring(&as2, texts[i].data(), (unsigned)texts[i].size(), date, nullptr,
-                                    0, nullptr, nullptr), 0);
+        ASSERT_GE(lseek(mb2.index_fd, 0, SEEK_END), 0);
+        ASSERT_EQ(message_parse_mapped(texts[i].data(), texts[i].size(), &mb2, nullptr, &refs[i]), 0);
     }
     append_finish(&as);
-    append_finish(&as2);
-    mboxdata mbd, ref;
-    std::vector<Entry> got = entries(mb.path, &mbd), want = entries(mb2.path, &ref);
+    sync_set_observer(nullptr);
+    mboxdata mbd;
+    std::vector<Entry> got = entries(mb.path, &mbd);
+    std::string reffile = read_file(std::string(mb2.path) + "/store.idx");
     ASSERT_EQ(got.size(), 210u);
     uint64_t bytes = 0;
     uint32_t oldest = UINT32_MAX, maxsize = 0;
     for (size_t i = 0; i < got.size(); i++) {
         SCOPED_TRACE(i);
-        const index_record &r = got[i].rec;
-        EXPECT_EQ(r.uid, uids[i]);
-        EXPECT_TRUE(r.orig_uid == r.uid && r.orig_uidvalidity == mbd.uidvalidity);
-        EXPECT_EQ(r.size, texts[i].size());
+        const index_record &r = got[i].rec, &ref = refs[i];
+        EXPECT_TRUE(r.uid == uids[i] && r.orig_uid == r.uid && r.orig_uidvalidity == mbd.uidvalidity);
         EXPECT_EQ(read_file(msgfile(mb, r.uid)), texts[i]);
-        EXPECT_EQ(got[i].cache, want[i].cache);
-        EXPECT_TRUE(r.sentdate == want[i].rec.sentdate && r.header_size == want[i].rec.header_size &&
-                    r.content_offset == want[i].rec.content_offset &&
-                    r.system_flags == want[i].rec.system_flags && r.internaldate == want[i].rec.internaldate);
+        EXPECT_EQ(got[i].cache, cache_at(reffile, (size_t)mb2.hdr.cache_offset + ref.rec_cache_offset));
+        EXPECT_TRUE(r.size == ref.size && r.sentdate == ref.sentdate && r.header_size == ref.header_size &&
+                    r.content_offset == ref.content_offset && r.system_flags == ref.system_flags &&
+                    r.internaldate == ref.internaldate);
         bytes += r.size;
         oldest = std::min(oldest, (uint32_t)r.internaldate);
         maxsize = std::max(maxsize, r.size);
     }
-    EXPECT_TRUE(mbd.exists == 210 && mbd.first_uid == 1 && mbd.last_uid == uids.back());
-    EXPECT_EQ(uids[9], 50u);
-    EXPECT_EQ(mbd.oldest_internaldate, oldest);
+    EXPECT_TRUE(mbd.exists == 210 && mbd.first_uid == 1 && mbd.last_uid == uids.back() && uids[9] == 50);
+    EXPECT_TRUE(mbd.oldest_internaldate == oldest && mbd.max_size == maxsize);
     EXPECT_EQ(mbd.quota_used[0] | (uint64_t)mbd.quota_used[1] << 32, bytes);
-    EXPECT_EQ(mbd.max_size, maxsize);
     mboxdata row;
     ASSERT_EQ(mboxlist_lookup("user/fred", &row, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(memcmp(&row, &mbd, sizeof row), 0);
     EXPECT_EQ(mb.index_lock_count, 0u);
+    ASSERT_GE(at_barrier.size(), 2u);  // the growth and the finish
+    for (const auto &b : at_barrier) EXPECT_EQ(b.first, b.second);
 }
 
 // Seen and deleted runs with gaps, two users and no user: the text in
-// peruser.db is what one call per message gives, and it is there when the
-// header that counts the messages is written.
-std::vector<std::string> at_barrier;
-mailbox *watched;
-void note_peruser(sync_event e, const char *) {
-    if (e == SYNC_EVENT_BARRIER) at_barrier.push_back(peruser(watched, "fred"));
-}
-
+// peruser.db is what one call per message gives.
 TEST_F(Append, PerUserRangesAsOneCallPerMessage) {
     create("user/fred/ref");
     ASSERT_EQ(mailbox_open("user/fred/ref", 0, auth_dontCheckAcl, &mb2), 0);
     ASSERT_EQ(begin("user/fred"), 0);
-    const struct {
-        unsigned wanted;
-        bool seen, deleted;
-        const char *user;
-    } msgs[] = {{0, 1, 0, "fred"}, {0, 1, 1, "fred"}, {0, 1, 0, "fred"}, {0, 0, 0, "fred"},
+    const struct { unsigned wanted; bool seen, deleted; const char *user; } msgs[] = {{0, 1, 0, "fred"}, {0, 1, 1, "fred"}, {0, 1, 0, "fred"}, {0, 0, 0, "fred"},
                 {0, 1, 0, "fred"}, {0, 1, 1, "bob"},  {0, 1, 0, "fred"}, {10, 1, 1, "fred"},
                 {0, 0, 1, "fred"}, {0, 1, 1, nullptr}, {0, 1, 0, "fred"}, {0, 1, 0, "fred"}};
     for (const auto &m : msgs) {
         std::vector<const char *> flags;
         if (m.seen) flags.push_back("\\seen");
         if (m.deleted) flags.push_back("\\deleted");
-        appendmsg one = zeroappendmsg;
-        one.flags = APPENDMSG_STATIC;
-        one.base = "Subject: x\r\n\r\nx\r\n";
-        one.size = 17;
-        ASSERT_EQ(append_msg(&as, &one, 1000, flags.data(), (int)flags.size(), m.user, 0, 0, 0, m.wanted), 0);
+        ASSERT_EQ(put("Subject: x\r\n\r\n", flags, m.user, m.wanted), 0);
         for (int kind : {1, 2})
             if (m.user && (kind == 1 ? m.seen : m.deleted)) {
                 ASSERT_EQ(append_addperuser(&mb2, m.user, kind, mb.mbd.last_uid, mb.mbd.last_uid), 0);
             }
     }
-    at_barrier.clear();
-    watched = &mb;
-    sync_set_observer(note_peruser);
     append_finish(&as);
-    sync_set_observer(nullptr);
     EXPECT_EQ(peruser(&mb, "fred"), "1:3,5,7,10,13:14 ,2,10:11");
     for (const char *user : {"fred", "bob"}) EXPECT_EQ(peruser(&mb, user), peruser(&mb2, user)) << user;
-    ASSERT_FALSE(at_barrier.empty());
-    EXPECT_EQ(at_barrier.back(), peruser(&mb, "fred"));
     EXPECT_EQ(append_addperuser(&mb, "fred", 3, 1, 1), IMAP_MAILBOX_BADFORMAT);
 }
 
@@ -260,28 +265,22 @@ TEST_F(Append, SetupRefusals) {
     create("user/qm", nullptr, QUOTA_UNLIMITED, 0);
     create("user/fred/shared", nullptr, QUOTA_UNLIMITED, QUOTA_UNLIMITED, "fred\tlrswipcda\tbob\tl\t");
     auth_state *bob = auth_newstate("bob", nullptr, 0), *carol = auth_newstate("carol", nullptr, 0);
-    const struct {
-        const char *config, *name;
-        long quotasize;
-        const auth_state *auth;
-        unsigned long rights;
-        int result;
-        uint64_t reserved;
-    } cases[] = {
-        {"", "user/q0", 0, auth_dontCheckAcl, 0, 0, 0},  // no test at all
-        {"", "user/q0", 1, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED, 0},
-        {"", "user/qm", 1, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED, 0},
-        {"", "user/q1", -2048, auth_dontCheckAcl, 0, IMAP_MESSAGE_TOO_LARGE, 0},
-        {"", "user/q1", 2048, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED, 0},
-        {"", "user/q1", -1024, auth_dontCheckAcl, 0, 0, 1024},
+    const auth_state *all = auth_dontCheckAcl;
+    const struct { const char *config, *name; long quotasize; const auth_state *auth; unsigned long rights;
+                   int result; uint64_t reserved; } cases[] = {
+        {"", "user/q0", 0, all, 0, 0, 0},  // no test at all
+        {"", "user/q0", 1, all, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/qm", 1, all, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/q1", -2048, all, 0, IMAP_MESSAGE_TOO_LARGE, 0},
+        {"", "user/q1", 2048, all, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/q1", -1024, all, 0, 0, 1024},
         {"", "user/fred/shared", 0, bob, 0x10, IMAP_PERMISSION_DENIED, 0},
         {"", "user/fred/shared", 0, carol, 0x10, IMAP_MAILBOX_NONEXISTENT, 0},
         {"", "user/fred/shared", 0, carol, APPEND_NO_RIGHTS, 0, 0},
-        {"store.quotagraceperiod: 0\n", "user/q0", 1, auth_dontCheckAcl, 0, IMAP_QUOTA_EXCEEDED_PERSISTENT, 0},
-        {"store.quotaenforcement: 0\n", "user/q0", 5000, auth_dontCheckAcl, 0, 0, 0},
-        {"local.store.quotaoverdraft: 1\n", "user/q1", 5000, auth_dontCheckAcl, 0, 0, 0},
-        {"local.store.overquotastatus: 1\nstore.quotaenforcement: 0\n", "user/q0", 5, auth_dontCheckAcl, 0,
-         IMAP_QUOTA_EXCEEDED, 0},
+        {"store.quotagraceperiod: 0\n", "user/q0", 1, all, 0, IMAP_QUOTA_EXCEEDED_PERSISTENT, 0},
+        {"store.quotaenforcement: 0\n", "user/q0", 5000, all, 0, 0, 0},
+        {"local.store.quotaoverdraft: 1\n", "user/q1", 5000, all, 0, 0, 0},
+        {"local.store.overquotastatus: 1\nstore.quotaenforcement: 0\n", "user/q0", 5, all, 0, IMAP_QUOTA_EXCEEDED, 0},
     };
     std::string config;
     for (const auto &c : cases) {
@@ -296,8 +295,7 @@ TEST_F(Append, SetupRefusals) {
             mailbox_close(&mb);
         }
     }
-    auth_freestate(bob);
-    auth_freestate(carol);
+    auth_freestate(bob), auth_freestate(carol);
     EXPECT_EQ(append_setup(&as, "user/fred", 0, MAILBOX_VERSION_OLD, auth_dontCheckAcl, 0, 0),
               IMAP_MAILBOX_NOTSUPPORTED);
     // One below the limit takes one more message, then no more.
@@ -311,20 +309,17 @@ TEST_F(Append, SetupRefusals) {
     }
     // "partition.lck" holds one byte per partition id ("other" 0,
     // "primary" 1); the check is set up once, until append_exit.
-    write_file(inst.path("config/store.parts"), "2\nother\nprimary\n");
-    write_file(inst.path("data/lock/partition.lck"), "10");
-    ASSERT_EQ(append_init(), 0);
-    ASSERT_EQ(begin("user/fred/shared"), 0);
-    append_finish(&as);
-    mailbox_close(&mb);
-    write_file(inst.path("data/lock/partition.lck"), "11");
-    EXPECT_EQ(begin("user/fred/shared"), IMAP_PARTITION_FULL);
-    write_file(inst.path("config/store.parts"), "1\nother\n");
-    ASSERT_EQ(append_init(), 0);
-    EXPECT_EQ(begin("user/fred/shared"), IMAP_PARTITION_FULL);
-    append_exit();
-    ASSERT_EQ(append_init(), 0);
-    EXPECT_EQ(begin("user/fred/shared"), IMAP_PARTITION_UNKNOWN);
+    const struct { const char *parts, *lck; bool exit_first; int result; } steps[] = {
+        {"2\nother\nprimary\n", "10", false, 0}, {nullptr, "11", false, IMAP_PARTITION_FULL},
+        {"1\nother\n", nullptr, false, IMAP_PARTITION_FULL}, {nullptr, nullptr, true, IMAP_PARTITION_UNKNOWN}};
+    for (const auto &step : steps) {
+        if (step.parts) write_file(inst.path("config/store.parts"), step.parts);
+        if (step.lck) write_file(inst.path("data/lock/partition.lck"), step.lck);
+        if (step.exit_first) append_exit();
+        ASSERT_EQ(append_init(), 0);
+        EXPECT_EQ(begin("user/fred/shared"), step.result);
+        if (step.result == 0) append_finish(&as), mailbox_close(&mb);
+    }
     append_exit();
 }
 
@@ -332,19 +327,10 @@ TEST_F(Append, SetupRefusals) {
 // "none", and the grace period from the first going over.
 TEST_F(Append, QuotaDecision) {
     const uint32_t none = QUOTA_UNLIMITED, now = (uint32_t)time(nullptr);
-    const struct {
-        uint64_t used, limit;
-        uint32_t messages, limit_messages, over_since;
-        int result;
-    } cases[] = {
-        {1024, 1024, 10, 10, 0, 0},
-        {1025, 1024, 1, none, 0, IMAP_QUOTA_EXCEEDED},
-        {0, 1024, 11, 10, 0, IMAP_QUOTA_EXCEEDED},
-        {5ull << 32, 4ull << 32, none, none, 0, IMAP_QUOTA_EXCEEDED},
-        {4ull << 32, 5ull << 32, none, none, 0, 0},
-        {2, 1, 1, none, now - 3600, IMAP_QUOTA_EXCEEDED},
-        {2, 1, 1, none, now - 121 * 3600, IMAP_QUOTA_EXCEEDED_PERSISTENT},
-    };
+    const struct { uint64_t used, limit; uint32_t messages, limit_messages, over_since; int result; } cases[] = {{1024, 1024, 10, 10, 0, 0}, {1025, 1024, 1, none, 0, IMAP_QUOTA_EXCEEDED},
+                 {0, 1024, 11, 10, 0, IMAP_QUOTA_EXCEEDED}, {5ull << 32, 4ull << 32, none, none, 0, IMAP_QUOTA_EXCEEDED},
+                 {4ull << 32, 5ull << 32, none, none, 0, 0}, {2, 1, 1, none, now - 3600, IMAP_QUOTA_EXCEEDED},
+                 {2, 1, 1, none, now - 121 * 3600, IMAP_QUOTA_EXCEEDED_PERSISTENT}};
     for (const auto &c : cases) {
         quotadata q = {};
         q.limit_messages = c.limit_messages;
@@ -357,30 +343,20 @@ TEST_F(Append, QuotaDecision) {
 // bytes refused in any chunk (the file removed), one stream object used
 // for message after message.
 TEST_F(Append, StreamRepairsAndRefusals) {
-    const struct {
-        std::vector<std::string> chunks;
-        int result;
-        std::string stored;
-    } cases[] = {
-        {{"Subject: x"}, 0, "Subject: x\r\n\r\n"},
-        {{"Subject"}, 0, "Subject:\r\n\r\n"},
-        {{""}, 0, "\r\n"},
-        {{"Subject: x\r"}, 0, "Subject: x\r\n\r\n"},
-        {{"Subject: x\r\n"}, 0, "Subject: x\r\n\r\n"},
-        {{"Subject: x\r\n\r"}, 0, "Subject: x\r\n\r\n"},
+    const std::string x = "Subject: x\r\n", nul("Subj\0ect", 8);
+    const struct { std::vector<std::string> chunks; int result; std::string stored; } cases[] = {
+        {{"Subject: x"}, 0, x + "\r\n"}, {{"Subject"}, 0, "Subject:\r\n\r\n"}, {{""}, 0, "\r\n"},
+        {{"Subject: x\r"}, 0, x + "\r\n"}, {{x}, 0, x + "\r\n"}, {{x + "\r"}, 0, x + "\r\n"},
         {{"Sub", "ject: x\r", "\n folded\r\n\r", "\nbody"}, 0, "Subject: x\r\n folded\r\n\r\nbody"},
-        {{"Subject: x\n"}, IMAP_MESSAGE_CONTAINSNL, ""},
-        {{"Subject: x\r\n\r\n", "body\nmore"}, IMAP_MESSAGE_CONTAINSNL, ""},
-        {{"Subject: x\r\n", std::string("Subj\0ect", 8)}, IMAP_MESSAGE_CONTAINSNULL, ""},
-        {{" folded first"}, IMAP_MESSAGE_BADHEADER, ""},
-        {{"No colon\r\n"}, IMAP_MESSAGE_BADHEADER, ""},
-        {{"Subject: x\r\n\r\n\r\nbody\r\n"}, 0, "Subject: x\r\n\r\n\r\nbody\r\n"},
+        {{"Subject: x\n"}, IMAP_MESSAGE_CONTAINSNL, ""}, {{x + "\r\n", "body\nmore"}, IMAP_MESSAGE_CONTAINSNL, ""},
+        {{x, nul}, IMAP_MESSAGE_CONTAINSNULL, ""}, {{" folded first"}, IMAP_MESSAGE_BADHEADER, ""},
+        {{"No colon\r\n"}, IMAP_MESSAGE_BADHEADER, ""}, {{x + "\r\n\r\nbody\r\n"}, 0, x + "\r\n\r\nbody\r\n"},
     };
     ASSERT_EQ(begin("user/fred"), 0);
     astream st = {};
     st.state = &as;
     st.destfd = -1;
-    std::vector<std::string> stored;
+    std::vector<size_t> sizes;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.chunks[0]);
         unsigned size = 0, last = mb.mbd.last_uid;
@@ -393,62 +369,44 @@ TEST_F(Append, StreamRepairsAndRefusals) {
         EXPECT_EQ(r, c.result);
         EXPECT_EQ(mb.mbd.last_uid, last + (r ? 0 : 1));
         EXPECT_EQ(read_file(msgfile(mb, last + 1)), c.stored);
-        if (!r) stored.push_back(c.stored);
+        if (!r) sizes.push_back(c.stored.size());
     }
     append_finish(&as);
     mboxdata mbd;
     std::vector<Entry> e = entries(mb.path, &mbd);
-    ASSERT_EQ(e.size(), stored.size());
-    for (size_t i = 0; i < e.size(); i++) EXPECT_EQ(e[i].rec.size, stored[i].size());
+    ASSERT_EQ(e.size(), sizes.size());
+    for (size_t i = 0; i < e.size(); i++) EXPECT_EQ(e[i].rec.size, sizes[i]);
 }
 
-// The file step: a stale file of a crashed delivery is replaced; one
-// message delivered to two folders of a partition is one file.
-TEST_F(Append, StaleFilesAndOneFileForTwoFolders) {
+// One message delivered to two folders of a partition is one file.
+TEST_F(Append, OneFileForTwoFolders) {
     create("user/fred/other");
     ASSERT_EQ(begin("user/fred"), 0);
     ASSERT_EQ(begin("user/fred/other", 0, auth_dontCheckAcl, 0, &as2, &mb2), 0);
-    std::string stale = msgfile(mb, 1), text = corpus("list-archive.mbox")[0];
-    mkdir(stale.substr(0, stale.rfind('/')).c_str(), 0777);
-    write_file(stale, "stale");
-    appendmsg *m = static_cast<appendmsg *>(calloc(1, sizeof(appendmsg)));  // freed by append_freemsg
-    m->base = text.data();
-    m->size = (unsigned)text.size();
+    std::string text = corpus("list-archive.mbox")[0];
+    appendmsg *m = new (malloc(sizeof(appendmsg))) appendmsg(desc(text, 0));  // freed by append_freemsg
     m->singlecopy_key = "primary";
-    ASSERT_EQ(append_msg(&as, m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
-    ASSERT_EQ(append_msg(&as2, m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
-    EXPECT_EQ(read_file(stale), text);
-    EXPECT_EQ(testutil::inode_of(stale), testutil::inode_of(msgfile(mb2, 1)));
-    EXPECT_EQ(std::string(append_locate_singlecopy(m, "primary")), stale);
+    for (append_state *s : {&as, &as2}) ASSERT_EQ(append_msg(s, m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
+    EXPECT_EQ(read_file(msgfile(mb2, 1)), text);
+    EXPECT_EQ(testutil::inode_of(msgfile(mb, 1)), testutil::inode_of(msgfile(mb2, 1)));
+    EXPECT_EQ(std::string(append_locate_singlecopy(m, "primary")), msgfile(mb, 1));
     append_freemsg(m);
     append_finish(&as);
     append_finish(&as2);
 }
 
-// Partition "small" on a tmpfs of its own.
-class AppendOnSmallFs : public Append {
-  protected:
-    void SetUp() override {
-        mkdir(mnt.c_str(), 0777);
-        if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m") != 0)
-            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-        mounted = true;
-        inst.addConfig("store.partition.small.path: " + mnt);
-        Append::SetUp();
-    }
-    void TearDown() override {
-        Append::TearDown();
-        if (mounted) umount2(mnt.c_str(), MNT_DETACH);
-    }
-    std::string mnt = inst.path("small");
-    bool mounted = false;
-};
-
 // A message that fails for want of room, in its file or in the rewrite
 // of the flag names behind its record, leaves no file, no cache entry and
 // no count; the session goes on and its header counts what was delivered.
-// A message whose file lies on another file system is copied.
-TEST_F(AppendOnSmallFs, FailedMessagesLeaveNoTrace) {
+// A message whose file lies on another file system is copied. Partition
+// "small" lies on a tmpfs of its own.
+TEST_F(Append, FailedMessagesLeaveNoTrace) {
+    const std::string mnt = inst.path("small");
+    mkdir(mnt.c_str(), 0777);
+    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    struct Unmount { std::string dir; ~Unmount() { umount2(dir.c_str(), MNT_DETACH); } } unmount{mnt};
+    restart("store.partition.small.path: " + mnt + "\n");
     create("user/sm", "small");
     ASSERT_EQ(begin("user/sm"), 0);
     ASSERT_EQ(put("Subject: 1\r\n\r\none\r\n"), 0);
@@ -474,13 +432,9 @@ TEST_F(AppendOnSmallFs, FailedMessagesLeaveNoTrace) {
     ASSERT_EQ(ftruncate(filler, 0), 0);
     close(filler);
     ASSERT_EQ(put(text, {flag.c_str()}), 0);
-    std::string outside = inst.path("outside.msg");
-    write_file(outside, "Subject: 3\r\n\r\n");
-    appendmsg m = zeroappendmsg;
-    m.flags = APPENDMSG_STATIC | APPENDMSG_FNAME_BORROWED;
-    m.fname = &outside[0];
-    m.base = "Subject: 3\r\n\r\n";
-    m.size = 14;
+    std::string outside = inst.path("outside.msg"), three = "Subject: 3\r\n\r\n";
+    write_file(outside, three);
+    appendmsg m = desc(three, APPENDMSG_STATIC | APPENDMSG_FNAME_BORROWED, &outside[0]);
     ASSERT_EQ(append_msg(&as, &m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
     append_finish(&as);
     mboxdata mbd;
@@ -488,6 +442,6 @@ TEST_F(AppendOnSmallFs, FailedMessagesLeaveNoTrace) {
     ASSERT_EQ(e.size(), 3u);
     EXPECT_TRUE(e[1].rec.uid == 2 && e[1].rec.user_flags[0] == 1 && mbd.last_uid == 3);
     EXPECT_EQ(read_file(msgfile(mb, 2)), text);
-    EXPECT_EQ(read_file(msgfile(mb, 3)), "Subject: 3\r\n\r\n");
+    EXPECT_EQ(read_file(msgfile(mb, 3)), three);
     EXPECT_NE(testutil::inode_of(msgfile(mb, 3)), testutil::inode_of(outside));
 }
