@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "objects/bkobj.h"
+#include "store/append.h"
 #include "store/mboxlist.h"
 #include "support/config.h"
 #include "support/log.h"
@@ -41,7 +42,10 @@ BkContext::BkContext(const char *progname, int dbg)
         svclog(nullptr, 3, "mboxlist_init failed");
         return;
     }
-    // The provisioning of users joins the context here once the store has it.
+    // The provisioning of users (autocreate_init: directory pool and domain
+    // map) joins the context here once the store has it. The check for full
+    // partitions that delivery makes is set up now: the tool delivers.
+    append_init();
     status = 0;
 }
 
