@@ -22,7 +22,17 @@
 // the cache entry before its record, the records before the header that
 // counts them. A crash at any instant leaves a folder whose header counts
 // only complete messages; what lies beyond is overwritten by the next
-// delivery.
+// delivery. Message files are synced at the message sync level (by default
+// writeback only); the barrier before the header makes them durable.
+//
+// Flags "\seen" and "\deleted" go to "peruser.db" as uid ranges; a
+// session collects consecutive uids of one user and writes each run once,
+// before any header that counts its messages.
+//
+// DIAGNOSTICS: append_msg and the stream operations end the process with
+// an assertion on a folder of an unknown format, a message description
+// without bytes, or stream calls out of order. Failures are logged once
+// where they are found (level 59) and returned as codes of the error table.
 #ifndef STORE_APPEND_H
 #define STORE_APPEND_H
 
@@ -112,9 +122,10 @@ extern const struct appendmsg zeroappendmsg;
 // Sets up the partition full check (local.store.checkdiskusage): reads the
 // partition table and maps "data/lock/partition.lck" of the instance, one
 // byte per partition id, "1" meaning full. Registers append_exit. Always 0;
-// without the table or the file the check is off.
+// without the table or the file the check is off. Once set up, further
+// calls do nothing until append_exit.
 int append_init(void);
-// Frees the partition table and the map.
+// Frees the partition table and the map; the check is off.
 void append_exit(void);
 
 // Opens folder name for appending (mode | OPEN_APPEND), refuses a full or
@@ -156,9 +167,10 @@ void append_flush_peruser(struct append_state *as);
 // user flag names), per-user data of userid (may be null), notification.
 // orig_uid and orig_uidvalidity 0 mean "this uid" and "this folder's".
 // wanted_uid above last_uid is taken as the uid, else last_uid + 1. 0, or
-// IMAP_MESSAGE_NOBLANKLINE (zero length), IMAP_IOERROR, or the error of the
+// IMAP_MESSAGE_NOBLANKLINE (zero length), IMAP_MESSAGE_TOO_LARGE (above
+// 4 GB - 1 bytes with its header text), IMAP_IOERROR, or the error of the
 // record area's growth; on an error the files written for it are removed
-// and the folder's counters are as before.
+// and the folder's and the session's counters are as before.
 int append_msg(struct append_state *as, struct appendmsg *msg, time_t internaldate,
                const char **flags, int nflags, const char *userid, unsigned orig_uid,
                unsigned orig_uidvalidity, int nonotify, unsigned wanted_uid);
@@ -177,6 +189,12 @@ int append_addperuser(struct mailbox *mailbox, const char *userid, int kind, uns
                       unsigned last_uid);
 
 // ---- the stream form --------------------------------------------------
+//
+// The caller sets up an astream with `state` (a session), destfd -1 and
+// the counters 0. A message is start, data (any number of chunks, which
+// together bring exactly the announced size), then finish or abort. The
+// file is written where the folder's next message belongs. After a
+// finish the same astream takes the next message.
 
 // Starts a message of the announced size: creates its file. 0 or IMAP_IOERROR.
 int append_stream_start(struct astream *stream, unsigned size);
@@ -185,7 +203,8 @@ int append_stream_start(struct astream *stream, unsigned size);
 // or IMAP_IOERROR; on an error the stream is aborted.
 int append_stream_data(struct astream *stream, const char *bytes, unsigned len);
 // Completes the header block where the message ended early, flushes the
-// file and delivers it with append_msg.
+// file and delivers it with append_msg. 0 or an error, after which the
+// stream is aborted.
 int append_stream_finish(struct astream *stream, time_t internaldate, const char **flags,
                          int nflags, const char *userid, int nonotify);
 // Closes and removes the files of the stream.
