@@ -533,7 +533,9 @@ static int index_message(struct append_state *as, struct appendmsg *msg, const c
     r = mailbox_append_index(mailbox, record, mbd->exists, 1);
     if (!r && undo->nnewflags) {
         // A rewrite of the variable header writes the summary as well:
-        // the per-user data of the messages it counts goes in first.
+        // the per-user data of the messages it counts goes in first. (The
+        // writer maps the whole file itself when it has to move records
+        // and cache, so the partial map of the session is left as it is.)
         append_flush_peruser(as);
         r = mailbox_write_index_variable_header(mailbox);
     }
