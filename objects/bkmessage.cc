@@ -5,7 +5,6 @@
 // the fixed 52-byte record a backup carries. restoreData delivers the bytes
 // into the folder through the folder's append session.
 #include <arpa/inet.h>
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -175,9 +174,9 @@ Vdata *Message::backupData() {
     unsigned uid = ntohl(msgAttr.uid);
     int r = mailbox_map_message(mailbox->getMbox(), uid, nullptr, &m);
     if (r) {
-        errno = r;
-        svclog(nullptr, 4, "%s unable to read message for uid %d: %m", mailbox->getName(),
-               (int)uid);
+        // A failed open gives its errno, a failed map a code of the store.
+        svclog(nullptr, 4, "%s unable to read message for uid %d: %s", mailbox->getName(),
+               (int)uid, mboxlist_strerror(r));
         data.clear();
         return &data;
     }
