@@ -16,8 +16,8 @@ ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt);
 
 // Levels of sync_file:
 //   0  nothing: the system writes the data when it likes.
-//   1  ordered, shared flush: writeback of the file starts now and the file
-//      system is remembered; sync_file_barrier() makes everything written
+//   1  ordered, shared flush: the file system is remembered, nothing is
+//      written yet; sync_file_barrier() makes everything written
 //      under level 1 durable with one flush per file system. The store calls
 //      the barrier before it writes a header or a database row that makes
 //      such data count, so a crash never leaves a header counting data that
