@@ -15,10 +15,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
-#include "store/mailbox.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
@@ -349,15 +349,9 @@ void put_row(const char *name, uint32_t version, uint32_t exists, const char *ac
     mbd.uidvalidity = uidvalidity;
     DBT key, data;
     mboxlist_create_struct(&key, &data, nullptr, name, &mbd, partition, acl, nullptr);
-    int r;
-    do {
-        DB_TXN *txn;
-        ASSERT_EQ(mboxlist_trans_setup(&txn, "test", name), 0);
-        DB *folders = mboxlist_db(MBOXLIST_FOLDERDB);
-        r = mboxlist_trans_finish(txn, folders->put(folders, txn, &key, &data, 0));
-    } while (r == DB_LOCK_DEADLOCK);
+    std::string k((const char *)key.data, key.size), v((const char *)data.data, data.size);
     free(data.data);
-    ASSERT_EQ(r, 0) << name;
+    ASSERT_TRUE(db_put(mboxlist_db(MBOXLIST_FOLDERDB), k, v)) << name;
 }
 
 void deliver(struct ::mailbox *mb, unsigned n) {
@@ -375,9 +369,7 @@ void deliver(struct ::mailbox *mb, unsigned n) {
         rec.rec_cache_offset = (uint32_t)(st.st_size - mb->hdr.cache_offset);
         char zeros[4 * MAILBOX_CACHE_ITEMS] = {0};
         ASSERT_EQ(pwrite(mb->index_fd, zeros, sizeof zeros, st.st_size), (ssize_t)sizeof zeros);
-        char fname[MAILBOX_FNAME_SIZE];
-        mailbox_message_fname(mb, rec.uid, fname);
-        std::string file = std::string(mb->mpath) + "/" + fname;
+        std::string file = message_file(*mb, rec.uid);
         mkdir(file.substr(0, file.rfind('/')).c_str(), 0777);
         write_file(file, text);
     }
@@ -404,6 +396,47 @@ bool lockable_by_other(const std::string &path) {
                int fd = open(path.c_str(), O_RDWR);
                return fd >= 0 && lock_nonblocking(fd) == 0 ? 0 : 1;
            }) == 0;
+}
+
+std::vector<std::string> corpus_messages(const std::string &name) {
+    std::vector<std::string> msgs;
+    std::string s = read_file(corpus_path(name));
+    for (size_t p = 0, q = 0; q != std::string::npos; p = q + 2) {
+        size_t start = s.find('\n', p) + 1;
+        q = s.find("\n\nFrom ", start);
+        msgs.push_back(crlf(s.substr(start, q == std::string::npos ? q : q + 1 - start)));
+    }
+    return msgs;
+}
+
+std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd, index_header *ih) {
+    std::string f = read_file(dir + "/store.idx");
+    mboxdata m = {};
+    index_header h = {};
+    if (f.size() >= INDEX_HEADER_SIZE) {
+        memcpy(&m, f.data(), sizeof m);
+        memcpy(&h, f.data() + sizeof m, sizeof h);
+    }
+    std::vector<IndexEntry> out(m.exists);
+    for (size_t i = 0; i < out.size(); i++) {
+        if (h.start_offset + (i + 1) * INDEX_RECORD_SIZE > f.size()) {
+            out.resize(i);
+            break;
+        }
+        memcpy(&out[i].rec, f.data() + h.start_offset + i * INDEX_RECORD_SIZE, INDEX_RECORD_SIZE);
+        size_t p = std::min(f.size(), (size_t)h.cache_offset + out[i].rec.rec_cache_offset), q = p;
+        for (int k = 0; k < MAILBOX_CACHE_ITEMS && q + 4 <= f.size(); k++)
+            q += 4 + ((be32_at(f, q) + 3) & ~3u);
+        out[i].cache = f.substr(p, std::min(q, f.size()) - p);
+    }
+    if (mbd) *mbd = m;
+    if (ih) *ih = h;
+    return out;
+}
+
+std::string message_file(const struct ::mailbox &mb, unsigned uid) {
+    char fname[MAILBOX_FNAME_SIZE];
+    return std::string(mb.mpath) + "/" + mailbox_message_fname(const_cast<mailbox *>(&mb), uid, fname);
 }
 
 }  // namespace testutil

@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-struct mailbox;
+#include "store/mailbox.h"
+
 struct __db;
 
 namespace testutil {
@@ -181,6 +182,23 @@ void make_folder(const char *name, const std::string &dir, const char *acl,
 
 // Whether another process can take the index lock of the file at path now.
 bool lockable_by_other(const std::string &path);
+
+// The messages of a corpus file as a delivery stores them: without their
+// separator lines, with CRLF line ends.
+std::vector<std::string> corpus_messages(const std::string &name);
+
+// A record of "store.idx" and the bytes of its cache entry (the 11 items).
+struct IndexEntry {
+    index_record rec;
+    std::string cache;
+};
+// The records that the header of "store.idx" in dir counts (as many as the
+// file holds); its summary and header where asked.
+std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd = nullptr,
+                                      index_header *ih = nullptr);
+
+// The path of the file of message uid in the open folder mb.
+std::string message_file(const struct ::mailbox &mb, unsigned uid);
 
 }  // namespace testutil
 
