@@ -1,6 +1,6 @@
-// Expunge on real mail: folders whose records and cache entries the parser
-// made from the corpus, rewritten by mailbox_expunge; "store.exp" and its
-// cleaning; failed rewrites on a file system of their own.
+// Expunge on real mail: folders delivered from the corpus, rewritten by
+// mailbox_expunge; "store.exp" and its cleaning; failed rewrites on a file
+// system of their own.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,14 +12,13 @@
 #include <numeric>
 #include <set>
 
+#include "store/append.h"
 #include "store/imap_err.h"
 #include "store/mailbox_create.h"
 #include "store/mailbox_log.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
-#include "store/message.h"
 #include "support/auth.h"
-#include "support/lock.h"
 #include "tests/testutil.h"
 
 namespace {
@@ -29,41 +28,10 @@ using testutil::inode_of;
 using testutil::read_file;
 using testutil::write_file;
 
-// The messages of a corpus file, with CRLF line ends.
-const std::vector<std::string> &corpus() {
-    static std::vector<std::string> msgs;
-    std::string s = read_file(testutil::corpus_path("list-archive.mbox"));
-    for (size_t p = 0, q = msgs.empty() ? 0 : std::string::npos; q != std::string::npos; p = q + 2) {
-        size_t start = s.find('\n', p) + 1;
-        q = s.find("\n\nFrom ", start);
-        msgs.push_back(testutil::crlf(s.substr(start, q == std::string::npos ? q : q + 1 - start)));
-    }
-    return msgs;
-}
-
-struct Entry {  // a record and the bytes of its 11 cache items
-    index_record rec;
-    std::string cache;
-};
-
 // The records of the folder at dir by uid, each with its cache entry.
-std::map<uint32_t, Entry> entries(const std::string &dir, mboxdata *mbd = nullptr) {
-    std::string f = read_file(dir + "/store.idx");
-    mboxdata m;
-    index_header h;
-    memcpy(&m, f.data(), sizeof m);
-    memcpy(&h, f.data() + sizeof m, sizeof h);
-    std::map<uint32_t, Entry> out;
-    for (unsigned i = 0; i < m.exists; i++) {
-        Entry e;
-        memcpy(&e.rec, f.data() + h.start_offset + i * INDEX_RECORD_SIZE, sizeof e.rec);
-        size_t p = std::min(f.size(), (size_t)h.cache_offset + e.rec.rec_cache_offset), q = p;
-        for (int k = 0; k < MAILBOX_CACHE_ITEMS && q + 4 <= f.size(); k++)
-            q += 4 + ((testutil::be32_at(f, q) + 3) & ~3u);
-        e.cache = f.substr(p, std::min(q, f.size()) - p);
-        out[e.rec.uid] = e;
-    }
-    if (mbd) *mbd = m;
+std::map<uint32_t, testutil::IndexEntry> entries(const std::string &dir, mboxdata *mbd = nullptr) {
+    std::map<uint32_t, testutil::IndexEntry> out;
+    for (const testutil::IndexEntry &e : testutil::index_entries(dir, mbd)) out[e.rec.uid] = e;
     return out;
 }
 
@@ -82,29 +50,24 @@ class Expunge : public ::testing::Test {
         mailbox_init_svclog_msgtrace("expungetest");
     }
     void TearDown() override { mailbox_close(&mb); mboxlist_reset_for_tests(); }
-    // Opens a new user/<user> with n corpus messages: uid i, internaldate 1000000 + i.
+    // Opens a new user/<user> with n corpus messages delivered: uid i,
+    // internaldate 1000000 + i.
     void make(const std::string &user, unsigned n, const char *partition = nullptr) {
         mailbox_close(&mb);
         name = "user/" + user;
         ASSERT_EQ(mboxlist_createmailbox(name.c_str(), MAILBOX_VERSION, partition, user.c_str(),
                                          auth_dontCheckAcl, QUOTA_UNLIMITED, QUOTA_UNLIMITED, 0, nullptr), 0);
-        ASSERT_EQ(mailbox_open(name.c_str(), 0, auth_dontCheckAcl, &mb), 0);
-        ASSERT_EQ(mailbox_lock_index(&mb), 0);
-        // An empty folder grows to room for n records.
-        ASSERT_EQ(mailbox_expunge(&mb, EXPUNGE_LOCKED, n > 100 ? (int)n : 0, none, nullptr), 0);
-        std::vector<index_record> recs(n, index_record{});
+        append_state as;
+        as.mailbox = &mb;
+        ASSERT_EQ(append_setup(&as, name.c_str(), 0, MAILBOX_VERSION, auth_dontCheckAcl, 0, 0), 0);
         for (unsigned i = 0; i < n; i++) {
-            const std::string &text = corpus()[i % corpus().size()];
-            ASSERT_GE(lseek(mb.index_fd, 0, SEEK_END), 0);
-            ASSERT_EQ(message_parse_mapped(text.data(), text.size(), &mb, nullptr, &recs[i]), 0);
-            recs[i].uid = recs[i].orig_uid = i + 1;
-            recs[i].internaldate = 1000000 + (int)i;
-            mb.mbd.quota_used[0] += recs[i].size;
+            appendmsg m = zeroappendmsg;
+            m.flags = APPENDMSG_STATIC;
+            m.base = corpus[i % corpus.size()].data();
+            m.size = (unsigned)corpus[i % corpus.size()].size();
+            ASSERT_EQ(append_msg(&as, &m, 1000000 + i, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
         }
-        ASSERT_EQ(mailbox_append_index(&mb, recs.data(), 1, n), 0);
-        mb.mbd.exists = mb.mbd.last_uid = n;
-        ASSERT_EQ(mboxlist_updatedata(&mb, 1), 0);
-        mailbox_unlock_index(&mb);
+        append_finish(&as);
         dir = mb.path;
     }
     // The folder's row and the handle hold the summary of the file.
@@ -114,6 +77,7 @@ class Expunge : public ::testing::Test {
         EXPECT_TRUE(memcmp(&row, &file, sizeof row) == 0 && memcmp(&mb.mbd, &file, sizeof row) == 0);
     }
     testutil::Instance inst;
+    const std::vector<std::string> corpus = testutil::corpus_messages("list-archive.mbox");
     mailbox mb = zeromailbox;
     std::string name, dir;
 };
@@ -179,7 +143,7 @@ TEST_F(Expunge, RemovesTheChosenMessagesAndCompactsTheCache) {
         // The message trace names each by its Message-ID.
         std::string trace = read_file(inst.path("log/msgtrace.log"));
         for (uint32_t uid : gone) {
-            const std::string &text = corpus()[uid - 1];
+            const std::string &text = corpus[uid - 1];
             std::string id = testutil::take(mailbox_getheadervalue("Message-ID", text.data(), text.size()));
             EXPECT_NE(trace.find("expunge:" + name + ":" + id + "\n"), std::string::npos) << id;
         }
@@ -212,13 +176,10 @@ TEST_F(Expunge, KeepingEverythingRewritesOnlyWhenAskedOrToGrow) {
     struct stat st;
     ASSERT_EQ(fstat(mb.index_fd, &st), 0);
     EXPECT_TRUE(st.st_ino == inode_of(idx) && mb.index_lock_count == 1);
-    auto other_locks = [&] {
-        return testutil::in_child([&] { return lock_nonblocking(open(idx.c_str(), O_RDWR)) == 0 ? 0 : 1; });
-    };
-    EXPECT_EQ(other_locks(), 1);
+    EXPECT_FALSE(testutil::lockable_by_other(idx));
     mailbox_unlock_index(&mb);
-    EXPECT_EQ(other_locks(), 0);
-    EXPECT_EQ(entries(dir).size(), 300u);
+    EXPECT_TRUE(testutil::lockable_by_other(idx));
+    EXPECT_EQ(testutil::index_entries(dir).size(), 300u);
 }
 
 TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
@@ -251,23 +212,16 @@ TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
     EXPECT_EQ(mailbox_clean_expunge(path.c_str(), nullptr, now), IMAP_MAILBOX_BADFORMAT);
 }
 
-// Partition "small" on a tmpfs of its own, with few inodes.
-class ExpungeOnSmallFs : public Expunge {
-  protected:
-    void SetUp() override {
-        mkdir(mnt.c_str(), 0777);
-        if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m,nr_inodes=64") != 0)
-            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-        mounted = true;
-        inst.addConfig("store.partition.small.path: " + mnt);
-        Expunge::SetUp();
-    }
-    void TearDown() override { Expunge::TearDown(); if (mounted) umount2(mnt.c_str(), MNT_DETACH); }
-    std::string mnt = inst.path("small");
-    bool mounted = false;
-};
-
-TEST_F(ExpungeOnSmallFs, FailedRewriteLeavesTheFolderAsItWas) {
+// Partition "small" lies on a tmpfs of its own, with few inodes.
+TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
+    const std::string mnt = inst.path("small");
+    mkdir(mnt.c_str(), 0777);
+    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m,nr_inodes=64") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    struct Unmount { std::string dir; ~Unmount() { umount2(dir.c_str(), MNT_DETACH); } } unmount{mnt};
+    inst.addConfig("store.partition.small.path: " + mnt);
+    mboxlist_reset_for_tests();
+    ASSERT_EQ(testutil::start_store("expungetest"), 0);
     make("small", 3, "small");
     std::string idx = dir + "/store.idx", old = read_file(idx);
     ino_t ino = inode_of(idx);
@@ -293,5 +247,5 @@ TEST_F(ExpungeOnSmallFs, FailedRewriteLeavesTheFolderAsItWas) {
     close(filler);
     unlink((mnt + "/filler").c_str());
     EXPECT_EQ(mailbox_expunge(&mb, 0, 0, in_set, &gone), 0);
-    EXPECT_EQ(entries(dir).size(), 2u);
+    EXPECT_EQ(testutil::index_entries(dir).size(), 2u);
 }
