@@ -8,6 +8,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,20 +28,27 @@ struct Expected {
     std::string text;
     time_t date;
     unsigned status, xstatus;
+    size_t offset;
 };
 
-// The messages of a mail file as the scanner cuts them.
+// The messages of a mail file as the scanner cuts them; each must end its
+// lines in CRLF.
 std::vector<Expected> scan(const std::string &data) {
     std::vector<Expected> r;
     FromLine first;
     if (!check_fromline(data.data(), data.data() + data.size(), &first)) return r;
     auto add = [](void *rock, const ScannedMessage *m, int *) {
         static_cast<std::vector<Expected> *>(rock)->push_back(
-            {std::string(m->text, m->size), m->internalDate, m->statusFlags, m->xStatusFlags});
+            {std::string(m->text, m->size), m->internalDate, m->statusFlags, m->xStatusFlags, m->offset});
         return 1;
     };
     ScanHooks hooks = {add, nullptr, &r, 0};
     scan_messages(data.data(), data.size(), -1, &first, &hooks);
+    for (const Expected &e : r) {
+        size_t crlf = 0;
+        for (size_t p = 0; (p = e.text.find("\r\n", p)) != std::string::npos; p += 2) crlf++;
+        EXPECT_EQ(crlf, (size_t)std::count(e.text.begin(), e.text.end(), '\n')) << e.offset;
+    }
     return r;
 }
 
@@ -51,55 +60,40 @@ std::string with_flags(const std::string &data) {
     std::string out;
     FromLine fl;
     int n = 0;
-    for (size_t pos = 0; pos < data.size();) {
-        size_t nl = data.find('\n', pos);
-        size_t end = nl == std::string::npos ? data.size() : nl + 1;
+    for (size_t pos = 0, end; pos < data.size(); pos = end) {
+        end = std::min(data.find('\n', pos), data.size() - 1) + 1;
         out.append(data, pos, end - pos);
-        if (data.compare(pos, 5, "From ") == 0 &&
-            check_fromline(data.data() + pos, data.data() + data.size(), &fl))
+        if (!data.compare(pos, 5, "From ") && check_fromline(data.data() + pos, data.data() + data.size(), &fl))
             out += add[n++ % 5];
-        pos = end;
     }
     return out;
 }
 
 std::string flag_text(unsigned status, unsigned xstatus) {
-    std::string s = "00000";
-    s[0] = (status & 2) ? '1' : '0';
-    s[1] = (status & 1) ? '1' : '0';
-    s[2] = (xstatus & 1) ? '1' : '0';
-    return s;
+    return std::string() + "01"[(status >> 1) & 1] + "01"[status & 1] + "01"[xstatus & 1] + "00";
 }
 
-// The 11 items of the cache entry at off of the folder's "store.idx".
-std::vector<std::string> cache_items(const std::string &idx, size_t off) {
-    std::vector<std::string> items;
-    for (int i = 0; i < MAILBOX_CACHE_ITEMS && off + 4 <= idx.size(); i++) {
-        uint32_t len = testutil::be32_at(idx, off);
-        if (off + 4 + len > idx.size()) break;
-        items.push_back(idx.substr(off + 4, len));
-        off += 4 + ((len + 3) & ~3u);
-    }
-    return items;
-}
-
-// showcache's items for each file it was given, in order.
-std::vector<std::vector<std::string>> showcache_items(const std::string &out) {
-    std::vector<std::vector<std::string>> r;
-    size_t pos = 0;
-    while (pos < out.size()) {
-        size_t nl = out.find('\n', pos);
-        if (nl == std::string::npos) break;
+// What showcache prints for each file it was given, in order: the record
+// fields, and the cache entry laid out as "store.idx" keeps it.
+struct Parsed {
+    std::map<std::string, unsigned long> fields;
+    std::string cache;
+};
+std::vector<Parsed> showcache_output(const std::string &out) {
+    std::vector<Parsed> r;
+    char name[64];
+    unsigned long n;
+    long v;
+    for (size_t pos = 0, nl; (nl = out.find('\n', pos)) != std::string::npos;) {
         std::string line = out.substr(pos, nl - pos);
         pos = nl + 1;
-        int num;
-        unsigned len;
-        char name[64];
         if (line.compare(0, 5, "FILE ") == 0) {
             r.emplace_back();
-        } else if (!r.empty() && sscanf(line.c_str(), "ITEM %d %63s %u", &num, name, &len) == 3) {
-            r.back().push_back(out.substr(pos, len));
-            pos += len + 1;
+        } else if (!r.empty() && sscanf(line.c_str(), "ITEM %*d %63s %lu", name, &n) == 2) {
+            r.back().cache += testutil::be32({(uint32_t)n}) + out.substr(pos, n) + std::string((4 - n % 4) % 4, '\0');
+            pos += n + 1;
+        } else if (!r.empty() && sscanf(line.c_str(), "%63[a-z_]: %li", name, &v) == 2) {
+            r.back().fields[name] = (unsigned long)v;
         }
     }
     return r;
@@ -117,167 +111,148 @@ class ImportmailStore : public ::testing::Test {
                                          testutil::binary_dir() + "/bin/" + prog + " " + args,
                                      out, err);
     }
-    // Joins the store in this process, once the children are done.
-    void join() {
-        if (!ctx) ctx = new BkContext("storetest", 0);
-        ASSERT_TRUE(ctx->isvalid());
-    }
     // Checks folder name against the messages its records must hold, uid
-    // 1 onwards; dir gets the folder's directory.
-    void check_folder(const char *name, const std::vector<Expected> &want, std::string *dir);
+    // 1 onwards; gives the folder's directory.
+    std::string check_folder(const std::string &name, const std::vector<Expected> &want);
 
     testutil::Instance inst;
     BkContext *ctx = nullptr;
+    const time_t started = time(nullptr);
 };
 
-void ImportmailStore::check_folder(const char *name, const std::vector<Expected> &want,
-                                   std::string *dir) {
+std::string ImportmailStore::check_folder(const std::string &name, const std::vector<Expected> &want) {
+    SCOPED_TRACE(name);
     struct mailbox mb = zeromailbox;
-    ASSERT_EQ(mailbox_open(name, 0, auth_dontCheckAcl, &mb), 0) << name;
-    *dir = mb.path;
-    std::string idx = testutil::read_file(*dir + "/store.idx");
-    ASSERT_GE(idx.size(), (size_t)INDEX_HEADER_SIZE) << name;
+    EXPECT_EQ(mailbox_open(name.c_str(), 0, auth_dontCheckAcl, &mb), 0);
+    std::string dir = mb.path;
     struct mboxdata head, row;
-    struct index_header ih;
-    memcpy(&head, idx.data(), sizeof(head));
-    memcpy(&ih, idx.data() + sizeof(head), sizeof(ih));
-    ASSERT_EQ(mboxlist_lookup(name, &row, nullptr, nullptr, nullptr, nullptr), 0) << name;
-    EXPECT_EQ(memcmp(&head, &row, sizeof(head)), 0) << name << ": row and header differ";
-    ASSERT_EQ(head.exists, want.size()) << name;
-    EXPECT_EQ(head.last_uid, want.size()) << name;
-
+    std::vector<testutil::IndexEntry> entries = testutil::index_entries(dir, &head);
+    EXPECT_EQ(mboxlist_lookup(name.c_str(), &row, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(memcmp(&head, &row, sizeof(head)), 0) << "row and header differ";
+    EXPECT_EQ(head.last_uid, want.size());
     struct PerUserFlags pf;
     memset(&pf, 0, sizeof(pf));
-    ASSERT_EQ(getPerUserFlags(&mb, "joe", &pf), 0) << name;
+    EXPECT_EQ(getPerUserFlags(&mb, "joe", &pf), 0);
     uint64_t total = 0;
     uint32_t largest = 0;
     std::string files;
-    std::vector<index_record> records(want.size());
-    for (size_t i = 0; i < want.size(); i++) {
-        index_record &r = records[i];
-        ASSERT_LE(ih.start_offset + (i + 1) * INDEX_RECORD_SIZE, idx.size()) << name;
-        memcpy(&r, idx.data() + ih.start_offset + i * INDEX_RECORD_SIZE, sizeof(r));
+    for (size_t i = 0; i < entries.size() && i < want.size(); i++) {
+        const index_record &r = entries[i].rec;
         const Expected &e = want[i];
-        EXPECT_EQ(r.uid, i + 1) << name << " record " << i + 1;
-        EXPECT_EQ(r.internaldate, (int32_t)e.date) << name << " uid " << r.uid;
-        EXPECT_EQ(r.size, e.text.size()) << name << " uid " << r.uid;
-        EXPECT_EQ(flag_text(isSeen(&pf, r.uid) | isDeleted(&pf, r.uid) << 1,
-                            r.system_flags & FLAG_ANSWERED),
-                  flag_text(e.status, e.xstatus))
-            << name << " uid " << r.uid;
-        char fname[MAILBOX_FNAME_SIZE];
-        std::string file = *dir + "/" + mailbox_message_fname(&mb, r.uid, fname);
+        EXPECT_TRUE(r.uid == i + 1 && r.internaldate == (int32_t)e.date && r.size == e.text.size()) << i + 1;
+        EXPECT_EQ(flag_text(isSeen(&pf, r.uid) | isDeleted(&pf, r.uid) << 1, r.system_flags & FLAG_ANSWERED),
+                  flag_text(e.status, e.xstatus)) << "uid " << r.uid;
+        std::string file = testutil::message_file(mb, r.uid);
         EXPECT_TRUE(testutil::read_file(file) == e.text) << file << " differs from the message";
         files += " " + file;
         total += r.size;
-        largest = r.size > largest ? r.size : largest;
+        largest = std::max(largest, r.size);
     }
-    EXPECT_EQ(head.quota_used[0] | (uint64_t)head.quota_used[1] << 32, total) << name;
-    EXPECT_EQ(head.max_size, largest) << name;
+    EXPECT_EQ(entries.size(), want.size());
+    EXPECT_EQ(head.quota_used[0] | (uint64_t)head.quota_used[1] << 32, total);
+    EXPECT_EQ(head.max_size, largest);
     freeUserFlags(&pf);
     mailbox_close(&mb);
 
-    // Each cache entry is what the parser makes of the message file.
+    // Each record and cache entry is what the parser makes of the message file.
     std::string out, err;
-    ASSERT_EQ(run("showcache", files, &out, &err), 0) << err;
-    std::vector<std::vector<std::string>> parsed = showcache_items(out);
-    ASSERT_EQ(parsed.size(), want.size()) << name;
-    for (size_t i = 0; i < want.size(); i++)
-        EXPECT_TRUE(cache_items(idx, (size_t)ih.cache_offset + records[i].rec_cache_offset) == parsed[i])
-            << name << " uid " << i + 1 << ": cache entry differs from showcache";
+    EXPECT_EQ(run("showcache", files, &out, &err), 0) << err;
+    std::vector<Parsed> parsed = showcache_output(out);
+    EXPECT_EQ(parsed.size(), want.size());
+    for (size_t i = 0; i < parsed.size() && i < want.size(); i++) {
+        const index_record &r = entries[i].rec;
+        std::map<std::string, unsigned long> &f = parsed[i].fields;
+        if (f["sentdate"] >= (unsigned long)started && r.sentdate >= started) f["sentdate"] = r.sentdate;  // unreadable: now
+        EXPECT_EQ(std::vector<unsigned long>({f["sentdate"], f["size"], f["header_size"], f["content_offset"],
+                                              f["system_flags"] & ~FLAG_ANSWERED}),
+                  std::vector<unsigned long>({r.sentdate, r.size, r.header_size, r.content_offset,
+                                              r.system_flags & ~FLAG_ANSWERED}))
+            << "uid " << i + 1 << ": record differs from showcache";
+        EXPECT_TRUE(entries[i].cache == parsed[i].cache) << "uid " << i + 1 << ": cache entry differs from showcache";
+    }
+    return dir;
 }
 
 }  // namespace
 
-// Each corpus file, and one with status flags, into a folder of its own.
+// Each corpus file into a folder of its own; the file with status flags
+// added twice into one folder (the second load goes on behind the first),
+// and once more with -n, which loads into a new time-stamped folder. The
+// debug output counts each message as the scanner cuts it, and showfolder
+// shows what is there.
 TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     ASSERT_TRUE(inst.startStored());
+    std::string flagged = inst.path("flagged.mbox");
+    testutil::write_file(flagged, with_flags(testutil::read_file(testutil::corpus_path("list-archive.mbox"))));
     const struct {
-        const char *file, *folder;
+        std::string path;
+        const char *args, *folder;
         size_t count;
-    } cases[] = {{"list-archive.mbox", "Lists", 53},
-                 {"kernel-list.mbox", "Kernel", 210},
-                 {"broken.mbox", "INBOX", 20},
-                 {"list-archive.mbox", "Flagged", 53}};
-    std::vector<std::vector<Expected>> wants;
-    for (const auto &c : cases) {
-        std::string data = testutil::read_file(testutil::corpus_path(c.file)), path;
-        if (strcmp(c.folder, "Flagged") == 0) {
-            data = with_flags(data);
-            testutil::write_file(path = inst.path("flagged.mbox"), data);
-        } else {
-            path = testutil::corpus_path(c.file);
-        }
-        wants.push_back(scan(data));
-        ASSERT_EQ(wants.back().size(), c.count) << c.file;
-        std::string err;
-        ASSERT_EQ(run("importmail", "-v 0 -c y -u joe -d " + std::string(c.folder) + " -s " + path,
-                      nullptr, &err),
-                  0)
-            << err;
-    }
-    join();
-    const char *names[] = {"user/joe/Lists", "user/joe/Kernel", "user/joe", "user/joe/Flagged"};
-    std::string dir;
-    for (size_t i = 0; i < wants.size(); i++) check_folder(names[i], wants[i], &dir);
-}
-
-// A second load goes on behind the first; with -n a load into an existing
-// folder goes into a new time-stamped one; showfolder shows what is there.
-TEST_F(ImportmailStore, LoadsAppendRenameAndShow) {
-    ASSERT_TRUE(inst.startStored());
-    std::string data = with_flags(testutil::read_file(testutil::corpus_path("list-archive.mbox")));
-    std::string path = inst.path("in.mbox"), err, out;
-    testutil::write_file(path, data);
-    std::vector<Expected> once = scan(data), twice = once;
-    twice.insert(twice.end(), once.begin(), once.end());
-    for (int i = 0; i < 2; i++)
-        ASSERT_EQ(run("importmail", "-v 0 -c y -u joe -d Lists -s " + path, nullptr, &err), 0) << err;
+    } loads[] = {{testutil::corpus_path("list-archive.mbox"), "-d Lists", "user/joe/Lists", 53},
+                 {testutil::corpus_path("kernel-list.mbox"), "-d Kernel", "user/joe/Kernel", 210},
+                 {testutil::corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
+                 {flagged, "-d Flagged", "user/joe/Flagged", 53},
+                 {flagged, "-d Flagged", "user/joe/Flagged", 53},
+                 {flagged, "-n -d Flagged", "", 53}};
+    std::map<std::string, std::vector<Expected>> wants;
+    std::string out, err;
     time_t before = time(nullptr);
-    ASSERT_EQ(run("importmail", "-n -v 1 -c y -u joe -d Lists -s " + path, nullptr, &err), 0) << err;
+    for (const auto &l : loads) {
+        std::string data = testutil::read_file(l.path);
+        std::vector<Expected> msgs = scan(data);
+        ASSERT_EQ(msgs.size(), l.count) << l.path;
+        ASSERT_EQ(run("importmail", "-g -v 1 -c y -u joe -s " + l.path + " " + l.args, &out, &err), 0) << err;
+        EXPECT_NE(out.find("filesize: " + std::to_string(data.size()) + "\n"), std::string::npos);
+        std::string sizes, want;
+        for (const Expected &m : msgs) want += "msg size: " + std::to_string(m.text.size()) + " offset: " + std::to_string(m.offset) + "\n";
+        for (const std::string &line : testutil::split_lines(out))
+            if (line.compare(0, 10, "msg size: ") == 0) sizes += line + "\n";
+        EXPECT_EQ(sizes, want) << l.path;
+        std::vector<Expected> &w = wants[l.folder];
+        w.insert(w.end(), msgs.begin(), msgs.end());
+    }
     time_t after = time(nullptr);
 
-    join();
-    std::string dir, newDir;
-    check_folder("user/joe/Lists", twice, &dir);
+    ctx = new BkContext("storetest", 0);
+    ASSERT_TRUE(ctx->isvalid());
+    std::map<std::string, std::string> dirs;
+    for (const auto &w : wants)
+        if (!w.first.empty()) dirs[w.first] = check_folder(w.first, w.second);
     std::string renamed;
     for (time_t t = before; t <= after && renamed.empty(); t++) {
         char suffix[32];
         struct tm tm;
         strftime(suffix, sizeof(suffix), ".%m%d%y.%H%M%S", localtime_r(&t, &tm));
-        std::string name = std::string("user/joe/Lists") + suffix;
-        if (mboxlist_lookup(name.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr) == 0)
-            renamed = name;
+        std::string name = "user/joe/Flagged" + std::string(suffix);
+        if (mboxlist_lookup(name.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr) == 0) renamed = name;
     }
     ASSERT_FALSE(renamed.empty()) << "no time-stamped folder; progress said: " << err;
     EXPECT_NE(err.find("  -> /export/user/joe/" + renamed.substr(9)), std::string::npos) << err;
-    check_folder(renamed.c_str(), once, &newDir);
+    check_folder(renamed, wants[""]);
 
     // showfolder -m: the folder, then each message in uid order with its
     // date, size, flags and file.
-    ASSERT_EQ(run("showfolder", "-m joe Lists", &out, &err), 0) << err;
-    std::vector<std::string> want = {"Object Id   : /export/user/joe/Lists",
+    const std::vector<Expected> &twice = wants["user/joe/Flagged"];
+    ASSERT_EQ(run("showfolder", "-m joe Flagged", &out, &err), 0) << err;
+    std::vector<std::string> want = {"Object Id   : /export/user/joe/Flagged",
                                      "Last Uid    : " + std::to_string(twice.size()),
                                      "Messages    : " + std::to_string(twice.size())};
-    for (size_t i = 0; i < twice.size(); i++) {
-        char date[64];
-        unsigned uid = (unsigned)i + 1;
-        std::string d = time2str((long)twice[i].date, date);
-        want.push_back("UID         : " + std::to_string(uid));
-        want.push_back("InternalDate: " + d.substr(0, d.size() - 1));
-        want.push_back("Size        : " + std::to_string(twice[i].text.size()));
-        want.push_back("System Flags: " + flag_text(twice[i].status, twice[i].xstatus));
-        char fname[40];
+    for (unsigned uid = 1; uid <= twice.size(); uid++) {
+        const Expected &m = twice[uid - 1];
+        char date[64], fname[40];
+        std::string d = time2str((long)m.date, date);
         snprintf(fname, sizeof(fname), "/%02u/%u.msg", (uid / 100) % 100, uid);
-        want.push_back("File Name   : " + dir + fname);
+        want.insert(want.end(), {"UID         : " + std::to_string(uid), "InternalDate: " + d.substr(0, d.size() - 1),
+                                 "Size        : " + std::to_string(m.text.size()),
+                                 "System Flags: " + flag_text(m.status, m.xstatus),
+                                 "File Name   : " + dirs["user/joe/Flagged"] + fname});
     }
     size_t at = 0;
     for (const std::string &line : testutil::split_lines(out))
         if (at < want.size() && line == want[at]) at++;
     EXPECT_EQ(at, want.size()) << "missing in order: " << (at < want.size() ? want[at] : "") << "\n"
                                << out.substr(0, 2000);
-
-    // A folder that isn't there, and a wrong call.
+    // A folder that isn't there, and wrong calls.
     EXPECT_EQ(run("showfolder", "joe Nowhere", nullptr, &err), 66);
     EXPECT_NE(err.find("Nowhere"), std::string::npos) << err;
     EXPECT_EQ(run("showfolder", "-x joe Lists", nullptr, &err), 64);
