@@ -94,28 +94,6 @@ TEST_F(ImportmailCli, FormatChecksAndFolderNames) {
     EXPECT_EQ(err, "/export/user/joe" + in + "\n");
 }
 
-TEST_F(ImportmailCli, DebugOutputCountsCorpusMessages) {
-    ASSERT_TRUE(inst.startStored());
-    struct { const char *name; size_t count; } files[] = {
-        {"list-archive.mbox", 53}, {"kernel-list.mbox", 210}, {"broken.mbox", 20}};
-    for (const auto &f : files) {
-        std::string path = testutil::corpus_path(f.name), out, err;
-        ASSERT_EQ(run("-g -c y -v 0 -u joe -d inbox -s " + path, &out, &err), 0) << err;
-        std::string data = testutil::read_file(path);
-        EXPECT_NE(out.find("filesize: " + std::to_string(data.size()) + "\n"), std::string::npos);
-
-        // The program reports the messages exactly as the scanner cuts them.
-        Sizes expected;
-        FromLine first;
-        ASSERT_TRUE(check_fromline(data.data(), data.data() + data.size(), &first));
-        auto add = [](void *r, const ScannedMessage *m, int *) { return ((Sizes *)r)->push_back({m->size, m->offset}), 1; };
-        ScanHooks hooks = {add, nullptr, &expected, 0};
-        scan_messages(data.data(), data.size(), -1, &first, &hooks);
-        EXPECT_EQ(expected.size(), f.count) << f.name;
-        EXPECT_EQ(debug_sizes(out), expected) << f.name;
-    }
-}
-
 // A message too large for the store's 32-bit sizes: the middle one of three,
 // a hole of more than 4 GB in a sparse file. It is refused without being
 // copied or even read; -c y goes on with the next message, -c n stops.
