@@ -67,9 +67,7 @@ TEST(ScannerDates, SeparatorAndHeaderDatesUnderTwoZones) {
         {"From j Fri Jan  3 10:00:00 2003 NST", 1041600600, 0},
         {"From j Tue, 5 Nov 2002 10:20:30 -0800", t0 + 28800, 0},
         {"From j Tue, 05 Nov 2002 10:20:30 PST", t0 + 28800, 0}, {"From j Tue Nov  5 10:20:30 2002 +0000\r", t0, 0},
-        {"From j Sun Apr  7 02:30:00 2002 +0000", 1018146600, 0},
-        {"From j Sun Apr  7 02:30:00 +0000 2002", 1018146600, 0},
-        {"From j Sun, 7 Apr 2002 02:30:00 +0000", 1018146600, 0},
+        {"From j Sun Apr  7 02:30:00 2002 +0000", 1018146600, 0},  // an hour New York skips
         // No separators; the " remote from" tail is cut only from lines of
         // 41 bytes or more.
         {"From joe Tue Nov  5 10:20 2002 remote from xy", t0 - 30, t0 + 17970},
@@ -143,13 +141,12 @@ TEST(Scanner, CutsMessagesAndRewritesLineEnds) {
     noContentLen = 1;
     EXPECT_EQ(scan(cases[5].file).size(), 3u);
     noContentLen = 0;
-    // Offsets, flags and dates of the messages.
+    // Flags in any case, the last header of a kind counting, and dates.
     std::string file = F + "Status: RO\nX-Status: A\n\nx\n\nFrom b Tue Nov  5 10:20:31 2002\nstatus: D\n"
                            "x-status: r\n\n\nFrom c Tue Nov  5 10:20:30 2999\nStatus:R\nSTATUS: rd\n\n";
     time_t before = time(nullptr);
     auto cuts = scan(file);
     ASSERT_EQ(cuts.size(), 3u);
-    EXPECT_TRUE(cuts[0].offset == file.find("From b") && cuts[2].offset == file.size());
     unsigned flags[] = {0x11, 0x02, 0x00};  // xstatus, status
     for (int i = 0; i < 3; i++) EXPECT_EQ(cuts[i].xstatus << 4 | cuts[i].status, flags[i]) << i;
     EXPECT_TRUE(cuts[1].date == 1036491631 && is_now(cuts[2].date, before));  // a date in the future: now
@@ -206,21 +203,4 @@ TEST(Scanner, RefusesMessagesOverTheLimitExactly) {
     // Past the limit by the blank line that a header-only message gets.
     auto cuts = scan(F + "Subject: x\n", 12);
     EXPECT_TRUE(cuts.size() == 1 && cuts[0].text == "<refused>");
-}
-
-// The counts of the corpus files are checked with the program's output.
-TEST(Scanner, CorpusMessagesEndTheirLinesInCRLF) {
-    for (const char *name : {"list-archive.mbox", "kernel-list.mbox", "broken.mbox"}) {
-        std::string data = testutil::read_file(testutil::corpus_path(name));
-        for (const Cut &c : scan(data))
-            for (size_t i = c.text.find('\n'); i != std::string::npos; i = c.text.find('\n', i + 1))
-                ASSERT_TRUE(i > 0 && c.text[i - 1] == '\r') << name;
-    }
-}
-
-TEST(Scanner, GetNewPathAppendsATimeStamp) {
-    char path[1024] = "/export/user/joe/old", out[1024];
-    EXPECT_TRUE(getNewPath(path, out) == out && !strcmp(path, "/export/user/joe/old"));
-    EXPECT_TRUE(testutil::matches("^/export/user/joe/old\\.[0-9]{6}\\.[0-9]{6}$", out)) << out;
-    EXPECT_TRUE(getNewPath(path, nullptr) == nullptr && strlen(path) == strlen(out));
 }
