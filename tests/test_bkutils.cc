@@ -1,7 +1,6 @@
 // Containers of the object layer, and its time helper.
 #include "objects/bkutils.h"
 
-#include <arpa/inet.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -137,41 +136,6 @@ TEST(List, ReverseOrderAndRemoval) {
     EXPECT_EQ(nullptr, l.next());
     l.removeAll();
     EXPECT_TRUE(Tracked::alive == 0 && l.count == 0 && l.head == nullptr);
-}
-
-TEST(HashTable, ChainsShadowingAndDestruction) {
-    // Keys of one chain: four of them land in the same one of 4 chains.
-    std::vector<std::string> same;
-    for (char k = 'a'; same.size() < 3; k++)
-        if (hashvalue(String(std::string(1, k).c_str()), 4) == 1) same.push_back(std::string(1, k));
-    auto *t = new HashTable<String, String, 4>;
-    EXPECT_EQ(nullptr, t->search(String("a")));
-    ASSERT_EQ(3, t->insert(String(same[0].c_str()), String("first")) +
-                     t->insert(String(same[1].c_str()), String("other")) +
-                     t->insert(String(same[0].c_str()), String("second")));
-    EXPECT_EQ(3, t->count);
-    EXPECT_STREQ("second", t->search(String(same[0].c_str()))->getcstring());  // newer shadows
-    EXPECT_STREQ("other", t->search(String(same[1].c_str()))->getcstring());
-    EXPECT_EQ(nullptr, t->search(String(same[2].c_str())));
-    delete t;
-    // Message references: the key compares dev and ino, the value is copied.
-    auto *refs = new MsgRefTable;
-    MsgRef r;
-    r.mboxname = strdup("user/joe");
-    r.uid = htonl(42);
-    ASSERT_EQ(1, refs->insert(DevIno(3, 0x100000005ull), r));
-    r.mboxname[0] = 'X';
-    EXPECT_FALSE(refs->search(DevIno(4, 0x100000005ull)) || refs->search(DevIno(3, 5)));
-    MsgRef *found = refs->search(DevIno(3, 0x100000005ull));
-    EXPECT_TRUE(found && strcmp(found->mboxname, "user/joe") == 0 && ntohl(found->uid) == 42u);
-    delete refs;
-    // Values die with the table.
-    Tracked::alive = 0;
-    auto *byvalue = new HashTable<DevIno, Tracked, 16>;
-    for (int i = 0; i < 40; i++) byvalue->insert(DevIno(0, (uint64_t)i), Tracked(i));
-    EXPECT_TRUE(byvalue->search(DevIno(0, 33))->id == 33 && Tracked::alive == 40);
-    delete byvalue;
-    EXPECT_EQ(0, Tracked::alive);
 }
 
 TEST(Helpers, TimeTextIsLocal) {
