@@ -20,14 +20,12 @@
 #include "support/xmalloc.h"
 #include "tests/testutil.h"
 
-// The flushes of sync_file, counted: the level in force shows in which of
-// them a write of "store.idx" calls.
-static int n_fdatasync, n_fsync, n_range;
+// The flushes of sync_file and of the barrier, counted: the level in force
+// shows in which of them a write of "store.idx" and the next barrier call.
+static int n_fdatasync, n_fsync, n_syncfs;
 extern "C" int fdatasync(int fd) { return n_fdatasync++, (int)syscall(SYS_fdatasync, fd); }
 extern "C" int fsync(int fd) { return n_fsync++, (int)syscall(SYS_fsync, fd); }
-extern "C" int sync_file_range(int fd, off64_t off, off64_t n, unsigned int flags) {
-    return n_range++, (int)syscall(SYS_sync_file_range, fd, off, n, flags);
-}
+extern "C" int syncfs(int fd) { return n_syncfs++, (int)syscall(SYS_syncfs, fd); }
 
 namespace {
 
@@ -293,7 +291,8 @@ TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
 
 // The sync levels are read once per process: each case runs this test again
 // with MAILBOX_SYNC_CHILD set, printing the flushes of one index header write
-// twice (the second after a configuration that says otherwise changed nothing).
+// and the barrier behind it twice (the second after a configuration that
+// says otherwise changed nothing).
 TEST(MailboxSync, GeneralAndSpecificKeys) {
     if (getenv("MAILBOX_SYNC_CHILD")) {
         testutil::TempDir tmp;
@@ -306,14 +305,15 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
             configmsg_reset();
             ASSERT_EQ(configmsg_init(nullptr, 16, "synctest"), 0);
             mailbox_loadconfig();
-            int d = n_fdatasync, f = n_fsync, g = n_range;
+            int d = n_fdatasync, f = n_fsync, g = n_syncfs;
             ASSERT_EQ(mailbox_write_index_fixed_header(&mb), 0);
-            printf("SYNC %d %d %d\n", n_fdatasync - d, n_fsync - f, n_range - g);
+            ASSERT_EQ(sync_file_barrier(), 0);
+            printf("SYNC %d %d %d\n", n_fdatasync - d, n_fsync - f, n_syncfs - g);
         }
         return;
     }
     std::string self = testutil::binary_dir() + "/bin/test_mailbox_open";
-    const char *cases[][2] = {  // configuration; fdatasync, fsync, writeback start
+    const char *cases[][2] = {  // configuration; fdatasync, fsync, file system flush
         {"local.store.synclevel: 0\nlocal.store.indexsynclevel: 2\n", "1 0 0"},
         {"local.store.synclevel: 3\n", "0 1 0"},
         {"", "0 0 1"}};
