@@ -164,15 +164,20 @@ std::string corpus_path(const std::string &name) {
 }
 
 std::string read_file(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
     std::ostringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
 void write_file(const std::string &path, const std::string &content) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     f << content;
+}
+
+int Instance::run(const std::string &prog, const std::string &args, std::string *out, std::string *err,
+                  int limit) const {
+    return run_command("STORE_INSTANCEDIR=" + shell_quote(dir()) + " timeout -s KILL " + std::to_string(limit) +
+                           " " + binary_dir() + "/bin/" + prog + " " + args, out, err);
 }
 
 int run_command(const std::string &cmd, std::string *out, std::string *err) {
@@ -192,15 +197,10 @@ int wait_child(pid_t pid) {
 
 std::vector<std::string> split_lines(const std::string &s) {
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < s.size()) {
-        size_t nl = s.find('\n', start);
-        if (nl == std::string::npos) {
-            lines.push_back(s.substr(start) + "<no newline>");
-            break;
-        }
-        lines.push_back(s.substr(start, nl - start));
-        start = nl + 1;
+    for (size_t start = 0, nl; start < s.size(); start = nl + 1) {
+        nl = s.find('\n', start);
+        lines.push_back(nl == std::string::npos ? s.substr(start) + "<no newline>" : s.substr(start, nl - start));
+        if (nl == std::string::npos) break;
     }
     return lines;
 }
@@ -232,10 +232,7 @@ int read_byte(int fd, int ms) {
 
 Pipe::Pipe() {
     int p[2];
-    if (pipe(p) == 0) {
-        r = p[0];
-        w = p[1];
-    }
+    if (pipe(p) == 0) r = p[0], w = p[1];
 }
 
 Pipe::~Pipe() {
@@ -244,9 +241,7 @@ Pipe::~Pipe() {
 }
 
 ScopedTZ::ScopedTZ(const char *tz) {
-    const char *old = getenv("TZ");
-    had_ = old != nullptr;
-    if (old) old_ = old;
+    if (const char *old = getenv("TZ")) had_ = true, old_ = old;
     setenv("TZ", tz, 1);
     tzset();
 }
@@ -258,10 +253,7 @@ ScopedTZ::~ScopedTZ() {
 
 std::string crlf(const std::string &s) {
     std::string out;
-    for (char c : s) {
-        if (c == '\n') out += '\r';
-        out += c;
-    }
+    for (char c : s) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
     return out;
 }
 

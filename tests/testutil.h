@@ -42,6 +42,10 @@ class Instance {
     std::string path(const std::string &rel) const { return tmp_.path() + "/" + rel; }
     // Appends "key: value" lines to the configuration file.
     void addConfig(const std::string &lines) const;
+    // Runs bin/prog with args for this instance, killed after limit seconds:
+    // its exit status (or -1); captures output and errors if asked.
+    int run(const std::string &prog, const std::string &args, std::string *out = nullptr,
+            std::string *err = nullptr, int limit = 300) const;
 
     // Runs bin/stored for this instance as a child until it has declared the
     // store ready; false if it ended instead (its status in storedStatus()).
