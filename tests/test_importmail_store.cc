@@ -105,12 +105,6 @@ class ImportmailStore : public ::testing::Test {
         delete ctx;
         mboxlist_reset_for_tests();
     }
-    int run(const std::string &prog, const std::string &args, std::string *out = nullptr,
-            std::string *err = nullptr) {
-        return testutil::run_command("STORE_INSTANCEDIR='" + inst.dir() + "' timeout -s KILL 300 " +
-                                         testutil::binary_dir() + "/bin/" + prog + " " + args,
-                                     out, err);
-    }
     // Checks folder name against the messages its records must hold, uid
     // 1 onwards; gives the folder's directory.
     std::string check_folder(const std::string &name, const std::vector<Expected> &want);
@@ -156,7 +150,7 @@ std::string ImportmailStore::check_folder(const std::string &name, const std::ve
 
     // Each record and cache entry is what the parser makes of the message file.
     std::string out, err;
-    EXPECT_EQ(run("showcache", files, &out, &err), 0) << err;
+    EXPECT_EQ(inst.run("showcache", files, &out, &err), 0) << err;
     std::vector<Parsed> parsed = showcache_output(out);
     EXPECT_EQ(parsed.size(), want.size());
     for (size_t i = 0; i < parsed.size() && i < want.size(); i++) {
@@ -201,7 +195,7 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
         std::string data = testutil::read_file(l.path);
         std::vector<Expected> msgs = scan(data);
         ASSERT_EQ(msgs.size(), l.count) << l.path;
-        ASSERT_EQ(run("importmail", "-g -v 1 -c y -u joe -s " + l.path + " " + l.args, &out, &err), 0) << err;
+        ASSERT_EQ(inst.run("importmail", "-g -v 1 -c y -u joe -s " + l.path + " " + l.args, &out, &err), 0) << err;
         EXPECT_NE(out.find("filesize: " + std::to_string(data.size()) + "\n"), std::string::npos);
         std::string sizes, want;
         for (const Expected &m : msgs) want += "msg size: " + std::to_string(m.text.size()) + " offset: " + std::to_string(m.offset) + "\n";
@@ -233,7 +227,7 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     // showfolder -m: the folder, then each message in uid order with its
     // date, size, flags and file.
     const std::vector<Expected> &twice = wants["user/joe/Flagged"];
-    ASSERT_EQ(run("showfolder", "-m joe Flagged", &out, &err), 0) << err;
+    ASSERT_EQ(inst.run("showfolder", "-m joe Flagged", &out, &err), 0) << err;
     std::vector<std::string> want = {"Object Id   : /export/user/joe/Flagged",
                                      "Last Uid    : " + std::to_string(twice.size()),
                                      "Messages    : " + std::to_string(twice.size())};
@@ -253,8 +247,8 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     EXPECT_EQ(at, want.size()) << "missing in order: " << (at < want.size() ? want[at] : "") << "\n"
                                << out.substr(0, 2000);
     // A folder that isn't there, and wrong calls.
-    EXPECT_EQ(run("showfolder", "joe Nowhere", nullptr, &err), 66);
+    EXPECT_EQ(inst.run("showfolder", "joe Nowhere", nullptr, &err), 66);
     EXPECT_NE(err.find("Nowhere"), std::string::npos) << err;
-    EXPECT_EQ(run("showfolder", "-x joe Lists", nullptr, &err), 64);
-    EXPECT_EQ(run("showfolder", "joe", nullptr, &err), 64);
+    EXPECT_EQ(inst.run("showfolder", "-x joe Lists", nullptr, &err), 64);
+    EXPECT_EQ(inst.run("showfolder", "joe", nullptr, &err), 64);
 }
