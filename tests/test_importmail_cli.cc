@@ -19,12 +19,8 @@ const std::string F = "From a Tue Nov  5 10:20:30 2002\n";
 
 class ImportmailCli : public ::testing::Test {
   protected:
-    // Runs importmail on this instance (or dir), killed after limit seconds.
-    int run(const std::string &args, std::string *out = nullptr, std::string *err = nullptr, int limit = 120,
-            std::string dir = "") {
-        return testutil::run_command("STORE_INSTANCEDIR='" + (dir.empty() ? inst.dir() : dir) + "' timeout -s KILL " +
-                                         std::to_string(limit) + " " + testutil::binary_dir() + "/bin/importmail " + args,
-                                     out, err);
+    int run(const std::string &args, std::string *out = nullptr, std::string *err = nullptr, int limit = 120) {
+        return inst.run("importmail", args, out, err, limit);
     }
     std::string mbox(const std::string &name, const std::string &content) {
         testutil::write_file(inst.path(name), content);
@@ -67,7 +63,9 @@ TEST_F(ImportmailCli, RefusedBeforeTheStoreIsTouched) {
     EXPECT_EQ(run("-u joe -s " + fifo, nullptr, &err, 10), 66) << "killed after 10 s: " << err;
     EXPECT_NE(err.find(fifo), std::string::npos) << err;
 
-    EXPECT_EQ(run("-u joe -s " + in, nullptr, &err, 120, "/nonexistent/instance"), 69);
+    EXPECT_EQ(testutil::run_command("STORE_INSTANCEDIR=/nonexistent/instance " + testutil::binary_dir() +
+                                    "/bin/importmail -u joe -s " + in),
+              69);
 }
 
 TEST_F(ImportmailCli, FormatChecksAndFolderNames) {
