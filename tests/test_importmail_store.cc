@@ -24,12 +24,7 @@
 
 namespace {
 
-struct Expected {
-    std::string text;
-    time_t date;
-    unsigned status, xstatus;
-    size_t offset;
-};
+struct Expected { std::string text; time_t date; unsigned status, xstatus; size_t offset; };
 
 // The messages of a mail file as the scanner cuts them; each must end its
 // lines in CRLF.
@@ -75,10 +70,7 @@ std::string flag_text(unsigned status, unsigned xstatus) {
 
 // What showcache prints for each file it was given, in order: the record
 // fields, and the cache entry laid out as "store.idx" keeps it.
-struct Parsed {
-    std::map<std::string, unsigned long> fields;
-    std::string cache;
-};
+struct Parsed { std::map<std::string, unsigned long> fields; std::string cache; };
 std::vector<Parsed> showcache_output(const std::string &out) {
     std::vector<Parsed> r;
     char name[64];
@@ -101,10 +93,7 @@ std::vector<Parsed> showcache_output(const std::string &out) {
 
 class ImportmailStore : public ::testing::Test {
   protected:
-    ~ImportmailStore() override {
-        delete ctx;
-        mboxlist_reset_for_tests();
-    }
+    ~ImportmailStore() override { delete ctx; mboxlist_reset_for_tests(); }
     // Checks folder name against the messages its records must hold, uid
     // 1 onwards; gives the folder's directory.
     std::string check_folder(const std::string &name, const std::vector<Expected> &want);
@@ -124,8 +113,7 @@ std::string ImportmailStore::check_folder(const std::string &name, const std::ve
     EXPECT_EQ(mboxlist_lookup(name.c_str(), &row, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(memcmp(&head, &row, sizeof(head)), 0) << "row and header differ";
     EXPECT_EQ(head.last_uid, want.size());
-    struct PerUserFlags pf;
-    memset(&pf, 0, sizeof(pf));
+    struct PerUserFlags pf = {};
     EXPECT_EQ(getPerUserFlags(&mb, "joe", &pf), 0);
     uint64_t total = 0;
     uint32_t largest = 0;
