@@ -300,8 +300,7 @@ TEST_F(Append, FailedMessagesLeaveNoTrace) {
     create("user/sm", "small");
     ASSERT_EQ(begin("user/sm"), 0);
     ASSERT_EQ(put("Subject: 1\r\n\r\none\r\n"), 0);
-    const std::string idx = std::string(mb.path) + "/store.idx", flag(200, 'f');
-    const std::string text = "Subject: 2\r\n\r\ntwo\r\n";
+    const std::string idx = std::string(mb.path) + "/store.idx", flag(200, 'f'), text = "Subject: 2\r\n\r\ntwo\r\n";
     const mboxdata before = mb.mbd;
     const off_t idxsize = testutil::file_size(idx);
     int filler = open((mnt + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
