@@ -401,7 +401,7 @@ std::vector<std::string> corpus_messages(const std::string &name) {
     return msgs;
 }
 
-std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd, index_header *ih) {
+std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd) {
     std::string f = read_file(dir + "/store.idx");
     mboxdata m = {};
     index_header h = {};
@@ -422,7 +422,6 @@ std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd, ind
         out[i].cache = f.substr(p, std::min(q, f.size()) - p);
     }
     if (mbd) *mbd = m;
-    if (ih) *ih = h;
     return out;
 }
 

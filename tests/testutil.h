@@ -192,14 +192,10 @@ bool lockable_by_other(const std::string &path);
 std::vector<std::string> corpus_messages(const std::string &name);
 
 // A record of "store.idx" and the bytes of its cache entry (the 11 items).
-struct IndexEntry {
-    index_record rec;
-    std::string cache;
-};
+struct IndexEntry { index_record rec; std::string cache; };
 // The records that the header of "store.idx" in dir counts (as many as the
-// file holds); its summary and header where asked.
-std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd = nullptr,
-                                      index_header *ih = nullptr);
+// file holds); its summary where asked.
+std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd = nullptr);
 
 // The path of the file of message uid in the open folder mb.
 std::string message_file(const struct ::mailbox &mb, unsigned uid);
