@@ -23,9 +23,7 @@ class PlainObj : public BkObj {
 };
 
 // Leaves the folder database before the instance and its daemon go away.
-struct StoreSession {
-    ~StoreSession() { mboxlist_reset_for_tests(); }
-};
+struct StoreSession { ~StoreSession() { mboxlist_reset_for_tests(); } };
 
 }  // namespace
 
