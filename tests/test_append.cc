@@ -170,8 +170,7 @@ TEST_F(Append, FlagsAndUserFlagNames) {
     for (int i = 2; i < 97; i++) ASSERT_EQ(put("Subject: c\r\n\r\n", {("name" + std::to_string(i)).c_str()}), 0);
     mb.myrights = 0x1FF & ~0x88u;  // no write, no delete
     ASSERT_EQ(put("Subject: d\r\n\r\n", {"\\seen", "\\deleted", "\\answered", "Work"}), 0);
-    append_finish(&as);
-    mailbox_close(&mb);
+    append_finish(&as), mailbox_close(&mb);
     ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
     std::vector<testutil::IndexEntry> e = testutil::index_entries(mb.path);
     ASSERT_EQ(e.size(), 98u);
@@ -280,9 +279,7 @@ TEST_F(Append, OneFileForTwoFolders) {
     EXPECT_EQ(read_file(message_file(mb2, 1)), text);
     EXPECT_EQ(testutil::inode_of(message_file(mb, 1)), testutil::inode_of(message_file(mb2, 1)));
     EXPECT_EQ(std::string(append_locate_singlecopy(m, "primary")), message_file(mb, 1));
-    append_freemsg(m);
-    append_finish(&as);
-    append_finish(&as2);
+    append_freemsg(m), append_finish(&as), append_finish(&as2);
 }
 
 // A message that fails for want of room, in its file or in the rewrite
