@@ -62,10 +62,9 @@ class Expunge : public ::testing::Test {
         as.mailbox = &mb;
         ASSERT_EQ(append_setup(&as, name.c_str(), 0, MAILBOX_VERSION, auth_dontCheckAcl, 0, 0), 0);
         for (unsigned i = 0; i < n; i++) {
+            const std::string &text = corpus[i % corpus.size()];
             appendmsg m = zeroappendmsg;
-            m.flags = APPENDMSG_STATIC;
-            m.base = corpus[i % corpus.size()].data();
-            m.size = (unsigned)corpus[i % corpus.size()].size();
+            m.flags = APPENDMSG_STATIC, m.base = text.data(), m.size = (unsigned)text.size();
             ASSERT_EQ(append_msg(&as, &m, 1000000 + i, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
         }
         append_finish(&as);
