@@ -1,8 +1,7 @@
 // What importmail leaves in the store, end to end over real mail: the
-// program runs as a child against a real instance, and the folder's files,
-// its row and the owner's per-user flags are read back afterwards and
-// compared with the messages as the scanner cuts them, with what showcache
-// parses from each message file, and with what showfolder prints.
+// folders' files, rows and the owner's per-user flags, read back and compared
+// with the messages as the scanner cuts them, with what showcache parses from
+// each message file, and with what showfolder prints.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
