@@ -1,8 +1,7 @@
 // Delivery into folders on a store that this process brings up: uids,
 // header texts and per-user flags before each header, flag names, refusals
-// of the session set-up and of the quota, single copies, and failures on a
-// small file system of its own. (The stream form goes until something
-// calls it.)
+// of the session set-up and of the quota, the stream form, single copies,
+// and failures on a small file system of its own.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -53,14 +52,21 @@ void note_barrier(sync_event e, const char *) {
 // A description of text that append_freemsg leaves in place.
 appendmsg desc(const std::string &text, unsigned flags = APPENDMSG_STATIC, char *fname = nullptr) {
     appendmsg m = zeroappendmsg;
-    m.flags = flags, m.base = text.data(), m.size = (unsigned)text.size(), m.fname = fname;
+    m.flags = flags;
+    m.base = text.data();
+    m.size = (unsigned)text.size();
+    m.fname = fname;
     return m;
 }
 
 class Append : public ::testing::Test {
   protected:
     void SetUp() override { restart(""); }
-    void TearDown() override { mailbox_close(&mb), mailbox_close(&mb2), mboxlist_reset_for_tests(); }
+    void TearDown() override {
+        mailbox_close(&mb);
+        mailbox_close(&mb2);
+        mboxlist_reset_for_tests();
+    }
     // The store again with extra configuration lines; user/fred exists.
     void restart(const std::string &extra) {
         mailbox_close(&mb);
@@ -255,16 +261,54 @@ TEST_F(Append, SetupRefusals) {
 // "none", and the grace period from the first going over.
 TEST_F(Append, QuotaDecision) {
     const uint32_t none = QUOTA_UNLIMITED, now = (uint32_t)time(nullptr);
-    const struct { uint64_t used, limit; uint32_t messages, limit_messages, over_since; int result; } cases[] = {
-        {1024, 1024, 10, 10, 0, 0},         {1025, 1024, 1, none, 0, IMAP_QUOTA_EXCEEDED},
-        {0, 1024, 11, 10, 0, IMAP_QUOTA_EXCEEDED}, {5ull << 32, 4ull << 32, none, none, 0, IMAP_QUOTA_EXCEEDED},
-        {4ull << 32, 5ull << 32, none, none, 0, 0}, {2, 1, 1, none, now - 3600, IMAP_QUOTA_EXCEEDED},
-        {2, 1, 1, none, now - 121 * 3600, IMAP_QUOTA_EXCEEDED_PERSISTENT}};
+    const struct { uint64_t used, limit; uint32_t messages, limit_messages, over_since; int result; } cases[] = {{1024, 1024, 10, 10, 0, 0}, {1025, 1024, 1, none, 0, IMAP_QUOTA_EXCEEDED},
+                 {0, 1024, 11, 10, 0, IMAP_QUOTA_EXCEEDED}, {5ull << 32, 4ull << 32, none, none, 0, IMAP_QUOTA_EXCEEDED},
+                 {4ull << 32, 5ull << 32, none, none, 0, 0}, {2, 1, 1, none, now - 3600, IMAP_QUOTA_EXCEEDED},
+                 {2, 1, 1, none, now - 121 * 3600, IMAP_QUOTA_EXCEEDED_PERSISTENT}};
     for (const auto &c : cases) {
         quotadata q = {};
-        q.limit_messages = c.limit_messages, q.over_since = c.over_since;
+        q.limit_messages = c.limit_messages;
+        q.over_since = c.over_since;
         EXPECT_EQ(append_quota_eval(c.used, c.limit, c.messages, &q), c.result) << c.used << " " << c.messages;
     }
+}
+
+// The stream form: header blocks completed where the message ended, bad
+// bytes refused in any chunk (the file removed), one stream object used
+// for message after message.
+TEST_F(Append, StreamRepairsAndRefusals) {
+    const std::string x = "Subject: x\r\n", nul("Subj\0ect", 8);
+    const struct { std::vector<std::string> chunks; int result; std::string stored; } cases[] = {
+        {{"Subject: x"}, 0, x + "\r\n"}, {{"Subject"}, 0, "Subject:\r\n\r\n"}, {{""}, 0, "\r\n"},
+        {{"Subject: x\r"}, 0, x + "\r\n"}, {{x}, 0, x + "\r\n"}, {{x + "\r"}, 0, x + "\r\n"},
+        {{"Sub", "ject: x\r", "\n folded\r\n\r", "\nbody"}, 0, "Subject: x\r\n folded\r\n\r\nbody"},
+        {{"Subject: x\n"}, IMAP_MESSAGE_CONTAINSNL, ""}, {{x + "\r\n", "body\nmore"}, IMAP_MESSAGE_CONTAINSNL, ""},
+        {{x, nul}, IMAP_MESSAGE_CONTAINSNULL, ""}, {{" folded first"}, IMAP_MESSAGE_BADHEADER, ""},
+        {{"No colon\r\n"}, IMAP_MESSAGE_BADHEADER, ""}, {{x + "\r\n\r\nbody\r\n"}, 0, x + "\r\n\r\nbody\r\n"},
+    };
+    ASSERT_EQ(begin("user/fred"), 0);
+    astream st = {};
+    st.state = &as;
+    st.destfd = -1;
+    std::vector<size_t> sizes;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.chunks[0]);
+        unsigned size = 0, last = mb.mbd.last_uid;
+        for (const std::string &k : c.chunks) size += (unsigned)k.size();
+        ASSERT_EQ(append_stream_start(&st, size), 0);
+        int r = 0;
+        for (const std::string &k : c.chunks)
+            if (!r) r = append_stream_data(&st, k.data(), (unsigned)k.size());
+        if (!r) r = append_stream_finish(&st, 1000, nullptr, 0, "fred", 0);
+        EXPECT_EQ(r, c.result);
+        EXPECT_EQ(mb.mbd.last_uid, last + (r ? 0 : 1));
+        EXPECT_EQ(read_file(message_file(mb, last + 1)), c.stored);
+        if (!r) sizes.push_back(c.stored.size());
+    }
+    append_finish(&as);
+    std::vector<testutil::IndexEntry> e = testutil::index_entries(mb.path);
+    ASSERT_EQ(e.size(), sizes.size());
+    for (size_t i = 0; i < e.size(); i++) EXPECT_EQ(e[i].rec.size, sizes[i]);
 }
 
 // One message delivered to two folders of a partition is one file.

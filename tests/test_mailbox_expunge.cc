@@ -1,7 +1,6 @@
 // Expunge on real mail: folders delivered from the corpus, rewritten by
-// mailbox_expunge, with the records of "store.exp"; failed rewrites on a
-// file system of their own. (The cleaning of "store.exp" goes until
-// something calls it.)
+// mailbox_expunge; "store.exp" and its cleaning; failed rewrites on a file
+// system of their own.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -180,6 +179,36 @@ TEST_F(Expunge, KeepingEverythingRewritesOnlyWhenAskedOrToGrow) {
     mailbox_unlock_index(&mb);
     EXPECT_TRUE(testutil::lockable_by_other(idx));
     EXPECT_EQ(testutil::index_entries(dir).size(), 300u);
+}
+
+TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
+    testutil::TempDir tmp;
+    std::string path = tmp.file("f"), mpath = tmp.file("m"), exp = path + "/store.exp";
+    auto msg = [&](uint32_t uid) { return mpath + (uid < 100 ? "/00/" : "/01/") + std::to_string(uid) + ".msg"; };
+    time_t now = time(nullptr);
+    // uid 6 is listed nowhere; the record of uid 7 lies in the future.
+    const std::string recs = rec8(now - 100, 5) + rec8(now - 100, 150) + rec8(now - 50, 160) +
+                             rec8(now + 1000, 7) + rec8(now - 10, 8);
+    const uint32_t uids[] = {5, 150, 160, 7, 8, 6};
+    // The limits, and how many records have their files removed.
+    struct { time_t limit; size_t done; } cases[] = {{now - 200, 0}, {now - 75, 2}, {now, 3}};
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.limit - now);
+        for (std::string d : {path, mpath, mpath + "/00", mpath + "/01"}) mkdir(d.c_str(), 0777);
+        for (uint32_t uid : uids) write_file(msg(uid), "x");
+        write_file(exp, "EXPVER01" + recs);
+        ASSERT_EQ(mailbox_clean_expunge(path.c_str(), mpath.c_str(), c.limit), 0);
+        for (size_t i = 0; i < 6; i++) EXPECT_EQ(file_exists(msg(uids[i])), i >= c.done) << uids[i];
+        EXPECT_EQ(read_file(exp), "EXPVER01" + recs.substr(8 * c.done));
+    }
+    // All done (a block cut short at the end): the file and the emptied
+    // directory go; the directory with an unlisted file stays.
+    write_file(exp, "EXPVER01" + rec8(now - 100, 150) + rec8(now - 100, 160) + "xyz");
+    EXPECT_EQ(mailbox_clean_expunge(path.c_str(), mpath.c_str(), now), 0);
+    EXPECT_TRUE(!file_exists(exp) && !file_exists(mpath + "/01") && file_exists(msg(6)));
+    EXPECT_EQ(mailbox_clean_expunge(path.c_str(), mpath.c_str(), now), IMAP_MAILBOX_NONEXISTENT);
+    write_file(exp, "EXPVER02" + recs);
+    EXPECT_EQ(mailbox_clean_expunge(path.c_str(), nullptr, now), IMAP_MAILBOX_BADFORMAT);
 }
 
 // Partition "small" lies on a tmpfs of its own, with few inodes.
