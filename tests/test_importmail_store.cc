@@ -156,7 +156,8 @@ std::string ImportmailStore::check_folder(const std::string &name, const std::ve
 
 }  // namespace
 
-// Each corpus file into a folder of its own; the file with status flags
+// Each corpus file into a folder of its own, and all of them four times
+// into one; the file with status flags
 // added twice into one folder (the second load goes on behind the first),
 // and once more with -n, which loads into a new time-stamped folder. The
 // debug output counts each message as the scanner cuts it, and showfolder
@@ -165,6 +166,12 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     ASSERT_TRUE(inst.startStored());
     std::string flagged = inst.path("flagged.mbox");
     testutil::write_file(flagged, with_flags(testutil::read_file(testutil::corpus_path("list-archive.mbox"))));
+    // Over 1,000 messages in one folder: the record area grows four times.
+    std::string big = inst.path("big.mbox"), all;
+    for (int round = 0; round < 4; round++)
+        for (const char *f : {"list-archive.mbox", "kernel-list.mbox", "broken.mbox"})
+            all += testutil::read_file(testutil::corpus_path(f));
+    testutil::write_file(big, all);
     const struct {
         std::string path;
         const char *args, *folder;
@@ -174,6 +181,7 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
                  {testutil::corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
                  {flagged, "-d Flagged", "user/joe/Flagged", 53},
                  {flagged, "-d Flagged", "user/joe/Flagged", 53},
+                 {big, "-d Big", "user/joe/Big", 4 * 283},
                  {flagged, "-n -d Flagged", "", 53}};
     std::map<std::string, std::vector<Expected>> wants;
     std::string out, err;
