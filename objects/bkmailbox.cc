@@ -132,10 +132,7 @@ BkObj::BkAttr *Mailbox::getAttr() {
 
 int Mailbox::setAttr(BkAttr &a) {
     if (!valid) return 0;
-    attr = a;
-    size_t n = a.attrData.size < sizeof(mboxAttr) ? a.attrData.size : sizeof(mboxAttr);
-    if (a.attrData.data && n) memcpy(&mboxAttr, a.attrData.data, n);
-    attr.attrData.set(sizeof(mboxAttr), &mboxAttr, 0);
+    adoptAttr(a, &mboxAttr, sizeof(mboxAttr));
     return 1;
 }
 

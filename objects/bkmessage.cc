@@ -48,10 +48,7 @@ BkObj::BkAttr *Message::getAttr() {
 
 int Message::setAttr(BkAttr &a) {
     if (!valid) return 0;
-    attr = a;
-    size_t n = a.attrData.size < sizeof(msgAttr) ? a.attrData.size : sizeof(msgAttr);
-    if (a.attrData.data && n) memcpy(&msgAttr, a.attrData.data, n);
-    attr.attrData.set(sizeof(msgAttr), &msgAttr, 0);
+    adoptAttr(a, &msgAttr, sizeof(msgAttr));
     return valid;
 }
 

@@ -152,6 +152,13 @@ int BkObj::setAttr(BkAttr &a) {
     return valid;
 }
 
+void BkObj::adoptAttr(const BkAttr &a, void *record, size_t size) {
+    attr = a;
+    size_t n = a.attrData.size < size ? a.attrData.size : size;
+    if (a.attrData.data && n) memcpy(record, a.attrData.data, n);
+    attr.attrData.set(size, record, 0);
+}
+
 void BkObj::printAttr(FILE *f) { attr.print(f); }
 
 void BkObj::printData(FILE *, Vdata *) {}

@@ -80,6 +80,11 @@ class BkObj {
     char *parentId(char *buf) const;
 
   protected:
+    // setAttr of a class with a fixed attribute record: takes a, copies as
+    // much of its attrData as fits over record (size bytes), and lets
+    // attrData view the record again.
+    void adoptAttr(const BkAttr &a, void *record, size_t size);
+
     BkAttr attr;
     Vdata data;
     int valid;
