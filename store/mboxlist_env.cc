@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -106,6 +107,15 @@ void mboxlist_err(const DB_ENV *, const char *, const char *message) {
     svclog(nullptr, 58, "Mailbox database error: %s", message);
 }
 
+// Threads of all processes that the environment can track at one time.
+static const uint32_t FAILCHK_THREADS = 1000;
+
+// Whether the process of a thread that the environment tracks still runs;
+// its threads are taken to live as long as it does.
+static int process_alive(DB_ENV *, pid_t pid, db_threadid_t, uint32_t) {
+    return kill(pid, 0) == 0 || errno == EPERM;
+}
+
 int mboxlist_open_env(uint32_t flags, const char *home) {
     int r = db_env_create(&mboxlist_dbenv, 0);
     if (r != 0) {
@@ -131,7 +141,15 @@ int mboxlist_open_env(uint32_t flags, const char *home) {
     // room on the file system kills the process with SIGBUS when it is first
     // touched; written out in full when they are made, a full file system
     // is an ENOSPC of the open.
-    if (flags & DB_CREATE) env->set_flags(env, DB_REGION_INIT, 1);
+    if (flags & DB_CREATE) {
+        env->set_flags(env, DB_REGION_INIT, 1);
+        // The environment tracks the threads of every process that joins it,
+        // so that the daemon can clear up after one that was killed inside
+        // a transaction: its locks would otherwise block the store for good
+        // (mboxlist_failchk).
+        env->set_thread_count(env, FAILCHK_THREADS);
+        env->set_isalive(env, process_alive);
+    }
     r = env->open(env, home, flags & ~(uint32_t)MBOXLIST_TXN_NOSYNC, 0);
     if (r != 0) {
         int cause = r > 0 ? r : errno;
@@ -293,6 +311,13 @@ int mboxlist_remove_env(int only_tmpfiles) {
 int mboxlist_deadlockcheck(void) {
     if (!mboxlist_dbenv) return 0;
     return mboxlist_dbenv->lock_detect(mboxlist_dbenv, 0, DB_LOCK_OLDEST, nullptr);
+}
+
+int mboxlist_failchk(void) {
+    if (!mboxlist_dbenv) return 0;
+    int r = mboxlist_dbenv->failchk(mboxlist_dbenv, 0);
+    if (r) svclog(nullptr, 58, "Mailbox list failure check: %s", db_strerror(r));
+    return r;
 }
 
 int mboxlist_trickle(void) {

@@ -87,6 +87,10 @@ int register_with_watcher(void);
 
 // Breaks deadlocks of the main environment (the oldest locker loses).
 int mboxlist_deadlockcheck(void);
+// Clears up after processes that died attached to the main environment:
+// aborts their transactions and drops their locks. DB_RUNRECOVERY (logged
+// at level 58) if one died inside the library: only a recovery helps then.
+int mboxlist_failchk(void);
 // Writes dirty pages of the cache until 10 percent are clean.
 int mboxlist_trickle(void);
 // Checkpoints the main environment if a minute of work has gone by.

@@ -177,6 +177,17 @@ static int serve(void) {
         time_t now = time(nullptr);
         if (now - last_dircheck >= DIRCHECK_PERIOD) {
             if (!mboxlist_dbdir_intact()) return 75;
+            // A program killed inside a transaction holds its locks until
+            // its transaction is aborted here; one killed inside the
+            // library leaves the environment to a recovery, which only a
+            // new start of the daemon may run.
+            if (mboxlist_failchk() == DB_RUNRECOVERY) {
+                tell(2, "a program of the store died inside the folder database; start the "
+                     "store daemon again to recover it");
+                // Closing would wait on what the dead program holds.
+                store_session_ready_withdraw("stored");
+                _exit(75);
+            }
             last_dircheck = now;
         }
         if (now - last_deadlock >= DEADLOCK_PERIOD) {
