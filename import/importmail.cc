@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "objects/bkobj.h"
+#include "store/mboxname.h"
 #include "store/message.h"
 #include "support/map.h"
 #include "support/timeutil.h"
@@ -486,6 +487,15 @@ static int import_deliver(void *rock, const ScannedMessage *m, int *more) {
     return rc;
 }
 
+// Whether user can own folders: one component of a folder name, no longer
+// than an owner id may be, whose inbox would be a name the store accepts.
+static int valid_owner(const char *user) {
+    if (!*user || strchr(user, '/') || strlen(user) >= MBOXNAME_OWNER_SIZE) return 0;
+    char inbox[MAX_MAILBOX_NAME];
+    mboxname_toownedmailbox(nullptr, user, inbox);
+    return mboxname_policycheck(inbox) == 0;
+}
+
 int importmail(BkSession *session, const char *user, int fd, const char *folder) {
     int debug = session->getContext()->getDebug();
     char folderPath[PATH_BUFSIZE];
@@ -512,6 +522,14 @@ int importmail(BkSession *session, const char *user, int fd, const char *folder)
         }
     }
 
+    // The user becomes one component of the folder's path: a name with a
+    // "/" would make the first part the owner and the rest a folder.
+    if (!valid_owner(user)) {
+        fprintf(stderr, "Error: \"%s\" is not a valid user name for the store\n", user);
+        session->setExitCode(64);
+        map_free(m);
+        return 0;
+    }
     while (*folder == '/') folder++;
     int n = snprintf(folderPath, sizeof(folderPath), "/export/user/%s/%s", user, folder);
     size_t room = MSGNUM_ROOM + (RenameExist ? TIMESTAMP_ROOM : 0);
