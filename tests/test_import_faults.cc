@@ -1,0 +1,306 @@
+// Delivery under faults: importmail killed at random moments, two loaders
+// into one folder at once, input and disks that fail part way. After each
+// fault the folder opens without complaint, counts only whole messages,
+// and holds everything that was stored before.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "import/importmail.h"
+#include "store/mailbox.h"
+#include "tests/testutil.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// The messages of a mail file as the scanner cuts them.
+Texts scan(const std::string &data) {
+    Texts r;
+    FromLine first;
+    if (!check_fromline(data.data(), data.data() + data.size(), &first)) return r;
+    auto add = [](void *rock, const ScannedMessage *m, int *) {
+        return static_cast<Texts *>(rock)->emplace_back(m->text, m->size), 1;
+    };
+    ScanHooks hooks = {add, nullptr, &r, 0};
+    scan_messages(data.data(), data.size(), -1, &first, &hooks);
+    return r;
+}
+
+const std::string list = testutil::read_file(testutil::corpus_path("list-archive.mbox"));
+
+std::string corpus(int times) {
+    std::string all;
+    for (int i = 0; i < times; i++)
+        for (const char *f : {"kernel-list.mbox", "list-archive.mbox", "broken.mbox"})
+            all += testutil::read_file(testutil::corpus_path(f));
+    return all;
+}
+
+// Whether texts is leading parts of want, one behind the other; *tail gets
+// the length of the last.
+bool prefixRuns(const Texts &texts, const Texts &want, size_t *tail) {
+    size_t j = 0;
+    for (const std::string &t : texts) {
+        if (!(j < want.size() && t == want[j]) && t != want[0]) return false;
+        j = j < want.size() && t == want[j] ? j + 1 : 1;
+    }
+    *tail = j;
+    return true;
+}
+
+class ImportFaults : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(inst.startStored()); }
+    std::string bin(const char *prog) { return testutil::binary_dir() + "/bin/" + prog; }
+    int run(const std::string &args, std::string *err = nullptr) {
+        std::string cmd = "timeout -s KILL 120 " + bin("importmail") + " -v 0 -c y " + args;
+        return testutil::run_command(cmd, nullptr, err);
+    }
+    // importmail -c y of file into folder of user, as a child of this process.
+    pid_t start(const std::string &user, const char *folder, const std::string &file) {
+        std::string prog = bin("importmail");
+        return testutil::spawn([&] {
+            int null = open("/dev/null", O_WRONLY);
+            dup2(null, 1), dup2(null, 2);
+            execl(prog.c_str(), "importmail", "-v", "0", "-c", "y", "-u", user.c_str(), "-d",
+                  folder, "-s", file.c_str(), (char *)nullptr);
+            return 127;
+        });
+    }
+    std::string input(const std::string &name, const std::string &data) {
+        testutil::write_file(inst.path(name), data);
+        return inst.path(name);
+    }
+    // Error and critical lines of the store's programs (not of the daemon
+    // clearing up after them) logged since the last call.
+    std::string newErrors() {
+        std::string log = testutil::read_file(inst.path("log/store.log")), bad;
+        for (const std::string &l : testutil::split_lines(log.substr(std::min(logSeen, log.size()))))
+            if (l.find(" stored[") == std::string::npos &&
+                (l.find("] error: ") != std::string::npos || l.find("] critical: ") != std::string::npos))
+                bad += l + "\n";
+        logSeen = log.size();
+        return bad;
+    }
+    Texts folder(const std::string &user, const std::string &name, std::string *dir = nullptr);
+
+    testutil::Instance inst;
+    size_t logSeen = 0;
+};
+
+// Opens the folder through showfolder, which must not complain, and checks
+// its index against its files: the header counts exactly the records
+// shown, uids ascend, each record's message file has the record's size,
+// and each cache entry lies whole in the cache area behind the one before.
+// The texts of the messages in record order.
+Texts ImportFaults::folder(const std::string &user, const std::string &name, std::string *dir) {
+    std::string out, err, cmd = "timeout -s KILL 30 " + bin("showfolder") + " -m " + user + " " + name;
+    EXPECT_EQ(testutil::run_command(cmd, &out, &err), 0) << err;
+    EXPECT_EQ(err, "") << user << " " << name;
+    std::vector<std::string> files;
+    unsigned shown = ~0u;
+    for (const std::string &l : testutil::split_lines(out)) {
+        if (l.compare(0, 14, "Messages    : ") == 0) shown = (unsigned)std::stoul(l.substr(14));
+        if (l.compare(0, 14, "File Name   : ") == 0) files.push_back(l.substr(14));
+    }
+    EXPECT_EQ(shown, files.size()) << out.substr(0, 1000);
+    Texts texts;
+    if (files.empty()) return texts;
+    std::string d = files[0].substr(0, files[0].rfind('/'));
+    d = d.substr(0, d.rfind('/'));
+    if (dir) *dir = d;
+    std::string idx = testutil::read_file(d + "/store.idx");
+    if (idx.size() < INDEX_HEADER_SIZE) return ADD_FAILURE() << d << ": short index", texts;
+    mboxdata mbd;
+    index_header hdr;
+    memcpy(&mbd, idx.data(), sizeof mbd), memcpy(&hdr, idx.data() + sizeof mbd, sizeof hdr);
+    EXPECT_EQ(mbd.exists, files.size()) << d;
+    uint64_t total = 0, cacheEnd = hdr.cache_offset;
+    uint32_t lastUid = 0;
+    for (size_t i = 0; i < files.size(); i++) {
+        index_record rec;
+        size_t at = hdr.start_offset + i * sizeof rec;
+        if (at + sizeof rec > hdr.cache_offset) return ADD_FAILURE() << d << ": overrun", texts;
+        memcpy(&rec, idx.data() + at, sizeof rec);
+        EXPECT_GT(rec.uid, lastUid) << d << " record " << i + 1;
+        lastUid = rec.uid;
+        texts.push_back(testutil::read_file(files[i]));
+        EXPECT_EQ(testutil::file_size(files[i]), (off_t)rec.size) << files[i];
+        total += rec.size;
+        uint64_t p = (uint64_t)hdr.cache_offset + rec.rec_cache_offset;
+        EXPECT_GE(p, cacheEnd) << d << " uid " << rec.uid << ": cache entries overlap";
+        for (int item = 0; item < MAILBOX_CACHE_ITEMS && p + 4 <= idx.size(); item++)
+            p += 4 + ((testutil::be32_at(idx, p) + 3) & ~3u);
+        EXPECT_LE(p, idx.size()) << d << " uid " << rec.uid << ": cache entry cut short";
+        cacheEnd = p;
+    }
+    EXPECT_LE(lastUid, mbd.last_uid) << d;
+    EXPECT_EQ(mbd.quota_used[0] | (uint64_t)mbd.quota_used[1] << 32, total) << d;
+    return texts;
+}
+
+}  // namespace
+
+// A loader killed at random moments while the record area grows several
+// times: after each kill the folder holds leading parts of the file, and
+// the next whole load adds the whole file.
+TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
+    std::string big = input("big.mbox", corpus(6));
+    Texts want = scan(testutil::read_file(big));
+    ASSERT_GT(want.size(), 1600u);
+    auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(testutil::wait_child(start("joe", "Whole", big)), 0);
+    auto full = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::chrono::steady_clock::now() - t0);
+    EXPECT_TRUE(folder("joe", "Whole") == want);
+    ASSERT_EQ(run("-u joe -d Crash -s " + input("empty.mbox", "")), 0);  // makes the folder
+
+    unsigned seed = (unsigned)time(nullptr);
+    std::mt19937 rng(seed);
+    RecordProperty("seed", (int)seed);
+    size_t before = 0, tail = 0;
+    int kills = 0, restarts = 0;
+    for (int round = 0; round < 15; round++) {
+        pid_t pid = start("joe", "Crash", big);
+        ASSERT_GT(pid, 0);
+        usleep((useconds_t)(rng() % (unsigned long)full.count()));
+        kills += kill(pid, SIGKILL) == 0;
+        int st = testutil::wait_child(pid);
+        ASSERT_TRUE(st == 0 || st == 128 + SIGKILL) << st;
+        // The daemon clears up after the dead loader within a second; one
+        // that died inside the database library makes the daemon end, and
+        // a new start recovers the database.
+        usleep(1100 * 1000);
+        if (inst.waitStored(0) >= 0) {
+            ASSERT_TRUE(inst.storedStatus() == 75 && inst.startStored() && ++restarts);
+        }
+        Texts now = folder("joe", "Crash");
+        ASSERT_FALSE(HasFailure()) << "round " << round << " (seed " << seed << ")";
+        EXPECT_GE(now.size(), before);
+        before = now.size();
+        EXPECT_TRUE(prefixRuns(now, want, &tail)) << "round " << round << " (seed " << seed << ")";
+        EXPECT_EQ(newErrors(), "") << "round " << round;
+    }
+    EXPECT_GT(kills, 10);
+    RecordProperty("restarts", restarts);
+
+    ASSERT_EQ(testutil::wait_child(start("joe", "Crash", big)), 0);
+    Texts end = folder("joe", "Crash");
+    EXPECT_EQ(end.size(), before + want.size());
+    EXPECT_TRUE(prefixRuns(end, want, &tail) && tail == want.size());
+    EXPECT_EQ(newErrors(), "");
+}
+
+// Two loaders of different files into one new folder of a new user: both
+// succeed, and the folder holds each message once.
+TEST_F(ImportFaults, TwoLoadersAtOnce) {
+    std::string a = input("a.mbox", corpus(2)), b = input("b.mbox", list + list + list);
+    Texts want = scan(corpus(2)), fromB = scan(list + list + list);  // each file on its own
+    want.insert(want.end(), fromB.begin(), fromB.end());
+    std::sort(want.begin(), want.end());
+    for (std::string user : {"ann", "bob", "cy"}) {
+        pid_t p1 = start(user, "Both", a), p2 = start(user, "Both", b);
+        EXPECT_EQ(testutil::wait_child(p1), 0);
+        EXPECT_EQ(testutil::wait_child(p2), 0);
+        Texts got = folder(user, "Both");
+        std::sort(got.begin(), got.end());
+        EXPECT_TRUE(got == want) << user << ": " << got.size() << " of " << want.size();
+    }
+    EXPECT_EQ(newErrors(), "");
+}
+
+// Input and conditions that make a load fail, or look as if they might:
+// each is told on standard error, the tool ends with its status, and the
+// folder keeps what it held.
+TEST_F(ImportFaults, BadInputLosesNothing) {
+    const std::string F = "From a Tue Nov  5 10:20:30 2002\n", lck = inst.path("data/lock/partition.lck");
+    std::string path = input("kept.mbox", list), dir, err, good, damaged;
+    ASSERT_EQ(run("-u joe -d Kept -s " + path), 0);
+    Texts want = scan(list);
+    ASSERT_TRUE(folder("joe", "Kept", &dir) == want);
+    const std::string idx = dir + "/store.idx";
+    const struct {
+        const char *what;
+        std::string data;
+        std::function<void()> before, after;
+        const char *say;
+    } cases[] = {
+        // The scanner gives a message at least the blank line that ends
+        // its header, so bare separators make no empty message.
+        {"bare separators", F + "\n" + F + F + "Subject: b\n\nbody\n\n" + F, [] {}, [] {}, ""},
+        {"partition marked full", list, [&] { testutil::write_file(lck, "1"); },
+         [&] { unlink(lck.c_str()); }, "partition is full"},
+        {"garbage in the index", list,
+         [&] {
+             damaged = good = testutil::read_file(idx);
+             for (size_t i = 0; i < 300; i++) damaged[i] = (char)(i * 37 + 11);
+             testutil::write_file(idx, damaged);
+         },
+         [&] {
+             EXPECT_TRUE(testutil::read_file(idx) == damaged) << "the damaged index was changed";
+             testutil::write_file(idx, good);
+         },
+         "invalid format"},
+    };
+    for (const auto &c : cases) {
+        c.before();
+        EXPECT_EQ(run("-u joe -d Kept -s " + input("in.mbox", c.data), &err), 0) << c.what;
+        EXPECT_NE(err.find(c.say), std::string::npos) << c.what << ": " << err;
+        c.after();
+        Texts added = *c.say ? Texts() : scan(c.data);
+        for (const std::string &t : added) EXPECT_FALSE(t.empty()) << c.what;
+        want.insert(want.end(), added.begin(), added.end());
+        EXPECT_TRUE(folder("joe", "Kept") == want) << c.what;
+    }
+    // User names that can own no folder: a usage error, nothing loaded
+    // (the slash once made joe's folder "Kept/Kept").
+    for (std::string user : std::vector<std::string>{"''", "joe/Kept", "'a*b'", std::string(140, 'u')}) {
+        EXPECT_EQ(run("-u " + user + " -d Kept -s " + path, &err), 64) << user << ": " << err;
+        EXPECT_NE(err.find("not a valid user name"), std::string::npos) << user << ": " << err;
+    }
+    EXPECT_TRUE(folder("joe", "Kept") == want);
+    EXPECT_EQ(testutil::run_command(bin("showfolder") + " joe Kept/Kept"), 66);
+}
+
+// The partition fills up in the middle of a run: the messages before stay,
+// the folder opens without complaint, and with room again a load works.
+TEST_F(ImportFaults, PartitionFillsUp) {
+    std::string part = inst.path("small"), err;
+    mkdir(part.c_str(), 0700);
+    if (mount("tmpfs", part.c_str(), "tmpfs", 0, "size=2m") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    struct Unmount {
+        std::string dir;
+        ~Unmount() { umount2(dir.c_str(), MNT_DETACH); }
+    } unmount{part};
+    inst.addConfig("store.partition.primary.path: " + part);
+    std::string big = input("big.mbox", corpus(3));
+    Texts first = scan(list), more = scan(testutil::read_file(big));
+    ASSERT_EQ(run("-u joe -d Full -s " + input("list.mbox", list)), 0);
+    EXPECT_EQ(run("-u joe -d Full -s " + big, &err), 0);  // -c y: on past each failure
+    EXPECT_NE(err.find("No space left on device"), std::string::npos) << err.substr(0, 1000);
+    Texts got = folder("joe", "Full");
+    ASSERT_GT(got.size(), first.size());
+    ASSERT_LT(got.size(), first.size() + more.size());
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), got.begin()));
+    EXPECT_TRUE(std::equal(got.begin() + (long)first.size(), got.end(), more.begin()));
+
+    ASSERT_EQ(mount("tmpfs", part.c_str(), "tmpfs", MS_REMOUNT, "size=64m"), 0);
+    EXPECT_EQ(run("-u joe -d Full -s " + big, &err), 0) << err;
+    Texts after = folder("joe", "Full");
+    ASSERT_EQ(after.size(), got.size() + more.size());
+    EXPECT_TRUE(std::equal(more.begin(), more.end(), after.begin() + (long)got.size()));
+}
