@@ -136,7 +136,13 @@ int mboxlist_open_env(uint32_t flags, const char *home) {
     env->set_lk_max_objects(env, 50000);
     env->set_tx_max(env, 10000);
     env->set_alloc(env, malloc, realloc, free);
-    if (flags & MBOXLIST_TXN_NOSYNC) env->set_flags(env, DB_TXN_NOSYNC, 1);
+    // Commits without a log sync: the log records are still written to the
+    // file at commit (DB_TXN_WRITE_NOSYNC), only not flushed to the disk. Left
+    // in the shared log buffer (DB_TXN_NOSYNC) they would be lost whenever a
+    // recovery rebuilds the environment, as the daemon's start does after a
+    // program died inside the library, and a folder created seconds before
+    // would vanish. Only a crash of the host can still take them.
+    if (flags & MBOXLIST_TXN_NOSYNC) env->set_flags(env, DB_TXN_WRITE_NOSYNC, 1);
     // Region files are mapped into memory. Made sparse, a page that finds no
     // room on the file system kills the process with SIGBUS when it is first
     // touched; written out in full when they are made, a full file system

@@ -206,6 +206,18 @@ TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
 
 // Two loaders of different files into one new folder of a new user: both
 // succeed, and the folder holds each message once.
+// What was committed stays when the daemon dies and a new start recovers:
+// commits without a log sync must still reach the log file.
+TEST_F(ImportFaults, CommitsSurviveAKilledDaemon) {
+    std::string some = input("some.mbox", corpus(1));
+    ASSERT_EQ(run("-u joe -d Made -s " + input("empty.mbox", "")), 0);
+    ASSERT_EQ(run("-u joe -d Filled -s " + some), 0);
+    inst.killStored();
+    ASSERT_TRUE(inst.startStored());
+    EXPECT_TRUE(folder("joe", "Made").empty());
+    EXPECT_EQ(folder("joe", "Filled"), scan(testutil::read_file(some)));
+}
+
 TEST_F(ImportFaults, TwoLoadersAtOnce) {
     std::string a = input("a.mbox", corpus(2)), b = input("b.mbox", list + list + list);
     Texts want = scan(corpus(2)), fromB = scan(list + list + list);  // each file on its own
