@@ -3,9 +3,9 @@
 // of the session set-up and of the quota, the stream form, single copies,
 // and failures on a small file system of its own.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -332,19 +332,16 @@ TEST_F(Append, OneFileForTwoFolders) {
 // A message whose file lies on another file system is copied. Partition
 // "small" lies on a tmpfs of its own.
 TEST_F(Append, FailedMessagesLeaveNoTrace) {
-    const std::string mnt = inst.path("small");
-    mkdir(mnt.c_str(), 0777);
-    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-    struct Unmount { std::string dir; ~Unmount() { umount2(dir.c_str(), MNT_DETACH); } } unmount{mnt};
-    restart("store.partition.small.path: " + mnt + "\n");
+    testutil::Tmpfs fs(inst.path("small"), "size=2m");
+    if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
+    restart("store.partition.small.path: " + fs.dir + "\n");
     create("user/sm", "small");
     ASSERT_EQ(begin("user/sm"), 0);
     ASSERT_EQ(put("Subject: 1\r\n\r\none\r\n"), 0);
     const std::string idx = std::string(mb.path) + "/store.idx", flag(200, 'f'), text = "Subject: 2\r\n\r\ntwo\r\n";
     const mboxdata before = mb.mbd;
     const off_t idxsize = testutil::file_size(idx);
-    int filler = open((mnt + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
+    int filler = open((fs.dir + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
     for (size_t chunk : {65536, 4096})
         for (std::string block(chunk, 'x'); write(filler, block.data(), chunk) == (ssize_t)chunk;) {}
     off_t full = lseek(filler, 0, SEEK_END);

@@ -290,14 +290,9 @@ TEST_F(ImportFaults, BadInputLosesNothing) {
 // The partition fills up in the middle of a run: the messages before stay,
 // the folder opens without complaint, and with room again a load works.
 TEST_F(ImportFaults, PartitionFillsUp) {
-    std::string part = inst.path("small"), err;
-    mkdir(part.c_str(), 0700);
-    if (mount("tmpfs", part.c_str(), "tmpfs", 0, "size=2m") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-    struct Unmount {
-        std::string dir;
-        ~Unmount() { umount2(dir.c_str(), MNT_DETACH); }
-    } unmount{part};
+    testutil::Tmpfs fs(inst.path("small"), "size=2m");
+    if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
+    std::string part = fs.dir, err;
     inst.addConfig("store.partition.primary.path: " + part);
     std::string big = input("big.mbox", corpus(3));
     Texts first = scan(list), more = scan(testutil::read_file(big));

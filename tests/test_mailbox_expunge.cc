@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <map>
@@ -213,12 +212,9 @@ TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
 
 // Partition "small" lies on a tmpfs of its own, with few inodes.
 TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
-    const std::string mnt = inst.path("small");
-    mkdir(mnt.c_str(), 0777);
-    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=2m,nr_inodes=64") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-    struct Unmount { std::string dir; ~Unmount() { umount2(dir.c_str(), MNT_DETACH); } } unmount{mnt};
-    inst.addConfig("store.partition.small.path: " + mnt);
+    testutil::Tmpfs fs(inst.path("small"), "size=2m,nr_inodes=64");
+    if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
+    inst.addConfig("store.partition.small.path: " + fs.dir);
     mboxlist_reset_for_tests();
     ASSERT_EQ(testutil::start_store("expungetest"), 0);
     make("small", 3, "small");
@@ -228,8 +224,8 @@ TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
     std::set<uint32_t> gone = {2};
     // A stale "index.new" and a reserve file hold inodes; no other is left.
     write_file(dir + "/index.new", "stale");
-    int filler = open((mnt + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
-    for (int i = 0, fd; (fd = open((mnt + "/" + std::to_string(i)).c_str(), O_CREAT | O_WRONLY, 0666)) >= 0; i++)
+    int filler = open((fs.dir + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
+    for (int i = 0, fd; (fd = open((fs.dir + "/" + std::to_string(i)).c_str(), O_CREAT | O_WRONLY, 0666)) >= 0; i++)
         close(fd);
     // Round 0: "store.exp" can't be made, after the row was written.
     // Round 1: no room for the new index.
@@ -244,7 +240,7 @@ TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
     }
     // With room again the same expunge goes through.
     close(filler);
-    unlink((mnt + "/filler").c_str());
+    unlink((fs.dir + "/filler").c_str());
     EXPECT_EQ(mailbox_expunge(&mb, 0, 0, in_set, &gone), 0);
     EXPECT_EQ(testutil::index_entries(dir).size(), 2u);
 }

@@ -100,18 +100,6 @@ std::string ls(const std::string &dir) {
     return out;
 }
 
-// A tmpfs of the given size over dir while it lives.
-struct Tmpfs {
-    std::string dir;
-    int error = 0;
-    Tmpfs(const std::string &d, const char *size) : dir(d) {
-        if (mount("tmpfs", dir.c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()) != 0)
-            error = errno;
-    }
-    ~Tmpfs() { if (!error) umount2(dir.c_str(), MNT_DETACH); }
-    void fill() { run_command("cat /dev/zero >'" + dir + "/filler'"); }  // until no room is left
-};
-
 }  // namespace
 
 TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
@@ -250,7 +238,7 @@ TEST(StoreFaults, DatabaseDirectoryRemovedUnderTheDaemon) {
 
 TEST(StoreFaults, FullFileSystemIsNoDamage) {
     Instance inst;
-    Tmpfs fs(inst.path("data/store"), "48m");
+    testutil::Tmpfs fs(inst.path("data/store"), "size=48m");
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     // Committed and in the log, but their pages are still in the cache.

@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -429,5 +430,16 @@ std::string message_file(const struct ::mailbox &mb, unsigned uid) {
     char fname[MAILBOX_FNAME_SIZE];
     return std::string(mb.mpath) + "/" + mailbox_message_fname(const_cast<mailbox *>(&mb), uid, fname);
 }
+
+Tmpfs::Tmpfs(const std::string &d, const std::string &options) : dir(d) {
+    mkdir(dir.c_str(), 0777);
+    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) != 0) error = errno;
+}
+
+Tmpfs::~Tmpfs() {
+    if (!error) umount2(dir.c_str(), MNT_DETACH);
+}
+
+void Tmpfs::fill() const { run_command("cat /dev/zero >'" + dir + "/filler'"); }
 
 }  // namespace testutil

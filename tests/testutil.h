@@ -200,6 +200,20 @@ std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd = nu
 // The path of the file of message uid in the open folder mb.
 std::string message_file(const struct ::mailbox &mb, unsigned uid);
 
+// A tmpfs mounted over dir (made if missing) with the mount options given
+// ("size=2m", "size=2m,nr_inodes=64") while it lives; error holds the errno
+// of a refused mount, and a test skips then.
+class Tmpfs {
+  public:
+    Tmpfs(const std::string &dir, const std::string &options);
+    ~Tmpfs();
+    Tmpfs(const Tmpfs &) = delete;
+    Tmpfs &operator=(const Tmpfs &) = delete;
+    void fill() const;  // writes a file until no room is left
+    std::string dir;
+    int error = 0;
+};
+
 }  // namespace testutil
 
 #endif
