@@ -706,8 +706,7 @@ int mailbox_write_index_record(struct mailbox *mailbox, unsigned msgno,
                                const struct index_record *record) {
     STORE_ASSERT(msgno > 0);
     off_t offset = (off_t)mailbox->hdr.start_offset + (off_t)(msgno - 1) * INDEX_RECORD_SIZE;
-    if (lseek(mailbox->index_fd, offset, SEEK_SET) < 0 ||
-        retry_write(mailbox->index_fd, record, INDEX_RECORD_SIZE) < 0 ||
+    if (retry_pwrite(mailbox->index_fd, record, INDEX_RECORD_SIZE, offset) < 0 ||
         sync_file(mailbox->index_fd, index_sync_level) != 0) {
         svclog(nullptr, 58, "Unable to write index record %u for %s: %m", msgno, mbname(mailbox));
         return IMAP_IOERROR;
@@ -721,8 +720,7 @@ int mailbox_append_index(struct mailbox *mailbox, const struct index_record *rec
     STORE_ASSERT(msgno > 0);
     if (count == 0) return 0;
     off_t offset = (off_t)mailbox->hdr.start_offset + (off_t)(msgno - 1) * INDEX_RECORD_SIZE;
-    if (lseek(mailbox->index_fd, offset, SEEK_SET) < 0 ||
-        retry_write(mailbox->index_fd, records, (size_t)count * INDEX_RECORD_SIZE) < 0 ||
+    if (retry_pwrite(mailbox->index_fd, records, (size_t)count * INDEX_RECORD_SIZE, offset) < 0 ||
         sync_file(mailbox->index_fd, index_sync_level) != 0) {
         svclog(nullptr, 59, "Unable to append index records for %s: %m", mbname(mailbox));
         return IMAP_IOERROR;

@@ -110,10 +110,29 @@ ssize_t retry_write(int fd, const void *buf, size_t count) {
     return retry_writev(fd, &one, 1);
 }
 
+ssize_t retry_pwrite(int fd, const void *buf, size_t count, off_t offset) {
+    if (offset < 0 || count > (size_t)SSIZE_MAX) {
+        errno = EINVAL;
+        return -1;
+    }
+    size_t done = 0;
+    while (done < count) {
+        ssize_t n = pwrite(fd, (const char *)buf + done, count - done, offset + (off_t)done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) {
+            errno = EIO;
+            return -1;
+        }
+        done += (size_t)n;
+    }
+    return (ssize_t)done;
+}
+
 // ---------------------------------------------------------------------------
 // sync_file
 //
-// Level 1 starts the writeback of the file and remembers its file system.
+// Level 1 writes nothing now and remembers the file's file system.
 // The file system is remembered by a descriptor of the file's directory,
 // not of the file itself: closing any descriptor of a file drops every
 // record lock that the process holds on it (lock.h), and the files synced

@@ -13,6 +13,9 @@ ssize_t retry_write(int fd, const void *buf, size_t count);
 ssize_t retry_read(int fd, void *buf, size_t count);
 ssize_t retry_pread(int fd, void *buf, size_t count, off_t offset);
 ssize_t retry_writev(int fd, const struct iovec *iov, int iovcnt);
+// Writes all count bytes at offset without moving the file position, trying
+// again after interruptions and short writes; count or -1.
+ssize_t retry_pwrite(int fd, const void *buf, size_t count, off_t offset);
 
 // Levels of sync_file:
 //   0  nothing: the system writes the data when it likes.
