@@ -2,20 +2,9 @@
 // header texts and per-user flags before each header, flag names, refusals
 // of the session set-up and of the quota, the stream form, single copies,
 // and failures on a small file system of its own.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <map>
-
 #include "store/append.h"
-#include "store/imap_err.h"
 #include "store/mboxlist_create.h"
 #include "store/seen_db.h"
-#include "support/auth.h"
 #include "support/retry.h"
 #include "tests/testutil.h"
 

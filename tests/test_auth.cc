@@ -1,12 +1,4 @@
 // Identity and rights: auth states, identifiers, rights masks and ACL edits.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-
-#include "support/auth.h"
-#include "support/config.h"
 #include "tests/testutil.h"
 
 namespace {

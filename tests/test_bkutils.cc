@@ -3,13 +3,6 @@
 // until exclusions and backups use them.)
 #include "objects/bkutils.h"
 
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "tests/testutil.h"
 
 namespace {

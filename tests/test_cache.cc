@@ -1,20 +1,7 @@
 // The cache record a delivery writes: its 11 items, the index record, the
 // message type hook, failures, the real corpus as the scanner cuts it, and
 // showcache's output.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
-
 #include "import/importmail.h"
-#include "store/imap_err.h"
-#include "store/mailbox.h"
 #include "store/message.h"
 #include "tests/testutil.h"
 

@@ -1,16 +1,6 @@
 // The error table: installation once per process, and translations read
 // from files, announced before or after the table. Each case runs in a
 // fresh process, where nothing is installed yet.
-#include "store/imap_err.h"
-
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <set>
-#include <string>
-
-#include <gtest/gtest.h>
 #include <prerror.h>
 
 #include "tests/testutil.h"

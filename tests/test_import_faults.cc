@@ -2,24 +2,12 @@
 // into one folder at once, input and disks that fail part way. After each
 // fault the folder opens without complaint, counts only whole messages,
 // and holds everything that was stored before.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <functional>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "import/importmail.h"
-#include "store/mailbox.h"
 #include "tests/testutil.h"
 
 namespace {

@@ -1,15 +1,6 @@
 // The importmail program as an operator runs it: options, exit statuses,
 // the input checks, folder names, the debug output, and a message too
 // large for the store.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
-
 #include "import/importmail.h"
 #include "tests/testutil.h"
 

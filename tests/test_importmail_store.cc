@@ -2,23 +2,10 @@
 // folders' files, rows and the owner's per-user flags, read back and compared
 // with the messages as the scanner cuts them, with what showcache parses from
 // each message file, and with what showfolder prints.
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <string.h>
-#include <time.h>
-
-#include <algorithm>
-#include <map>
-#include <string>
-#include <vector>
-
 #include "import/importmail.h"
 #include "objects/bkobj.h"
-#include "store/mailbox.h"
-#include "store/mboxlist.h"
 #include "store/mboxlist_startup.h"
 #include "store/seen_db.h"
-#include "support/auth.h"
 #include "tests/testutil.h"
 
 namespace {

@@ -1,18 +1,9 @@
 // The files of a folder as a whole: create (also against a second creator,
 // and flushed before the row that counts it) and delete, on a store that this
 // process brings up.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "store/imap_err.h"
 #include "store/mailbox_create.h"
-#include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
 #include "store/seen_db.h"
-#include "support/auth.h"
 #include "support/lock.h"
 #include "support/map.h"
 #include "support/retry.h"

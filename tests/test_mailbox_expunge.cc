@@ -1,23 +1,12 @@
 // Expunge on real mail: folders delivered from the corpus, rewritten by
 // mailbox_expunge; "store.exp" and its cleaning; failed rewrites on a file
 // system of their own.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <sys/stat.h>
-
-#include <map>
 #include <numeric>
-#include <set>
 
 #include "store/append.h"
-#include "store/imap_err.h"
 #include "store/mailbox_create.h"
 #include "store/mailbox_log.h"
-#include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
-#include "support/auth.h"
 #include "tests/testutil.h"
 
 namespace {

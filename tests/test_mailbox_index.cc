@@ -2,22 +2,11 @@
 // repair, the conversion of the old two-file layout, the growth of the
 // variable header with the flush before each rename, message files and
 // header values.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <limits.h>
-#include <signal.h>
-#include <string.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
-#include <algorithm>
-
-#include "store/imap_err.h"
-#include "store/mboxlist.h"
 #include "store/message.h"
-#include "support/config.h"
 #include "support/lock.h"
 #include "support/map.h"
 #include "support/retry.h"

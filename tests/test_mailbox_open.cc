@@ -1,20 +1,8 @@
 // Opening folders and the index lock: the open from the folder database and
 // from the disk, the open modes, the lock between real processes, ACL
 // cleaning, and the sync levels of the configuration.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <functional>
-
-#include "store/imap_err.h"
-#include "store/mailbox.h"
-#include "store/mboxlist.h"
-#include "support/auth.h"
-#include "support/config.h"
 #include "support/map.h"
 #include "support/retry.h"
 #include "support/xmalloc.h"

@@ -1,29 +1,15 @@
 // Folder create and delete in the folder database: rights, limits, ACL
 // defaults, partitions, named locks, and the order of files and rows that
 // keeps a store whole when a process dies at any point.
-#include <gtest/gtest.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "store/imap_err.h"
-#include "store/mailbox.h"
-#include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
 #include "store/mboxname.h"
-#include "support/auth.h"
 #include "tests/testutil.h"
 
 namespace {

@@ -2,14 +2,6 @@
 // built in each state, a child process recovers them as the daemon does,
 // and the log tells the state judged, the repairs in order and the
 // recovery of the first open.
-#include <gtest/gtest.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
-
-#include "store/mboxlist.h"
-#include "support/config.h"
 #include "tests/testutil.h"
 
 using testutil::Instance;

@@ -1,17 +1,6 @@
 // Rows, key order and lookups of the folder database, on a real Berkeley DB
 // environment, and what lookups answer when the database fails them.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
-
-#include "store/imap_err.h"
-#include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
-#include "support/auth.h"
-#include "support/config.h"
 #include "tests/testutil.h"
 
 using testutil::db_put;

@@ -1,13 +1,5 @@
 // Folder names: internal forms, directories and back, owners, and the policy
 // on names.
-#include <gtest/gtest.h>
-
-#include <string.h>
-
-#include <string>
-#include <vector>
-
-#include "store/imap_err.h"
 #include "store/mboxname.h"
 #include "tests/testutil.h"
 

@@ -1,12 +1,5 @@
 // The MIME parser: header fields, parameters, multiparts, nesting and sizes,
 // each message from an exact-size heap copy (the sanitizers see overreads).
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
-
 #include "store/message.h"
 #include "tests/testutil.h"
 

@@ -1,12 +1,5 @@
 // The object core, the context and the session.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
-
-#include <string>
-
 #include "objects/bkobj.h"
-#include "store/mboxlist.h"
 #include "support/signals.h"
 #include "tests/testutil.h"
 

@@ -1,13 +1,6 @@
 // The mail file scanner: separator lines, internal dates (under Universal
 // Time and under a zone with daylight saving), message cutting, flags, the
 // content-length rule, line ends, and messages too large for the store.
-#include <gtest/gtest.h>
-#include <string.h>
-#include <time.h>
-
-#include <string>
-#include <vector>
-
 #include "import/importmail.h"
 #include "store/message.h"
 #include "tests/testutil.h"

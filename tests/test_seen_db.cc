@@ -2,18 +2,7 @@
 // read-modify-write of one pair of folder and user (also between
 // processes), folder create and delete, the range form with its lookups,
 // and the rebuild from "store.usr".
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <set>
-
-#include "store/mailbox.h"
-#include "store/mboxlist.h"
 #include "store/seen_db.h"
-#include "support/config.h"
 #include "support/lock.h"
 #include "tests/testutil.h"
 

@@ -2,21 +2,10 @@
 // crashes of clients and of the daemon, daemons that race, and file systems
 // that are full or pulled away.
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <string>
-
-#include "store/mboxlist.h"
-#include "support/config.h"
 #include "support/watch.h"
 #include "tests/testutil.h"
 
@@ -274,4 +263,3 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     EXPECT_EQ(rows_found("user/keep", 250), 250);
 }
-

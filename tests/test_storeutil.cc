@@ -1,13 +1,5 @@
 // Store utilities: canonical ids and folder names, and the partition id table.
-#include <gtest/gtest.h>
-
-#include <string.h>
-
-#include <string>
-#include <vector>
-
 #include "store/storeutil.h"
-#include "support/config.h"
 #include "tests/testutil.h"
 
 namespace {

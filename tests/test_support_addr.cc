@@ -1,13 +1,6 @@
 // Address parsing of header fields, on hand-made fields and on the From,
 // To and Cc fields of the corpus.
-
-#include <gtest/gtest.h>
-
-#include <stdlib.h>
-#include <string.h>
 #include <strings.h>
-
-#include <string>
 
 #include "support/charset.h"
 #include "support/parseaddr.h"

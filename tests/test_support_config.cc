@@ -1,19 +1,8 @@
 // Configuration, stored state files, option files and the log.
-#include <gtest/gtest.h>
-
-#include <errno.h>
 #include <pwd.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "support/config.h"
 #include "support/log.h"
 #include "tests/testutil.h"
 

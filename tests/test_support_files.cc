@@ -1,15 +1,8 @@
 // File maps, careful writes, sync levels and renames into place, file
 // copies and buffered output.
 #include <dirent.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 #include "support/lock.h"
 #include "support/map.h"

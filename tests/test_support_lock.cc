@@ -3,17 +3,10 @@
 // a reopen that follows a replaced file FolderOpen.LockFollowsAReplacedIndex,
 // the session lock StoreDaemon.OneOfManySimultaneousDaemonsWins.
 #include <dirent.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <string.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/lock.h"
 #include "tests/testutil.h"

@@ -1,13 +1,5 @@
 // Signals, descriptor limits and the process id.
-#include <gtest/gtest.h>
-
-#include <errno.h>
-#include <signal.h>
-#include <string.h>
 #include <sys/resource.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "support/osl.h"
 #include "support/signals.h"

@@ -1,14 +1,5 @@
 // String, time and memory helpers of the support layer.
-#include <gtest/gtest.h>
-
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-#include <time.h>
-
 #include <random>
-#include <string>
-#include <vector>
 
 #include "support/strutil.h"
 #include "support/timeutil.h"

@@ -1,12 +1,5 @@
 // Text services: encoded words, character sets, time zones and folder
 // patterns.
-
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-
 #include "support/charset.h"
 #include "support/storeglob.h"
 #include "tests/testutil.h"

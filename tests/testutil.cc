@@ -1,29 +1,18 @@
 #include "tests/testutil.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <ftw.h>
-#include <gtest/gtest.h>
 #include <regex.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/select.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 
 #include "store/mailbox_create.h"
-#include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
-#include "support/config.h"
 #include "support/lock.h"
 
 namespace testutil {

@@ -2,19 +2,35 @@
 #ifndef TESTS_TESTUTIL_H
 #define TESTS_TESTUTIL_H
 
+// Besides the helpers, the headers that most tests use, so that a test
+// names only the ones that are its own.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
 #include <initializer_list>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "store/imap_err.h"
 #include "store/mailbox.h"
-
-struct __db;
+#include "store/mboxlist.h"
+#include "support/auth.h"
+#include "support/config.h"
 
 namespace testutil {
 
@@ -167,9 +183,9 @@ std::string folder_dir(const char *name, const char *partition = "primary");
 bool has_row(const char *name);
 
 // Writes key with value into one of the store's databases in a transaction of its own.
-bool db_put(struct __db *db, const std::string &key, const std::string &value);
+bool db_put(DB *db, const std::string &key, const std::string &value);
 // Whether one of the store's databases holds key.
-bool db_has(struct __db *db, const std::string &key);
+bool db_has(DB *db, const std::string &key);
 
 // Writes a folder's row straight into the folder database.
 void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
