@@ -91,6 +91,11 @@ int main(int argc, char **argv) {
     }
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 
+    // A separator date without a zone is local time. With TZ unset the C
+    // library looks at the system's zone file again at every conversion,
+    // one stat per message; naming the same file in TZ has it read once.
+    if (!getenv("TZ")) setenv("TZ", ":/etc/localtime", 0);
+
     context = new BkContext(argv[0], debug);
     if (context->isvalid()) {
         BkSession *session = context->getSession(BkModePlain, 0, 1);

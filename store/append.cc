@@ -125,6 +125,8 @@ int append_setup(struct append_state *as, const char *name, unsigned mode, unsig
     as->pending_user = nullptr;
     memset(as->pending_first, 0, sizeof as->pending_first);
     memset(as->pending_last, 0, sizeof as->pending_last);
+    memset(&as->cache, 0, sizeof as->cache);
+    as->index_end = -1;
 
     int r = mailbox_open(name, mode | OPEN_APPEND, auth, as->mailbox);
     if (r) return r;
@@ -260,6 +262,8 @@ void append_finish(struct append_state *as) {
     append_flush_peruser(as);
     mboxlist_updatedata(mailbox, 1);
     mailbox_unlock_index(mailbox);
+    message_cachebuf_free(&as->cache);
+    as->index_end = -1;
 }
 
 // ---------------------------------------------------------------------------
@@ -393,6 +397,7 @@ static void rollback(struct append_state *as, struct append_undo *undo) {
     off_t end = undo->index_end + ((off_t)mailbox->hdr.cache_offset - undo->cache_offset);
     if (ftruncate(mailbox->index_fd, end) < 0)
         svclog(nullptr, 59, "Unable to cut index file of %s back: %m", folder_name(mailbox));
+    as->index_end = -1;
     mailbox->mbd = undo->mbd;
     as->added_bytes = undo->added_bytes;
     as->added_messages = undo->added_messages;
@@ -494,6 +499,7 @@ static int make_record_room(struct append_state *as) {
     }
     r = mailbox_expunge(mailbox, EXPUNGE_LOCKED, 1, expungenone, nullptr);
     mailbox->open_mode |= OPEN_APPEND;
+    as->index_end = -1;  // a new file
     return r;
 }
 
@@ -504,11 +510,16 @@ static int index_message(struct append_state *as, struct appendmsg *msg, const c
                          int nflags, const char *userid, int nonotify,
                          struct append_undo *undo) {
     struct mailbox *mailbox = as->mailbox;
-    int r = message_parse_mapped(text, full_size, mailbox, msg->cache_text, record);
-    if (r) {
+    as->cache.len = 0;
+    message_parse_cache(text, full_size, msg->cache_text, record, &as->cache);
+    record->rec_cache_offset = (uint32_t)(undo->index_end - (off_t)mailbox->hdr.cache_offset);
+    if (retry_pwrite(mailbox->index_fd, as->cache.base, as->cache.len, undo->index_end) < 0) {
+        svclog(nullptr, 59, "Unable to append cache for %s: %m", folder_name(mailbox));
         rollback(as, undo);
-        return r;
+        return IMAP_IOERROR;
     }
+    as->index_end = undo->index_end + (off_t)as->cache.len;
+    int r;
     int seen = 0, deleted = 0;
     apply_flags(mailbox, flags, nflags, record, &seen, &deleted, undo);
 
@@ -538,6 +549,7 @@ static int index_message(struct append_state *as, struct appendmsg *msg, const c
         // and cache, so the partial map of the session is left as it is.)
         append_flush_peruser(as);
         r = mailbox_write_index_variable_header(mailbox);
+        as->index_end = -1;  // the header may have grown and moved the cache area
     }
     if (r) {
         rollback(as, undo);
@@ -584,7 +596,8 @@ int append_msg(struct append_state *as, struct appendmsg *msg, time_t internalda
 
     struct append_undo undo;
     memset(&undo, 0, sizeof undo);
-    undo.index_end = lseek(mailbox->index_fd, 0, SEEK_END);
+    if (as->index_end < 0) as->index_end = lseek(mailbox->index_fd, 0, SEEK_END);
+    undo.index_end = as->index_end;
     if (undo.index_end < 0) {
         svclog(nullptr, 59, "Unable to seek in index file of %s: %m", folder_name(mailbox));
         return IMAP_IOERROR;

@@ -42,6 +42,7 @@
 
 #include "store/mailbox.h"
 #include "store/mboxlist.h"
+#include "store/message.h"
 
 struct auth_state;
 struct iovec;
@@ -70,6 +71,14 @@ struct append_state {
     char *pending_user;          // owner of the pending ranges (a copy), or null
     unsigned pending_first[2];   // per kind (seen, deleted): first uid, 0 for none
     unsigned pending_last[2];    // and last uid of the pending range
+    // The cache entry of the message being delivered is built here; the
+    // buffer lives for the session, so messages after the first cost no
+    // allocation. append_finish frees it.
+    struct message_cachebuf cache;
+    // End of "store.idx", where the next cache entry goes, as this session
+    // wrote it: asked of the file once (-1 until then) and again after a
+    // rewrite or a cut of the file, not per message.
+    off_t index_end;
 };
 
 // The stream form of delivery: a message received piecewise, whose header
@@ -152,8 +161,8 @@ int append_quota_eval(uint64_t used, uint64_t limit, uint32_t messages,
                       const struct quotadata *quota);
 // Settles the advance charge, writes the pending per-user ranges, then the
 // folder's row and the fixed header of "store.idx" in one transaction, and
-// releases the index lock. The folder stays open. Failures are logged, not
-// reported.
+// releases the index lock and the session's buffer. The folder stays open.
+// Failures are logged, not reported. A session set up ends here.
 void append_finish(struct append_state *as);
 // Writes the session's pending seen and deleted ranges to "peruser.db"
 // (append_addperuser) and forgets them. Failures are logged and ignored,

@@ -21,6 +21,7 @@
 #include "store/mailbox.h"
 #include "support/log.h"
 #include "support/map.h"
+#include "support/retry.h"
 #include "support/strutil.h"
 #include "support/xmalloc.h"
 
@@ -809,8 +810,8 @@ void message_free_body(struct body *body) {
     memset(body, 0, sizeof(*body));
 }
 
-int message_parse_mapped(const char *base, size_t len, struct mailbox *mailbox,
-                         const char *cache_text, struct index_record *record) {
+void message_parse_cache(const char *base, size_t len, const char *cache_text,
+                         struct index_record *record, struct message_cachebuf *out) {
     struct msgrange msg;
     msg.base = base;
     msg.len = len > UINT32_MAX ? UINT32_MAX : (uint32_t)len;
@@ -829,20 +830,26 @@ int message_parse_mapped(const char *base, size_t len, struct mailbox *mailbox,
     if (!body.dotlines && msg.len >= 2 && base[msg.len - 2] == '\r' && base[msg.len - 1] == '\n')
         record->system_flags |= FLAG_NODOTS_CRLF;
 
-    off_t pos = lseek(mailbox->index_fd, 0, SEEK_CUR);
-    record->rec_cache_offset = (uint32_t)(pos - (off_t)mailbox->hdr.cache_offset);
-
-    ssize_t r = message_write_cache(mailbox->index_fd, &body, &msg, cache_text);
-    int saved_errno = errno;
+    message_encode_cache(&body, &msg, cache_text, out);
 
     if (msgtype_examineMessage) {
         void *context = msgtype_plugin ? *(void **)msgtype_plugin : nullptr;
         uint32_t bits = msgtype_examineMessage(context, base, msg.len, &body);
         record->system_flags |= bits & FLAG_MSGTYPE_MASK;
     }
-
     message_free_body(&body);
-    if (r == -1) {
+}
+
+int message_parse_mapped(const char *base, size_t len, struct mailbox *mailbox,
+                         const char *cache_text, struct index_record *record) {
+    struct message_cachebuf out = {nullptr, 0, 0};
+    message_parse_cache(base, len, cache_text, record, &out);
+    off_t pos = lseek(mailbox->index_fd, 0, SEEK_CUR);
+    record->rec_cache_offset = (uint32_t)(pos - (off_t)mailbox->hdr.cache_offset);
+    int r = pos < 0 || retry_write(mailbox->index_fd, out.base, out.len) < 0 ? -1 : 0;
+    int saved_errno = errno;
+    message_cachebuf_free(&out);
+    if (r) {
         errno = saved_errno;
         svclog(0, 59, "Unable to append cache for %s: %m", mailbox->name ? mailbox->name : "");
         return IMAP_IOERROR;

@@ -104,11 +104,17 @@ int message_parse_file(int fd, struct mailbox *mailbox, const char *cache_text,
                        struct index_record *record);
 
 // Parses the message base/len (lines end in CR LF; at most 4 GB - 1
-// bytes) for delivery into the open folder mailbox: fills sentdate, size,
-// header_size, content_offset, rec_cache_offset and system_flags of
-// record, and writes the cache record at the current position of
+// bytes) for delivery: fills sentdate, size, header_size, content_offset
+// and system_flags of record, and appends its cache record to out, where
+// the caller keeps the records until it writes them (rec_cache_offset is
+// the caller's, who knows where they go). cache_text (or null) becomes the
+// last item of the record.
+void message_parse_cache(const char *base, size_t len, const char *cache_text,
+                         struct index_record *record, struct message_cachebuf *out);
+
+// message_parse_cache for a single message: sets rec_cache_offset as well
+// and writes the cache record at the current position of
 // mailbox->index_fd, which the caller has put at the end of the file.
-// cache_text (or null) becomes the last item of the record.
 // Returns 0, or IMAP_IOERROR when the cache record can't be written.
 int message_parse_mapped(const char *base, size_t len, struct mailbox *mailbox,
                          const char *cache_text, struct index_record *record);
@@ -151,12 +157,21 @@ enum {
 // "section", "headers", "from", "to", "cc", "bcc", "subject", "cache_text".
 extern const char *const message_cache_item_name[MESSAGE_CACHE_ITEMS];
 
+// A growing buffer of cache records in their file form. Zeroed it is
+// empty; the owner frees it with message_cachebuf_free.
+struct message_cachebuf {
+    char *base;
+    size_t len;    // bytes in use
+    size_t alloc;  // bytes allocated
+};
+// Makes room for n more bytes behind len.
+void message_cachebuf_reserve(struct message_cachebuf *b, size_t n);
+void message_cachebuf_free(struct message_cachebuf *b);
+
 // Builds the cache record of the parsed message body (the top node; its
-// address strings are lower-cased on the way) and writes it at the
-// current position of fd with one gather write. Returns what the write
-// returned: the record's length, or -1.
-ssize_t message_write_cache(int fd, struct body *body, const struct msgrange *msg,
-                            const char *cache_text);
+// address strings are lower-cased on the way) and appends it to out.
+void message_encode_cache(struct body *body, const struct msgrange *msg, const char *cache_text,
+                          struct message_cachebuf *out);
 
 // Moves *text past white space and comments of a header field; sets it to
 // null when the field ends (a line end not followed by blank, or a NUL).

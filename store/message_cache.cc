@@ -1,22 +1,20 @@
 // The cache record of a message: envelope, body structure in two forms,
 // the binary section table, the raw header, the search forms of the
 // address fields, the decoded subject and the caller's text, built from the
-// parsed tree and written with one gather write.
+// parsed tree into the caller's buffer in its file form.
 //
-// Each item is built in a growing buffer (ibuf) that keeps 4 bytes in
-// front of the text for the item's length word, so that the item, with its
-// padding, goes to the file straight from the buffer. The raw header is
-// written from the message itself.
+// The items are written one after the other; each gets a 4-byte hole in
+// front for its length word, filled with its padding when the item ends.
+// The buffer is the caller's and lives across messages, so a message
+// costs no allocation once the buffer has grown to its messages' size.
 #include <arpa/inet.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/uio.h>
 
 #include "store/message.h"
 #include "support/charset.h"
-#include "support/retry.h"
 #include "support/strutil.h"
 #include "support/xmalloc.h"
 
@@ -24,62 +22,60 @@ const char *const message_cache_item_name[MESSAGE_CACHE_ITEMS] = {
     "envelope", "bodystructure", "body", "section", "headers", "from",
     "to",       "cc",            "bcc",  "subject", "cache_text"};
 
+void message_cachebuf_reserve(struct message_cachebuf *b, size_t n) {
+    if (b->alloc - b->len >= n) return;
+    size_t alloc = b->alloc ? b->alloc : 4096;
+    while (alloc - b->len < n) alloc *= 2;
+    b->base = (char *)xrealloc(b->base, alloc);
+    b->alloc = alloc;
+}
+
+void message_cachebuf_free(struct message_cachebuf *b) {
+    free(b->base);
+    b->base = nullptr;
+    b->len = b->alloc = 0;
+}
+
 namespace {
 
-const size_t IBUF_SIZE = 1000;
 // Longest string written in quotes; longer ones are literals.
 const size_t MAX_QUOTED = 1023;
 
+// The item being written: the record's buffer, and where the item's text
+// begins (its length word stands in the 4 bytes in front).
 struct ibuf {
-    char *start;  // the text; the 4 bytes before it hold the length word
-    char *last;   // next byte to write
-    char *end;    // end of the room
+    struct message_cachebuf *out;
+    size_t item;
 };
 
-void message_ibuf_init(ibuf *b) {
-    char *block = (char *)xmalloc(IBUF_SIZE);
-    b->start = b->last = block + 4;
-    b->end = block + IBUF_SIZE;
+void begin_item(ibuf *b) {
+    message_cachebuf_reserve(b->out, 4);
+    b->out->len += 4;
+    b->item = b->out->len;
 }
 
-void message_ibuf_ensure(ibuf *b, size_t n) {
-    if ((size_t)(b->end - b->last) >= n) return;
-    char *block = b->start - 4;
-    size_t grow = n > IBUF_SIZE ? n : IBUF_SIZE;
-    size_t total = (size_t)(b->end - block) + grow;
-    size_t used = (size_t)(b->last - block);
-    block = (char *)xrealloc(block, total);
-    b->start = block + 4;
-    b->last = block + used;
-    b->end = block + total;
-}
-
-// Makes the gather entry of the finished item: length word, text and NUL
-// bytes up to the next multiple of 4.
-void message_ibuf_iov(struct iovec *iov, ibuf *b) {
-    message_ibuf_ensure(b, 3);
-    memset(b->last, 0, 3);
-    uint32_t len = (uint32_t)(b->last - b->start);
+// Fills the item's length word and pads the text with NUL bytes up to the
+// next multiple of 4.
+void end_item(ibuf *b) {
+    struct message_cachebuf *out = b->out;
+    uint32_t len = (uint32_t)(out->len - b->item);
+    size_t pad = (4 - (len & 3)) & 3;
+    message_cachebuf_reserve(out, pad);
+    memset(out->base + out->len, 0, pad);
+    out->len += pad;
     uint32_t be = htonl(len);
-    memcpy(b->start - 4, &be, 4);
-    iov->iov_base = b->start - 4;
-    iov->iov_len = ((size_t)len + 7) & ~(size_t)3;
+    memcpy(out->base + b->item - 4, &be, 4);
 }
 
-void message_ibuf_free(ibuf *b) {
-    free(b->start - 4);
-    b->start = b->last = b->end = nullptr;
+inline void put_char(ibuf *b, char c) {
+    message_cachebuf_reserve(b->out, 1);
+    b->out->base[b->out->len++] = c;
 }
 
-void put_char(ibuf *b, char c) {
-    message_ibuf_ensure(b, 1);
-    *b->last++ = c;
-}
-
-void put_bytes(ibuf *b, const char *s, size_t n) {
-    message_ibuf_ensure(b, n);
-    memcpy(b->last, s, n);
-    b->last += n;
+inline void put_bytes(ibuf *b, const char *s, size_t n) {
+    message_cachebuf_reserve(b->out, n);
+    memcpy(b->out->base + b->out->len, s, n);
+    b->out->len += n;
 }
 
 void message_write_text(ibuf *b, const char *s) { put_bytes(b, s, strlen(s)); }
@@ -126,11 +122,12 @@ void message_write_nstring(ibuf *b, const char *s) {
     size_t n = (size_t)((const char *)p - s);
     if (!plain) n += strlen((const char *)p);
     if (plain && n <= MAX_QUOTED) {
-        message_ibuf_ensure(b, n + 2);
-        *b->last++ = '"';
-        memcpy(b->last, s, n);
-        b->last += n;
-        *b->last++ = '"';
+        message_cachebuf_reserve(b->out, n + 2);
+        char *dst = b->out->base + b->out->len;
+        dst[0] = '"';
+        memcpy(dst + 1, s, n);
+        dst[n + 1] = '"';
+        b->out->len += n + 2;
     } else {
         char head[32];
         int len = snprintf(head, sizeof(head), "{%u}\r\n", (unsigned)n);
@@ -395,50 +392,47 @@ void message_write_searchaddr(ibuf *b, struct address *a) {
 
 }  // namespace
 
-ssize_t message_write_cache(int fd, struct body *body, const struct msgrange *msg,
-                            const char *cache_text) {
-    // Items in record order, without the header, which comes from msg.
-    enum { ENV, BODYSTRUCTURE, BODY, SECTION, FROM, TO, CC, BCC, SUBJECT, TEXT, NBUF };
-    ibuf bufs[NBUF];
-    for (int i = 0; i < NBUF; i++) message_ibuf_init(&bufs[i]);
-
+void message_encode_cache(struct body *body, const struct msgrange *msg, const char *cache_text,
+                          struct message_cachebuf *out) {
+    ibuf b = {out, 0};
     // The envelope first: the search forms lower-case the addresses.
-    message_write_envelope(&bufs[ENV], body);
-    message_write_body(&bufs[BODYSTRUCTURE], body, 1);
-    message_write_body(&bufs[BODY], body, 0);
+    begin_item(&b);
+    message_write_envelope(&b, body);
+    end_item(&b);
+    begin_item(&b);
+    message_write_body(&b, body, 1);
+    end_item(&b);
+    begin_item(&b);
+    message_write_body(&b, body, 0);
+    end_item(&b);
 
     struct body toplevel;
     memset(&toplevel, 0, sizeof(toplevel));
     toplevel.type = (char *)"MESSAGE";
     toplevel.subtype = (char *)"RFC822";
     toplevel.subpart = body;
-    message_write_section(&bufs[SECTION], &toplevel);
+    begin_item(&b);
+    message_write_section(&b, &toplevel);
+    end_item(&b);
 
-    message_write_searchaddr(&bufs[FROM], body->from);
-    message_write_searchaddr(&bufs[TO], body->to);
-    message_write_searchaddr(&bufs[CC], body->cc);
-    message_write_searchaddr(&bufs[BCC], body->bcc);
+    begin_item(&b);
+    put_bytes(&b, msg->base + body->header_offset, body->header_size);
+    end_item(&b);
 
+    struct address *lists[] = {body->from, body->to, body->cc, body->bcc};
+    for (struct address *list : lists) {
+        begin_item(&b);
+        message_write_searchaddr(&b, list);
+        end_item(&b);
+    }
+
+    begin_item(&b);
     char *subject = charset_decode1522(body->subject, nullptr, 0);
-    message_write_nstring(&bufs[SUBJECT], subject);
+    message_write_nstring(&b, subject);
     free(subject);
+    end_item(&b);
 
-    if (cache_text) message_write_text(&bufs[TEXT], cache_text);
-
-    static const char zeros[4] = {0, 0, 0, 0};
-    struct iovec iov[15];
-    int n = 0;
-    for (int i = ENV; i <= SECTION; i++) message_ibuf_iov(&iov[n++], &bufs[i]);
-    uint32_t header_len = htonl(body->header_size);
-    iov[n].iov_base = &header_len;
-    iov[n++].iov_len = 4;
-    iov[n].iov_base = (void *)(msg->base + body->header_offset);
-    iov[n++].iov_len = body->header_size;
-    iov[n].iov_base = (void *)zeros;
-    iov[n++].iov_len = (4 - (body->header_size & 3)) & 3;
-    for (int i = FROM; i < NBUF; i++) message_ibuf_iov(&iov[n++], &bufs[i]);
-
-    ssize_t r = retry_writev(fd, iov, n);
-    for (int i = 0; i < NBUF; i++) message_ibuf_free(&bufs[i]);
-    return r;
+    begin_item(&b);
+    if (cache_text) message_write_text(&b, cache_text);
+    end_item(&b);
 }
