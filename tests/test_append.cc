@@ -48,21 +48,17 @@ appendmsg desc(const std::string &text, unsigned flags = APPENDMSG_STATIC, char 
     return m;
 }
 
-class Append : public ::testing::Test {
+class Append : public testutil::StoreTest {
   protected:
     void SetUp() override { restart(""); }
-    void TearDown() override {
-        mailbox_close(&mb);
-        mailbox_close(&mb2);
-        mboxlist_reset_for_tests();
-    }
+    void TearDown() override { mailbox_close(&mb), mailbox_close(&mb2), StoreTest::TearDown(); }
     // The store again with extra configuration lines; user/fred exists.
     void restart(const std::string &extra) {
         mailbox_close(&mb);
         mboxlist_reset_for_tests();
         if (base.empty()) base = read_file(inst.path("config/store.conf"));
         write_file(inst.path("config/store.conf"), base + extra);
-        ASSERT_EQ(testutil::start_store("appendtest"), 0);
+        StoreTest::SetUp();
         if (!testutil::has_row("user/fred")) create("user/fred");
     }
     void create(const char *name, const char *partition = nullptr, uint32_t kb = QUOTA_UNLIMITED,
@@ -81,7 +77,6 @@ class Append : public ::testing::Test {
         appendmsg m = desc(text);
         return append_msg(&as, &m, 1000, flags.data(), (int)flags.size(), user, 0, 0, 0, wanted);
     }
-    testutil::Instance inst;
     std::string base;
     mailbox mb = zeromailbox, mb2 = zeromailbox;
     append_state as, as2;

@@ -1,7 +1,6 @@
 // The cache record a delivery writes: its 11 items, the index record, the
 // message type hook, failures, the real corpus as the scanner cuts it, and
 // showcache's output.
-#include "import/importmail.h"
 #include "store/message.h"
 #include "tests/testutil.h"
 
@@ -336,38 +335,20 @@ TEST(MessageCache, MessageTypeHookAndFailures) {
     msgtype_plugin = nullptr;
 }
 
-// The messages of a mail file as the scanner cuts them for delivery.
-std::vector<std::string> cut_mbox(const std::string &data) {
-    std::vector<std::string> out;
-    FromLine first;
-    if (!check_fromline(data.data(), data.data() + data.size(), &first)) return out;
-    auto add = [](void *rock, const ScannedMessage *m, int *) {
-        static_cast<std::vector<std::string> *>(rock)->emplace_back(m->text, m->size);
-        return 1;
-    };
-    ScanHooks hooks = {add, nullptr, &out, 0};
-    scan_messages(data.data(), data.size(), -1, &first, &hooks);
-    return out;
-}
-
 TEST(MessageCache, Corpus) {
     CacheFile cf;
     size_t total = 0;
-    for (const char *name : {"list-archive.mbox", "kernel-list.mbox", "broken.mbox"}) {
-        std::vector<std::string> msgs = cut_mbox(testutil::read_file(testutil::corpus_path(name)));
-        for (size_t i = 0; i < msgs.size(); i++, total++) {
-            SCOPED_TRACE(std::string(name) + " message " + std::to_string(i + 1));
-            const std::string &m = msgs[i];
-            Delivery d = cf.deliver(m);
-            ASSERT_TRUE(d.rc == 0 && d.items.size() == 11u);
-            if (m.find('\0') >= d.record.header_size) {  // a NUL in the header cuts it
-                EXPECT_EQ(d.record.size, m.size());
-            }
-            EXPECT_EQ(d.items[4], m.substr(0, d.record.header_size));
-            EXPECT_EQ(d.record.content_offset, d.record.header_size);
-            for (int k : {0, 1, 2, 9}) EXPECT_TRUE(well_formed(d.items[k])) << k;
-            EXPECT_EQ(walk_section(d.items[3], 0, m.size()), d.items[3].size());
+    for (const std::string &m : testutil::scan_texts(testutil::corpus_all())) {
+        SCOPED_TRACE("message " + std::to_string(++total));
+        Delivery d = cf.deliver(m);
+        ASSERT_TRUE(d.rc == 0 && d.items.size() == 11u);
+        if (m.find('\0') >= d.record.header_size) {  // a NUL in the header cuts it
+            EXPECT_EQ(d.record.size, m.size());
         }
+        EXPECT_EQ(d.items[4], m.substr(0, d.record.header_size));
+        EXPECT_EQ(d.record.content_offset, d.record.header_size);
+        for (int k : {0, 1, 2, 9}) EXPECT_TRUE(well_formed(d.items[k])) << k;
+        EXPECT_EQ(walk_section(d.items[3], 0, m.size()), d.items[3].size());
     }
     EXPECT_EQ(total, 283u);
 }

@@ -7,35 +7,14 @@
 #include <chrono>
 #include <random>
 
-#include "import/importmail.h"
 #include "tests/testutil.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
-
-// The messages of a mail file as the scanner cuts them.
-Texts scan(const std::string &data) {
-    Texts r;
-    FromLine first;
-    if (!check_fromline(data.data(), data.data() + data.size(), &first)) return r;
-    auto add = [](void *rock, const ScannedMessage *m, int *) {
-        return static_cast<Texts *>(rock)->emplace_back(m->text, m->size), 1;
-    };
-    ScanHooks hooks = {add, nullptr, &r, 0};
-    scan_messages(data.data(), data.size(), -1, &first, &hooks);
-    return r;
-}
-
+using testutil::corpus_all;
+using testutil::scan_texts;
 const std::string list = testutil::read_file(testutil::corpus_path("list-archive.mbox"));
-
-std::string corpus(int times) {
-    std::string all;
-    for (int i = 0; i < times; i++)
-        for (const char *f : {"kernel-list.mbox", "list-archive.mbox", "broken.mbox"})
-            all += testutil::read_file(testutil::corpus_path(f));
-    return all;
-}
 
 // Whether texts is leading parts of want, one behind the other; *tail gets
 // the length of the last.
@@ -54,8 +33,7 @@ class ImportFaults : public ::testing::Test {
     void SetUp() override { ASSERT_TRUE(inst.startStored()); }
     std::string bin(const char *prog) { return testutil::binary_dir() + "/bin/" + prog; }
     int run(const std::string &args, std::string *err = nullptr) {
-        std::string cmd = "timeout -s KILL 120 " + bin("importmail") + " -v 0 -c y " + args;
-        return testutil::run_command(cmd, nullptr, err);
+        return inst.run("importmail", "-v 0 -c y " + args, nullptr, err, 120);
     }
     // importmail -c y of file into folder of user, as a child of this process.
     pid_t start(const std::string &user, const char *folder, const std::string &file) {
@@ -75,18 +53,14 @@ class ImportFaults : public ::testing::Test {
     // Error and critical lines of the store's programs (not of the daemon
     // clearing up after them) logged since the last call.
     std::string newErrors() {
-        std::string log = testutil::read_file(inst.path("log/store.log")), bad;
-        for (const std::string &l : testutil::split_lines(log.substr(std::min(logSeen, log.size()))))
-            if (l.find(" stored[") == std::string::npos &&
-                (l.find("] error: ") != std::string::npos || l.find("] critical: ") != std::string::npos))
-                bad += l + "\n";
-        logSeen = log.size();
+        std::string bad;
+        for (const std::string &l : testutil::split_lines(inst.newLog()))
+            if (l.find(" stored[") == std::string::npos && testutil::matches("\\] (error|critical): ", l)) bad += l + "\n";
         return bad;
     }
     Texts folder(const std::string &user, const std::string &name, std::string *dir = nullptr);
 
     testutil::Instance inst;
-    size_t logSeen = 0;
 };
 
 // Opens the folder through showfolder, which must not complain, and checks
@@ -95,8 +69,8 @@ class ImportFaults : public ::testing::Test {
 // and each cache entry lies whole in the cache area behind the one before.
 // The texts of the messages in record order.
 Texts ImportFaults::folder(const std::string &user, const std::string &name, std::string *dir) {
-    std::string out, err, cmd = "timeout -s KILL 30 " + bin("showfolder") + " -m " + user + " " + name;
-    EXPECT_EQ(testutil::run_command(cmd, &out, &err), 0) << err;
+    std::string out, err;
+    EXPECT_EQ(inst.run("showfolder", "-m " + user + " " + name, &out, &err, 30), 0) << err;
     EXPECT_EQ(err, "") << user << " " << name;
     std::vector<std::string> files;
     unsigned shown = ~0u;
@@ -146,8 +120,8 @@ Texts ImportFaults::folder(const std::string &user, const std::string &name, std
 // times: after each kill the folder holds leading parts of the file, and
 // the next whole load adds the whole file.
 TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
-    std::string big = input("big.mbox", corpus(6));
-    Texts want = scan(testutil::read_file(big));
+    std::string big = input("big.mbox", corpus_all(6));
+    Texts want = scan_texts(testutil::read_file(big));
     ASSERT_GT(want.size(), 1600u);
     auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(testutil::wait_child(start("joe", "Whole", big)), 0);
@@ -197,18 +171,18 @@ TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
 // What was committed stays when the daemon dies and a new start recovers:
 // commits without a log sync must still reach the log file.
 TEST_F(ImportFaults, CommitsSurviveAKilledDaemon) {
-    std::string some = input("some.mbox", corpus(1));
+    std::string some = input("some.mbox", corpus_all(1));
     ASSERT_EQ(run("-u joe -d Made -s " + input("empty.mbox", "")), 0);
     ASSERT_EQ(run("-u joe -d Filled -s " + some), 0);
     inst.killStored();
     ASSERT_TRUE(inst.startStored());
     EXPECT_TRUE(folder("joe", "Made").empty());
-    EXPECT_EQ(folder("joe", "Filled"), scan(testutil::read_file(some)));
+    EXPECT_EQ(folder("joe", "Filled"), scan_texts(testutil::read_file(some)));
 }
 
 TEST_F(ImportFaults, TwoLoadersAtOnce) {
-    std::string a = input("a.mbox", corpus(2)), b = input("b.mbox", list + list + list);
-    Texts want = scan(corpus(2)), fromB = scan(list + list + list);  // each file on its own
+    std::string a = input("a.mbox", corpus_all(2)), b = input("b.mbox", list + list + list);
+    Texts want = scan_texts(corpus_all(2)), fromB = scan_texts(list + list + list);  // each file on its own
     want.insert(want.end(), fromB.begin(), fromB.end());
     std::sort(want.begin(), want.end());
     for (std::string user : {"ann", "bob", "cy"}) {
@@ -229,7 +203,7 @@ TEST_F(ImportFaults, BadInputLosesNothing) {
     const std::string F = "From a Tue Nov  5 10:20:30 2002\n", lck = inst.path("data/lock/partition.lck");
     std::string path = input("kept.mbox", list), dir, err, good, damaged;
     ASSERT_EQ(run("-u joe -d Kept -s " + path), 0);
-    Texts want = scan(list);
+    Texts want = scan_texts(list);
     ASSERT_TRUE(folder("joe", "Kept", &dir) == want);
     const std::string idx = dir + "/store.idx";
     const struct {
@@ -260,7 +234,7 @@ TEST_F(ImportFaults, BadInputLosesNothing) {
         EXPECT_EQ(run("-u joe -d Kept -s " + input("in.mbox", c.data), &err), 0) << c.what;
         EXPECT_NE(err.find(c.say), std::string::npos) << c.what << ": " << err;
         c.after();
-        Texts added = *c.say ? Texts() : scan(c.data);
+        Texts added = *c.say ? Texts() : scan_texts(c.data);
         for (const std::string &t : added) EXPECT_FALSE(t.empty()) << c.what;
         want.insert(want.end(), added.begin(), added.end());
         EXPECT_TRUE(folder("joe", "Kept") == want) << c.what;
@@ -282,8 +256,8 @@ TEST_F(ImportFaults, PartitionFillsUp) {
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     std::string part = fs.dir, err;
     inst.addConfig("store.partition.primary.path: " + part);
-    std::string big = input("big.mbox", corpus(3));
-    Texts first = scan(list), more = scan(testutil::read_file(big));
+    std::string big = input("big.mbox", corpus_all(3));
+    Texts first = scan_texts(list), more = scan_texts(testutil::read_file(big));
     ASSERT_EQ(run("-u joe -d Full -s " + input("list.mbox", list)), 0);
     EXPECT_EQ(run("-u joe -d Full -s " + big, &err), 0);  // -c y: on past each failure
     EXPECT_NE(err.find("No space left on device"), std::string::npos) << err.substr(0, 1000);

@@ -10,21 +10,12 @@
 
 namespace {
 
-struct Expected { std::string text; time_t date; unsigned status, xstatus; size_t offset; };
+using Expected = testutil::Scanned;
 
 // The messages of a mail file as the scanner cuts them; each must end its
 // lines in CRLF.
 std::vector<Expected> scan(const std::string &data) {
-    std::vector<Expected> r;
-    FromLine first;
-    if (!check_fromline(data.data(), data.data() + data.size(), &first)) return r;
-    auto add = [](void *rock, const ScannedMessage *m, int *) {
-        static_cast<std::vector<Expected> *>(rock)->push_back(
-            {std::string(m->text, m->size), m->internalDate, m->statusFlags, m->xStatusFlags, m->offset});
-        return 1;
-    };
-    ScanHooks hooks = {add, nullptr, &r, 0};
-    scan_messages(data.data(), data.size(), -1, &first, &hooks);
+    std::vector<Expected> r = testutil::scan_mbox(data);
     for (const Expected &e : r) {
         size_t crlf = 0;
         for (size_t p = 0; (p = e.text.find("\r\n", p)) != std::string::npos; p += 2) crlf++;
@@ -154,11 +145,8 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     std::string flagged = inst.path("flagged.mbox");
     testutil::write_file(flagged, with_flags(testutil::read_file(testutil::corpus_path("list-archive.mbox"))));
     // Over 1,000 messages in one folder: the record area grows four times.
-    std::string big = inst.path("big.mbox"), all;
-    for (int round = 0; round < 4; round++)
-        for (const char *f : {"list-archive.mbox", "kernel-list.mbox", "broken.mbox"})
-            all += testutil::read_file(testutil::corpus_path(f));
-    testutil::write_file(big, all);
+    std::string big = inst.path("big.mbox");
+    testutil::write_file(big, testutil::corpus_all(4));
     const struct {
         std::string path;
         const char *args, *folder;

@@ -27,14 +27,13 @@ uint32_t uidvalidity_of(const std::string &dir) {
 bool has_peruser(const char *name) { return testutil::db_has(userflagdb, name); }
 
 // Partition "spool" keeps its messages apart from its folder directories.
-class MailboxFiles : public ::testing::Test {
+class MailboxFiles : public testutil::StoreTest {
   protected:
     void SetUp() override {
         inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool") +
                        "\nstore.partition.spool.messagepath: " + inst.path("messages/spool"));
-        ASSERT_EQ(testutil::start_store("createtest"), 0);
+        StoreTest::SetUp();
     }
-    void TearDown() override { mboxlist_reset_for_tests(); }
     std::string dir(const char *name, const char *partition = "primary") {
         return testutil::folder_dir(name, partition);
     }
@@ -57,7 +56,6 @@ class MailboxFiles : public ::testing::Test {
         return mailbox_open_path(name, 0, partition, dir(name, partition).c_str(),
                                  mdir(name, partition).c_str(), "", auth_dontCheckAcl, mb);
     }
-    testutil::Instance inst;
 };
 
 // At each barrier: the size of "store.idx" of user/fred/new and whether

@@ -30,14 +30,11 @@ int keep(void *, const index_record *) { return 0; }
 int none(void *, const index_record *) { return -1; }
 int in_set(void *rock, const index_record *r) { return (int)((std::set<uint32_t> *)rock)->count(r->uid); }
 
-class Expunge : public ::testing::Test {
+class Expunge : public testutil::StoreTest {
   protected:
-    void SetUp() override {
-        inst.addConfig("local.msgtrace.active: yes");
-        ASSERT_EQ(testutil::start_store("expungetest"), 0);
-        mailbox_init_svclog_msgtrace("expungetest");
-    }
-    void TearDown() override { mailbox_close(&mb); mboxlist_reset_for_tests(); }
+    Expunge() : StoreTest("local.msgtrace.active: yes") {}
+    void SetUp() override { StoreTest::SetUp(), mailbox_init_svclog_msgtrace("expungetest"); }
+    void TearDown() override { mailbox_close(&mb), StoreTest::TearDown(); }
     // Opens a new user/<user> with n corpus messages delivered: uid i,
     // internaldate 1000000 + i.
     void make(const std::string &user, unsigned n, const char *partition = nullptr) {
@@ -63,7 +60,6 @@ class Expunge : public ::testing::Test {
         ASSERT_EQ(mboxlist_lookup(name.c_str(), &row, nullptr, nullptr, nullptr, nullptr), 0);
         EXPECT_TRUE(memcmp(&row, &file, sizeof row) == 0 && memcmp(&mb.mbd, &file, sizeof row) == 0);
     }
-    testutil::Instance inst;
     const std::vector<std::string> corpus = testutil::corpus_messages("list-archive.mbox");
     mailbox mb = zeromailbox;
     std::string name, dir;
@@ -203,9 +199,7 @@ TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
 TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
     testutil::Tmpfs fs(inst.path("small"), "size=2m,nr_inodes=64");
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
-    inst.addConfig("store.partition.small.path: " + fs.dir);
-    mboxlist_reset_for_tests();
-    ASSERT_EQ(testutil::start_store("expungetest"), 0);
+    restart("store.partition.small.path: " + fs.dir);
     make("small", 3, "small");
     std::string idx = dir + "/store.idx", old = read_file(idx);
     ino_t ino = inode_of(idx);

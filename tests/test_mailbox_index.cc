@@ -145,16 +145,8 @@ class MailboxIndex : public ::testing::Test {
         sync_set_observer(note_event);
     }
     void TearDown() override { sync_set_observer(nullptr); }
-    // What the log received since the last call.
-    std::string newlog() {
-        std::string all = testutil::read_file(inst_.path("log/store.log"));
-        std::string r = all.size() > mark_ ? all.substr(mark_) : "";
-        mark_ = all.size();
-        return r;
-    }
     testutil::Instance inst_;
     const std::string dir_ = inst_.path("partitions/primary/fred/box"), idx_ = dir_ + "/store.idx";
-    size_t mark_ = 0;
 };
 
 }  // namespace
@@ -245,7 +237,7 @@ TEST_F(MailboxIndex, VariableHeaderGrowsThroughIndexNew) {
         Handle r2(dir_, mode);
         EXPECT_TRUE(r2.read() == 0 && r2.mb.flagname[0] == nullptr && r2.mb.flagname[1] != nullptr);
         EXPECT_EQ(r2.mb.index_map->len, mode ? r2.mb.hdr.start_offset + 2 * INDEX_RECORD_SIZE : r2.mb.index_size);
-        EXPECT_EQ(newlog(), "");
+        EXPECT_EQ(inst_.newLog(), "");
     }
 }
 
@@ -278,13 +270,13 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
         testutil::write_file(idx_, c.bytes);
-        newlog();
+        inst_.newLog();
         EXPECT_EQ(Handle(dir_, c.mode).read(), IMAP_MAILBOX_BADFORMAT);
-        std::string log = newlog();  // one entry, naming the folder
+        std::string log = inst_.newLog();  // one entry, naming the folder
         EXPECT_TRUE(testutil::matches("^[^\n]* critical: [^\n]*user/fred/box\n$", log)) << log;
         if (c.repair == logs) continue;
         EXPECT_EQ(Handle(dir_, c.mode | OPEN_REPAIR).read(), c.repair);
-        EXPECT_EQ(newlog(), "");
+        EXPECT_EQ(inst_.newLog(), "");
     }
     // In repair mode a variable header error is no error.
     testutil::write_file(idx_, noacl.build());
@@ -310,15 +302,15 @@ TEST_F(MailboxIndex, PartlyCreatedEmptyFolderIsExtended) {
                 SCOPED_TRACE(std::to_string(reserve) + " " + std::to_string(mode) + " " +
                              std::to_string(cut));
                 testutil::write_file(idx_, full.substr(0, cut));
-                newlog();
+                inst_.newLog();
                 Handle h(dir_, mode);
                 ASSERT_EQ(h.read(), 0);
-                EXPECT_NE(newlog().find("notice: "), std::string::npos);
+                EXPECT_NE(inst_.newLog().find("notice: "), std::string::npos);
                 EXPECT_EQ(h.mb.index_size, f.cache_offset());
                 EXPECT_EQ(testutil::read_file(idx_), full);
                 EXPECT_STREQ(h.mb.acl, "fred\tlrswipcda\t");
                 EXPECT_EQ(Handle(dir_).read(), 0);
-                EXPECT_EQ(newlog(), "");
+                EXPECT_EQ(inst_.newLog(), "");
             }
         }
     }

@@ -1,8 +1,6 @@
 // Folder create and delete in the folder database: rights, limits, ACL
 // defaults, partitions, named locks, and the order of files and rows that
 // keeps a store whole when a process dies at any point.
-#include <sys/mount.h>
-
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -44,28 +42,17 @@ int create(const char *name, const char *userid, const auth_state *auth, const c
     return mboxlist_createmailbox(name, version, partition, userid, auth, NOQUOTA, NOQUOTA, 0, acl);
 }
 
-class MboxlistCreate : public ::testing::Test {
+class MboxlistCreate : public testutil::StoreTest {
   protected:
     void SetUp() override {
         inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool"));
-        ASSERT_EQ(testutil::start_store("createtest"), 0);
-        fred = auth_newstate("fred", nullptr, AUTH_ADMIN_NONE);
-        bob = auth_newstate("bob", nullptr, AUTH_ADMIN_NONE);
-        site = auth_newstate("root", nullptr, AUTH_ADMIN_SITE);
-        boss = auth_newstate("boss", nullptr, AUTH_ADMIN_TENANT);
+        StoreTest::SetUp();
     }
-    void TearDown() override {
-        mboxlist_reset_for_tests();
-        for (auth_state *a : {fred, bob, site, boss}) auth_freestate(a);
-    }
-    // Starts the store again with more configuration.
-    void restart(const std::string &config) {
-        mboxlist_reset_for_tests();
-        inst.addConfig(config);
-        ASSERT_EQ(testutil::start_store("createtest"), 0);
-    }
-    testutil::Instance inst;
-    auth_state *fred = nullptr, *bob = nullptr, *site = nullptr, *boss = nullptr;
+    ~MboxlistCreate() override { for (auth_state *a : {fred, bob, site, boss}) auth_freestate(a); }
+    auth_state *fred = auth_newstate("fred", nullptr, AUTH_ADMIN_NONE),
+               *bob = auth_newstate("bob", nullptr, AUTH_ADMIN_NONE),
+               *site = auth_newstate("root", nullptr, AUTH_ADMIN_SITE),
+               *boss = auth_newstate("boss", nullptr, AUTH_ADMIN_TENANT);
 };
 
 // One attempt: who creates or deletes what, with which outcome; for a
@@ -102,26 +89,12 @@ struct Creator {
 class FullDisk : public ::testing::Test {
   protected:
     void SetUp() override {
-        inst.addConfig("store.dbcachesize: 262144");
-        mkdir(dir.c_str(), 0700);
-        if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64m") != 0)
-            GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-        mounted = true;
+        if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     }
-    void TearDown() override {
-        mboxlist_reset_for_tests();
-        if (mounted) umount2(dir.c_str(), MNT_DETACH);
-    }
-    void fill() {
-        std::string block(4096, 'f');
-        int fd = open((dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        while (write(fd, block.data(), block.size()) > 0) {
-        }
-        close(fd);
-    }
-    testutil::Instance inst;
-    std::string dir = inst.path("data/store/mboxlist");
-    bool mounted = false;
+    void TearDown() override { mboxlist_reset_for_tests(); }
+    testutil::Instance inst{"store.dbcachesize: 262144"};
+    testutil::Tmpfs fs{inst.path("data/store/mboxlist"), "size=64m"};
+    const std::string &dir = fs.dir;
 };
 
 }  // namespace
@@ -349,7 +322,7 @@ TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
         // Commits don't write the log; the flush before the files go does,
         // and fails once it needs a page that the file system hasn't got.
         if (mboxlist_env()->log_flush(mboxlist_env(), nullptr) != 0) return 1;
-        fill();
+        fs.fill();
         for (const std::string &n : names) {
             int r = mboxlist_deletemailbox(n.c_str(), nullptr, auth_dontCheckAcl);
             char c = r == 0 ? '0' : r == IMAP_IOERROR ? 'E' : '?';

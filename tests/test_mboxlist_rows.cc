@@ -20,13 +20,7 @@ int cmp(const std::string &a, const std::string &b) {
 
 std::string key(const char *s) { return std::string(s, strlen(s) + 1); }
 
-// A store opened in this process through recovery.
-class OpenStore : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_EQ(testutil::start_store("rowtest"), 0); }
-    void TearDown() override { mboxlist_reset_for_tests(); }
-    testutil::Instance inst;
-};
+using OpenStore = testutil::StoreTest;
 
 }  // namespace
 
@@ -104,11 +98,7 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
 TEST(MboxlistFailedReads, AreNoMissingFolders) {
     testutil::Instance inst;
     ASSERT_TRUE(inst.startStored());
-    auto join = [] {
-        configmsg_reset();
-        return configmsg_init(nullptr, 16, "rowtest") == 0 &&
-               configmsg_initlog(nullptr, "rowtest") == 0 && mboxlist_init() == 0;
-    };
+    auto join = [] { return testutil::join_store("rowtest"); };
     auto lookup = [] { return mboxlist_lookup("user/bob", nullptr, nullptr, nullptr, nullptr, nullptr); };
     ASSERT_EQ(testutil::in_child([&] {
                   return join() && mboxlist_createmailbox("user/bob", MAILBOX_VERSION, nullptr, nullptr,

@@ -7,27 +7,8 @@
 
 namespace {
 
+using testutil::scan_mbox;
 const std::string F = "From a Tue Nov  5 10:20:30 2002\n";
-
-// A message as cut; its text is "<refused>" for one too large.
-struct Cut { std::string text; size_t size; time_t date; unsigned status, xstatus; size_t offset; };
-
-int collect(void *rock, const ScannedMessage *m, int *) {
-    EXPECT_TRUE(!m->text || m->text[m->size] == '\0');
-    static_cast<std::vector<Cut> *>(rock)->push_back(
-        {m->text ? std::string(m->text, m->size) : "<refused>", m->size, m->internalDate,
-         m->statusFlags, m->xStatusFlags, m->offset});
-    return m->text != nullptr;
-}
-
-std::vector<Cut> scan(const std::string &file, size_t maxSize = 0) {
-    std::vector<Cut> out;
-    FromLine first;
-    EXPECT_TRUE(check_fromline(file.data(), file.data() + file.size(), &first));
-    ScanHooks hooks = {collect, nullptr, &out, maxSize};
-    scan_messages(file.data(), file.size(), -1, &first, &hooks);
-    return out;
-}
 
 // The date of a separator line in a buffer of its exact size (a read
 // beyond it shows under the address sanitizer); -1 if it is no separator.
@@ -126,19 +107,15 @@ TEST(Scanner, CutsMessagesAndRewritesLineEnds) {
         {F + "Content-Length: 500\ncontent-length: -4\n\nx\n\n" + F + "\nb\n",
          {"Content-Length: 500\r\ncontent-length: -4\r\n\r\nx\r\n", "\nb\r\n"}},
     };
-    for (const auto &c : cases) {
-        std::vector<std::string> texts;
-        for (const Cut &cut : scan(c.file)) texts.push_back(cut.text);
-        EXPECT_EQ(texts, c.texts) << c.file;
-    }
+    for (const auto &c : cases) EXPECT_EQ(testutil::scan_texts(c.file), c.texts) << c.file;
     noContentLen = 1;
-    EXPECT_EQ(scan(cases[5].file).size(), 3u);
+    EXPECT_EQ(scan_mbox(cases[5].file).size(), 3u);
     noContentLen = 0;
     // Flags in any case, the last header of a kind counting, and dates.
     std::string file = F + "Status: RO\nX-Status: A\n\nx\n\nFrom b Tue Nov  5 10:20:31 2002\nstatus: D\n"
                            "x-status: r\n\n\nFrom c Tue Nov  5 10:20:30 2999\nStatus:R\nSTATUS: rd\n\n";
     time_t before = time(nullptr);
-    auto cuts = scan(file);
+    auto cuts = scan_mbox(file);
     ASSERT_EQ(cuts.size(), 3u);
     unsigned flags[] = {0x11, 0x02, 0x00};  // xstatus, status
     for (int i = 0; i < 3; i++) EXPECT_EQ(cuts[i].xstatus << 4 | cuts[i].status, flags[i]) << i;
@@ -177,12 +154,12 @@ TEST(Scanner, RefusesMessagesOverTheLimitExactly) {
     const std::string next = "Subject: next\n\nafter\n";
     for (const std::string &shape : shapes) {
         std::string file = F + shape + "\n" + F + next;
-        auto whole = scan(file);
+        auto whole = scan_mbox(file);
         ASSERT_EQ(whole.size(), 2u);
         size_t size = whole[0].size;
         ASSERT_GT(size, 8192u);
         for (size_t limit : {size, size - 1}) {
-            auto cuts = scan(file, limit);
+            auto cuts = scan_mbox(file, limit);
             ASSERT_EQ(cuts.size(), 2u) << limit;
             EXPECT_TRUE(cuts[0].text == (limit == size ? whole[0].text : "<refused>")) << shape.substr(0, 20);
             EXPECT_TRUE(cuts[0].size == size && cuts[0].offset == whole[0].offset) << shape.substr(0, 20);
@@ -190,6 +167,6 @@ TEST(Scanner, RefusesMessagesOverTheLimitExactly) {
         }
     }
     // Past the limit by the blank line that a header-only message gets.
-    auto cuts = scan(F + "Subject: x\n", 12);
+    auto cuts = scan_mbox(F + "Subject: x\n", 12);
     EXPECT_TRUE(cuts.size() == 1 && cuts[0].text == "<refused>");
 }

@@ -18,9 +18,7 @@ namespace {
 
 // Joins the store as a short-lived process would, in a forked child.
 void join_store(const char *name) {
-    configmsg_reset();
-    if (configmsg_init(nullptr, 16, name) != 0 || configmsg_initlog(nullptr, name) != 0) _exit(90);
-    if (mboxlist_init() != 0) _exit(91);
+    if (!testutil::join_store(name)) _exit(90);
 }
 
 // Writes one row of an empty folder under txn; the library's result.
@@ -254,9 +252,9 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     EXPECT_EQ(inst.stopStored(), 0);
     ASSERT_EQ(run_command("rm '" + fs.dir + "'/mboxlist/log.*"), 0);
     ASSERT_EQ(mount(nullptr, fs.dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    size_t mark = read_file(inst.path("log/store.log")).size();
+    inst.newLog();
     EXPECT_TRUE(!inst.startStored() && inst.storedStatus() == 75) << inst.storedStatus();
-    std::string log = read_file(inst.path("log/store.log")).substr(mark);
+    std::string log = inst.newLog();
     EXPECT_NE(log.find("cannot start: Read-only file system while repairing"), std::string::npos) << log;
     EXPECT_FALSE(testutil::matches("Removing database (and|before)|Recovering", log)) << log;
     ASSERT_EQ(mount(nullptr, fs.dir.c_str(), nullptr, MS_REMOUNT, nullptr), 0);

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "import/importmail.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist_create.h"
 #include "support/lock.h"
@@ -130,6 +131,13 @@ int Instance::waitStored(int seconds) {
         }
     }
     return storedStatus_;
+}
+
+std::string Instance::newLog() {
+    std::string all = read_file(path("log/store.log"));
+    std::string r = all.size() > logSeen_ ? all.substr(logSeen_) : "";
+    logSeen_ = all.size();
+    return r;
 }
 
 int Instance::stopStored() {
@@ -281,6 +289,11 @@ int start_store(const char *prog) {
     return mboxlist_recover() == 0 ? 0 : -1;
 }
 
+bool join_store(const char *prog) {
+    configmsg_reset();
+    return configmsg_init(nullptr, 16, prog) == 0 && configmsg_initlog(nullptr, prog) == 0 && mboxlist_init() == 0;
+}
+
 std::string folder_dir(const char *name, const char *partition) {
     char path[MBOXLIST_PATH_BUFFER], mpath[MBOXLIST_PATH_BUFFER];
     return mboxlist_getpath(name, partition, path, mpath) == 0 ? path : "";
@@ -380,15 +393,39 @@ bool lockable_by_other(const std::string &path) {
            }) == 0;
 }
 
+static int add_scanned(void *rock, const ScannedMessage *m, int *) {
+    if (m->text && m->text[m->size] != '\0') ADD_FAILURE() << "message at " << m->offset << " not NUL-terminated";
+    static_cast<std::vector<Scanned> *>(rock)->push_back(
+        {m->text ? std::string(m->text, m->size) : "<refused>", m->size, m->internalDate, m->statusFlags,
+         m->xStatusFlags, m->offset});
+    return m->text != nullptr;
+}
+
+std::vector<Scanned> scan_mbox(const std::string &data, size_t max_size) {
+    std::vector<Scanned> out;
+    FromLine first;
+    if (!check_fromline(data.data(), data.data() + data.size(), &first)) return out;
+    ScanHooks hooks = {add_scanned, nullptr, &out, max_size};
+    scan_messages(data.data(), data.size(), -1, &first, &hooks);
+    return out;
+}
+
+std::vector<std::string> scan_texts(const std::string &data) {
+    std::vector<std::string> texts;
+    for (const Scanned &m : scan_mbox(data)) texts.push_back(m.text);
+    return texts;
+}
+
+std::string corpus_all(int times) {
+    std::string all;
+    for (int i = 0; i < times; i++)
+        for (const char *f : {"list-archive.mbox", "kernel-list.mbox", "broken.mbox"})
+            all += read_file(corpus_path(f));
+    return all;
+}
+
 std::vector<std::string> corpus_messages(const std::string &name) {
-    std::vector<std::string> msgs;
-    std::string s = read_file(corpus_path(name));
-    for (size_t p = 0, q = 0; q != std::string::npos; p = q + 2) {
-        size_t start = s.find('\n', p) + 1;
-        q = s.find("\n\nFrom ", start);
-        msgs.push_back(crlf(s.substr(start, q == std::string::npos ? q : q + 1 - start)));
-    }
-    return msgs;
+    return scan_texts(read_file(corpus_path(name)));
 }
 
 std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd) {

@@ -71,9 +71,12 @@ class Instance {
     // Waits up to seconds for the daemon to end by itself: its exit status, or -1.
     int waitStored(int seconds);
     int storedStatus() const { return storedStatus_; }
+    // What the instance's log received since the last call.
+    std::string newLog();
 
   private:
     TempDir tmp_;
+    size_t logSeen_ = 0;
     int storedPid_ = -1;
     int storedStatus_ = -1;
 };
@@ -175,6 +178,26 @@ ino_t inode_of(const std::string &path);  // 0 if stat fails
 
 // Brings the store up in this process as the daemon does, as program prog. 0 or -1.
 int start_store(const char *prog);
+// Joins a store that the daemon runs as a short-lived program does
+// (configuration, log, folder database); false if a step fails.
+bool join_store(const char *prog);
+
+// A store brought up in this process by start_store on an instance of its
+// own with the configuration lines given; the folder database is left in
+// TearDown, before the instance goes.
+class StoreTest : public ::testing::Test {
+  protected:
+    explicit StoreTest(const std::string &config = "") : inst(config) {}
+    void SetUp() override { ASSERT_EQ(start_store("storetest"), 0); }
+    void TearDown() override { mboxlist_reset_for_tests(); }
+    // Starts the store again with more configuration lines.
+    void restart(const std::string &config) {
+        mboxlist_reset_for_tests();
+        inst.addConfig(config);
+        ASSERT_EQ(start_store("storetest"), 0);
+    }
+    Instance inst;
+};
 
 // The directory of a folder on a partition as the folder database names it, or "".
 std::string folder_dir(const char *name, const char *partition = "primary");
@@ -203,8 +226,16 @@ void make_folder(const char *name, const std::string &dir, const char *acl,
 // Whether another process can take the index lock of the file at path now.
 bool lockable_by_other(const std::string &path);
 
-// The messages of a corpus file as a delivery stores them: without their
-// separator lines, with CRLF line ends.
+// A message as the scanner cuts it for delivery (CRLF line ends, no
+// separator line); its text is "<refused>" if it is larger than max_size.
+struct Scanned { std::string text; size_t size; time_t date; unsigned status, xstatus; size_t offset; };
+// The messages of a mail file as the scanner cuts them (max_size 0: no
+// limit); none if the file doesn't begin with a separator line.
+std::vector<Scanned> scan_mbox(const std::string &data, size_t max_size = 0);
+std::vector<std::string> scan_texts(const std::string &data);  // their texts only
+
+// The three corpus files one behind the other, times over; the messages of one.
+std::string corpus_all(int times = 1);
 std::vector<std::string> corpus_messages(const std::string &name);
 
 // A record of "store.idx" and the bytes of its cache entry (the 11 items).
