@@ -10,10 +10,7 @@
 
 namespace {
 
-using testutil::file_exists;
-using testutil::message_file;
-using testutil::read_file;
-using testutil::write_file;
+using namespace testutil;
 
 // The per-user text of user in the open folder mb.
 std::string peruser(mailbox *mb, const char *user) {

@@ -7,7 +7,7 @@
 
 namespace {
 
-using testutil::be32;
+using namespace testutil;
 
 std::string bytes_of(const Vdata &v) {
     return v.data ? std::string((const char *)v.data, v.size) : std::string();

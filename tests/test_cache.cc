@@ -6,9 +6,7 @@
 
 namespace {
 
-using testutil::be32;
-using testutil::be32_at;
-using testutil::crlf;
+using namespace testutil;
 
 const std::string kPlain = "(\"TEXT\" \"PLAIN\" (\"CHARSET\" \"us-ascii\") NIL NIL \"7BIT\" ";
 

@@ -12,8 +12,7 @@
 namespace {
 
 using Texts = std::vector<std::string>;
-using testutil::corpus_all;
-using testutil::scan_texts;
+using namespace testutil;
 const std::string list = testutil::read_file(testutil::corpus_path("list-archive.mbox"));
 
 // Whether texts is leading parts of want, one behind the other; *tail gets

@@ -11,10 +11,7 @@
 
 namespace {
 
-using testutil::deliver;
-using testutil::file_exists;
-using testutil::file_size;
-using testutil::inode_of;
+using namespace testutil;
 
 // The uidvalidity in the index of the folder at dir (0 if unreadable).
 uint32_t uidvalidity_of(const std::string &dir) {

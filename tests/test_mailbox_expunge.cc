@@ -11,10 +11,7 @@
 
 namespace {
 
-using testutil::file_exists;
-using testutil::inode_of;
-using testutil::read_file;
-using testutil::write_file;
+using namespace testutil;
 
 // The records of the folder at dir by uid, each with its cache entry.
 std::map<uint32_t, testutil::IndexEntry> entries(const std::string &dir, mboxdata *mbd = nullptr) {

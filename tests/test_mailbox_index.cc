@@ -15,9 +15,7 @@
 
 namespace {
 
-using testutil::be32;
-using testutil::file_exists;
-using testutil::file_size;
+using namespace testutil;
 using Events = std::vector<std::string>;
 
 template <typename T>

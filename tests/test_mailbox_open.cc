@@ -17,11 +17,7 @@ extern "C" int syncfs(int fd) { return n_syncfs++, (int)syscall(SYS_syncfs, fd);
 
 namespace {
 
-using testutil::folder_dir;
-using testutil::lockable_by_other;
-using testutil::put_row;
-using testutil::read_byte;
-using testutil::send_byte;
+using namespace testutil;
 
 // A handle as zeromailbox leaves it.
 bool is_zero(const mailbox &mb) {

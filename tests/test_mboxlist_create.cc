@@ -12,9 +12,7 @@
 
 namespace {
 
-using testutil::file_exists;
-using testutil::folder_dir;
-using testutil::has_row;
+using namespace testutil;
 
 const uint32_t NOQUOTA = QUOTA_UNLIMITED;
 

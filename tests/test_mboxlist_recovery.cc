@@ -4,7 +4,7 @@
 // recovery of the first open.
 #include "tests/testutil.h"
 
-using testutil::Instance;
+using namespace testutil;
 
 namespace {
 

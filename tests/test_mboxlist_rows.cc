@@ -3,7 +3,7 @@
 #include "store/mboxlist_create.h"
 #include "tests/testutil.h"
 
-using testutil::db_put;
+using namespace testutil;
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 namespace {
 
-using testutil::crlf;
+using namespace testutil;
 
 // A message parsed into its tree.
 struct Tree {

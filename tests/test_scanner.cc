@@ -7,7 +7,7 @@
 
 namespace {
 
-using testutil::scan_mbox;
+using namespace testutil;
 const std::string F = "From a Tue Nov  5 10:20:30 2002\n";
 
 // The date of a separator line in a buffer of its exact size (a read

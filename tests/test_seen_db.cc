@@ -6,7 +6,7 @@
 #include "support/lock.h"
 #include "tests/testutil.h"
 
-using testutil::take;
+using namespace testutil;
 using Keys = std::vector<std::string>;
 
 namespace {

@@ -9,17 +9,9 @@
 #include "support/watch.h"
 #include "tests/testutil.h"
 
-using testutil::Instance;
-using testutil::in_child;
-using testutil::read_file;
-using testutil::run_command;
+using namespace testutil;
 
 namespace {
-
-// Joins the store as a short-lived process would, in a forked child.
-void join_store(const char *name) {
-    if (!testutil::join_store(name)) _exit(90);
-}
 
 // Writes one row of an empty folder under txn; the library's result.
 int put_folder(const std::string &name, DB_TXN *txn) {
@@ -56,7 +48,7 @@ int commit_rows(const std::string &prefix, int n, const char *first = nullptr,
 // How many of the rows prefix0 .. prefix(n-1) (n < 250) a fresh client finds.
 int rows_found(const std::string &prefix, int n) {
     return in_child([&] {
-        join_store("reader");
+        if (!join_store("reader")) return 90;
         int found = 0;
         for (int i = 0; i < n; i++) found += testutil::has_row((prefix + std::to_string(i)).c_str());
         return found;
@@ -109,7 +101,7 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
     pid_t clients[4];
     for (pid_t &pid : clients) {
         pid = testutil::spawn([&] {
-            join_store("client");
+            if (!join_store("client")) return 90;
             testutil::send_byte(p.w, 'j');
             return pause();
         });
@@ -136,7 +128,7 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
     pid_t writers[2];
     for (int w = 0; w < 2; w++)
         writers[w] = testutil::spawn([w] {
-            join_store("writer");
+            if (!join_store("writer")) return 90;
             return commit_rows(w ? "user/wb" : "user/wa", 150, w ? "user/shared1" : "user/shared0",
                                w ? "user/shared0" : "user/shared1");
         });
@@ -144,7 +136,7 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
     // A writer killed with a transaction open: what it committed stays.
     testutil::Pipe p;
     pid_t writer = testutil::spawn([&] {
-        join_store("writer");
+        if (!join_store("writer")) return 90;
         if (commit_rows("user/c", 200) != 0) return 95;
         DB_TXN *open_txn;
         if (mboxlist_trans_setup(&open_txn, "test", "user/open")) return 97;
@@ -230,7 +222,7 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     // Committed and in the log, but their pages are still in the cache.
     ASSERT_EQ(in_child([] {
-                  join_store("writer");
+                  if (!join_store("writer")) return 90;
                   int r = commit_rows("user/keep", 250);
                   return r ? r : mboxlist_env()->log_flush(mboxlist_env(), nullptr);
               }),

@@ -6,9 +6,7 @@
 #include "support/log.h"
 #include "tests/testutil.h"
 
-using testutil::matches;
-using testutil::split_lines;
-using testutil::take;
+using namespace testutil;
 
 static std::string str(const char *s) { return s ? s : "<null>"; }
 

@@ -11,10 +11,7 @@
 #include "support/lock.h"
 #include "tests/testutil.h"
 
-using testutil::Pipe;
-using testutil::read_byte;
-using testutil::spawn;
-using testutil::wait_child;
+using namespace testutil;
 
 namespace {
 

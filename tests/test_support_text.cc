@@ -6,7 +6,7 @@
 
 namespace {
 
-using testutil::take;
+using namespace testutil;
 
 std::string decode(const char *text) { return take(charset_decode1522(text, nullptr, 0)); }
 
