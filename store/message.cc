@@ -16,6 +16,9 @@
 #include <string.h>
 #include <strings.h>
 #include <unistd.h>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "store/imap_err.h"
 #include "store/mailbox.h"
@@ -105,6 +108,41 @@ struct param *new_param(char *attribute, char *value) {
     p->attribute = attribute;
     p->value = value;
     return p;
+}
+
+// The number of LF bytes in text[0..len); *dot is set when a line of the
+// text (the first, or one behind an LF) begins with ".". One pass over a
+// body, 16 bytes at a time where the machine has SSE2, instead of a search
+// call per line.
+size_t count_lines(const char *text, size_t len, int32_t *dot) {
+    size_t n = 0, i = 0;
+    if (len && text[0] == '.') *dot = 1;
+#ifdef __SSE2__
+    const __m128i lf = _mm_set1_epi8('\n'), period = _mm_set1_epi8('.');
+    __m128i dots = _mm_setzero_si128();
+    // Byte counters of LF, summed before any can pass 255.
+    while (len - i > 16) {
+        size_t rounds = (len - i - 1) / 16;
+        if (rounds > 255) rounds = 255;
+        __m128i counts = _mm_setzero_si128();
+        for (size_t r = 0; r < rounds; r++, i += 16) {
+            __m128i here = _mm_loadu_si128((const __m128i *)(text + i));
+            __m128i after = _mm_loadu_si128((const __m128i *)(text + i + 1));
+            __m128i isLf = _mm_cmpeq_epi8(here, lf);
+            counts = _mm_sub_epi8(counts, isLf);
+            dots = _mm_or_si128(dots, _mm_and_si128(isLf, _mm_cmpeq_epi8(after, period)));
+        }
+        __m128i sums = _mm_sad_epu8(counts, _mm_setzero_si128());
+        n += (size_t)_mm_cvtsi128_si32(sums) + (size_t)_mm_extract_epi16(sums, 4);
+    }
+    if (_mm_movemask_epi8(dots)) *dot = 1;
+#endif
+    for (; i < len; i++) {
+        if (text[i] != '\n') continue;
+        n++;
+        if (i + 1 < len && text[i + 1] == '.') *dot = 1;
+    }
+    return n;
 }
 
 // Copies a line of the message into buffer: up to and including the next
@@ -608,11 +646,8 @@ int message_parse_headers(struct msgrange *msg, struct body *body, const char *d
 
     body->content_offset = msg->offset;
     body->header_size = (uint32_t)(used - 1);
-    int32_t lines = 0;
-    for (const char *p = buf; (p = (const char *)memchr(p, '\n', (size_t)(buf + used - p)));
-         p++)
-        lines++;
-    body->header_lines = lines - 1;
+    int32_t ignored = 0;
+    body->header_lines = (int32_t)count_lines(buf, used, &ignored) - 1;
 
     message_scan_fields(buf, used, body);
     if (!body->type) message_default_type(default_type, body);
@@ -629,6 +664,14 @@ void message_parse_content(struct msgrange *msg, struct body *body,
     uint32_t offset = msg->offset;
     uint32_t size = body->content_size;
     uint32_t lines = body->content_lines;
+    if (boundaries->count == 0 && offset < len) {
+        // No delimiter can end this content: it runs to the end of the
+        // message, and its lines are counted without walking them one by one.
+        size_t avail = len - offset;
+        size += (uint32_t)avail;
+        lines += (uint32_t)count_lines(base + offset, avail, &body->dotlines);
+        offset = len;
+    }
     while (offset < len) {
         const char *line = base + offset;
         size_t avail = len - offset;

@@ -36,26 +36,37 @@
 
 namespace {
 
+// A growing text. The first bytes live in the structure itself, so the
+// short texts of ordinary addresses never touch the heap; an sbuf is
+// therefore never copied.
 struct sbuf {
     char *p;
     size_t len;
     size_t cap;
     int set;  // something has been stored, possibly an empty text
+    char small[96];
 };
 
 void sb_init(sbuf *b)
 {
-    b->p = NULL;
-    b->len = b->cap = 0;
+    b->p = b->small;
+    b->len = 0;
+    b->cap = sizeof b->small;
     b->set = 0;
+    b->small[0] = '\0';
 }
 
 void sb_add(sbuf *b, const char *s, size_t n)
 {
     if (b->len + n + 1 > b->cap) {
-        size_t want = b->cap ? b->cap * 2 : 64;
+        size_t want = b->cap * 2;
         while (want < b->len + n + 1) want *= 2;
-        b->p = (char *)xrealloc(b->p, want);
+        if (b->p == b->small) {
+            b->p = (char *)xmalloc(want);
+            memcpy(b->p, b->small, b->len);
+        } else {
+            b->p = (char *)xrealloc(b->p, want);
+        }
         b->cap = want;
     }
     memcpy(b->p + b->len, s, n);
@@ -70,12 +81,12 @@ void sb_clear(sbuf *b)
 {
     b->len = 0;
     b->set = 0;
-    if (b->p) b->p[0] = '\0';
+    b->p[0] = '\0';
 }
 
 void sb_free(sbuf *b)
 {
-    free(b->p);
+    if (b->p != b->small) free(b->p);
     sb_init(b);
 }
 
@@ -249,9 +260,10 @@ void emit(parser *p, const sbuf *name, const sbuf *route, const sbuf *mailbox,
     size_t total = 0;
     for (int k = 0; k < 4; k++)
         if (parts[k] && parts[k]->set) total += parts[k]->len + 1;
-    struct address *a = (struct address *)xcalloc(1, sizeof(*a));
-    char *store = (char *)xmalloc(total ? total : 1);
-    a->freeme = store;
+    // The record and its strings are one block.
+    struct address *a = (struct address *)xmalloc(sizeof(*a) + total);
+    memset(a, 0, sizeof(*a));
+    char *store = (char *)(a + 1);
     char **fields[4] = {&a->name, &a->route, &a->mailbox, &a->domain};
     for (int k = 0; k < 4; k++) {
         if (!parts[k] || !parts[k]->set) continue;
@@ -502,7 +514,6 @@ void parseaddr_free(struct address *list)
 {
     while (list) {
         struct address *next = list->next;
-        free(list->freeme);
         free(list);
         list = next;
     }

@@ -8,12 +8,12 @@ struct address {
     char *mailbox;  // local part, or the group name at a group start
     char *domain;   // null at group start and end; "" for an address without one
     struct address *next;
-    char *freeme;   // storage of the strings above
-};
+};  // each record is one allocation with its strings behind it
 
 // Parses the field starting at text, stopping at a line end that no white
 // space follows, and appends the addresses to *list.
 void parseaddr_list(const char *text, struct address **list);
+// Frees the records of list, with their strings.
 void parseaddr_free(struct address *list);
 
 #endif
