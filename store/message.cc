@@ -508,6 +508,16 @@ const header_field header_fields[] = {
 #undef FIELD
 const size_t NFIELDS = sizeof(header_fields) / sizeof(header_fields[0]);
 
+// Whether text begins with name (lower-case) in any case. Only letters
+// fold: a CR is no "-". Stops at a NUL of text, which no name holds.
+inline bool is_field_name(const char *text, const char *name, size_t len) {
+    for (size_t k = 0; k < len; k++) {
+        char c = text[k], want = name[k];
+        if (c != want && !(want >= 'a' && want <= 'z' && (c | 0x20) == want)) return false;
+    }
+    return true;
+}
+
 // Walks the header copy: every line start that names a known field hands
 // the text behind its colon to the field's parser. A field that occurs
 // again adds its addresses behind those of the first; tails[i] is where
@@ -519,10 +529,11 @@ void message_scan_fields(const char *buf, size_t used, struct body *body) {
         const char *s = lf + 1;
         lf = (const char *)memchr(s, '\n', (size_t)(end - s));
         if (*s == '.') body->dotlines = 1;
+        const char first = (char)(*s | 0x20);
         for (size_t i = 0; i < NFIELDS; i++) {
             const header_field *f = &header_fields[i];
-            if ((*s | 0x20) != f->name[0] || strncasecmp(s + 1, f->name + 1, f->len - 1) != 0)
-                continue;
+            if (f->name[0] > first) break;  // the table is in name order
+            if (f->name[0] != first || !is_field_name(s + 1, f->name + 1, f->len - 1)) continue;
             const char *text = s + f->len;
             void *member = (char *)body + f->offset;
             switch (f->kind) {
