@@ -19,7 +19,7 @@ std::string peruser(mailbox *mb, const char *user) {
     seen_open(mb, user, &h);
     int r = seen_lockread(h, nullptr, nullptr, nullptr, &text);
     seen_close(h);
-    return r ? "error" : testutil::take(text);
+    return r ? "error" : take(text);
 }
 
 // At each barrier (before a header that counts messages is written): the
@@ -45,7 +45,7 @@ appendmsg desc(const std::string &text, unsigned flags = APPENDMSG_STATIC, char 
     return m;
 }
 
-class Append : public testutil::StoreTest {
+class Append : public StoreTest {
   protected:
     void SetUp() override { restart(""); }
     void TearDown() override { mailbox_close(&mb), mailbox_close(&mb2), StoreTest::TearDown(); }
@@ -56,7 +56,7 @@ class Append : public testutil::StoreTest {
         if (base.empty()) base = read_file(inst.path("config/store.conf"));
         write_file(inst.path("config/store.conf"), base + extra);
         StoreTest::SetUp();
-        if (!testutil::has_row("user/fred")) create("user/fred");
+        if (!has_row("user/fred")) create("user/fred");
     }
     void create(const char *name, const char *partition = nullptr, uint32_t kb = QUOTA_UNLIMITED,
                 uint32_t msgs = QUOTA_UNLIMITED, const char *acl = nullptr) {
@@ -87,7 +87,7 @@ class Append : public testutil::StoreTest {
 // flags are in before each header that counts them. (Records and cache
 // entries of real mail are checked end to end by the importmail tests.)
 TEST_F(Append, UidsHeaderTextsAndSeenFlagsBeforeEachHeader) {
-    std::vector<std::string> msgs = testutil::corpus_messages("kernel-list.mbox");
+    std::vector<std::string> msgs = corpus_messages("kernel-list.mbox");
     ASSERT_EQ(msgs.size(), 210u);
     ASSERT_EQ(begin("user/fred"), 0);
     mkdir((std::string(mb.mpath) + "/00").c_str(), 0777);
@@ -112,7 +112,7 @@ TEST_F(Append, UidsHeaderTextsAndSeenFlagsBeforeEachHeader) {
     sync_set_observer(nullptr);
     msgs[7] = prefix.base + msgs[7];
     mboxdata mbd;
-    std::vector<testutil::IndexEntry> got = testutil::index_entries(mb.path, &mbd);
+    std::vector<IndexEntry> got = index_entries(mb.path, &mbd);
     ASSERT_EQ(got.size(), 210u);
     for (size_t i = 0; i < got.size(); i++) {
         const index_record &r = got[i].rec;
@@ -159,7 +159,7 @@ TEST_F(Append, FlagsAndUserFlagNames) {
     ASSERT_EQ(put("Subject: d\r\n\r\n", {"\\seen", "\\deleted", "\\answered", "Work"}), 0);
     append_finish(&as), mailbox_close(&mb);
     ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
-    std::vector<testutil::IndexEntry> e = testutil::index_entries(mb.path);
+    std::vector<IndexEntry> e = index_entries(mb.path);
     ASSERT_EQ(e.size(), 98u);
     auto flags = [&](int i) { return e[i].rec.system_flags & 0xFF; };
     EXPECT_EQ(flags(0), FLAG_ANSWERED | FLAG_FLAGGED | FLAG_DRAFT | FLAG_NODOTS_CRLF);
@@ -287,7 +287,7 @@ TEST_F(Append, StreamRepairsAndRefusals) {
         if (!r) sizes.push_back(c.stored.size());
     }
     append_finish(&as);
-    std::vector<testutil::IndexEntry> e = testutil::index_entries(mb.path);
+    std::vector<IndexEntry> e = index_entries(mb.path);
     ASSERT_EQ(e.size(), sizes.size());
     for (size_t i = 0; i < e.size(); i++) EXPECT_EQ(e[i].rec.size, sizes[i]);
 }
@@ -297,12 +297,12 @@ TEST_F(Append, OneFileForTwoFolders) {
     create("user/fred/other");
     ASSERT_EQ(begin("user/fred"), 0);
     ASSERT_EQ(begin("user/fred/other", 0, auth_dontCheckAcl, 0, &as2, &mb2), 0);
-    std::string text = testutil::corpus_messages("list-archive.mbox")[0];
+    std::string text = corpus_messages("list-archive.mbox")[0];
     appendmsg *m = new (malloc(sizeof(appendmsg))) appendmsg(desc(text, 0));  // freed by append_freemsg
     m->singlecopy_key = "primary";
     for (append_state *s : {&as, &as2}) ASSERT_EQ(append_msg(s, m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
     EXPECT_EQ(read_file(message_file(mb2, 1)), text);
-    EXPECT_EQ(testutil::inode_of(message_file(mb, 1)), testutil::inode_of(message_file(mb2, 1)));
+    EXPECT_EQ(inode_of(message_file(mb, 1)), inode_of(message_file(mb2, 1)));
     EXPECT_EQ(std::string(append_locate_singlecopy(m, "primary")), message_file(mb, 1));
     append_freemsg(m), append_finish(&as), append_finish(&as2);
 }
@@ -313,7 +313,7 @@ TEST_F(Append, OneFileForTwoFolders) {
 // A message whose file lies on another file system is copied. Partition
 // "small" lies on a tmpfs of its own.
 TEST_F(Append, FailedMessagesLeaveNoTrace) {
-    testutil::Tmpfs fs(inst.path("small"), "size=2m");
+    Tmpfs fs(inst.path("small"), "size=2m");
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     restart("store.partition.small.path: " + fs.dir + "\n");
     create("user/sm", "small");
@@ -321,7 +321,7 @@ TEST_F(Append, FailedMessagesLeaveNoTrace) {
     ASSERT_EQ(put("Subject: 1\r\n\r\none\r\n"), 0);
     const std::string idx = std::string(mb.path) + "/store.idx", flag(200, 'f'), text = "Subject: 2\r\n\r\ntwo\r\n";
     const mboxdata before = mb.mbd;
-    const off_t idxsize = testutil::file_size(idx);
+    const off_t idxsize = file_size(idx);
     int filler = open((fs.dir + "/filler").c_str(), O_CREAT | O_WRONLY, 0666);
     for (size_t chunk : {65536, 4096})
         for (std::string block(chunk, 'x'); write(filler, block.data(), chunk) == (ssize_t)chunk;) {}
@@ -333,7 +333,7 @@ TEST_F(Append, FailedMessagesLeaveNoTrace) {
         EXPECT_EQ(round == 1 ? ftruncate(filler, full - 8192) : 0, 0);
         EXPECT_EQ(put(text, {flag.c_str()}), IMAP_IOERROR);
         EXPECT_FALSE(file_exists(message_file(mb, 2)));
-        EXPECT_EQ(testutil::file_size(idx), idxsize);
+        EXPECT_EQ(file_size(idx), idxsize);
         EXPECT_EQ(memcmp(&mb.mbd, &before, sizeof before), 0);
         EXPECT_TRUE(as.added_messages == 1 && mb.flagname[0] == nullptr);
     }
@@ -346,10 +346,10 @@ TEST_F(Append, FailedMessagesLeaveNoTrace) {
     ASSERT_EQ(append_msg(&as, &m, 1000, nullptr, 0, nullptr, 0, 0, 0, 0), 0);
     append_finish(&as);
     mboxdata mbd;
-    std::vector<testutil::IndexEntry> e = testutil::index_entries(mb.path, &mbd);
+    std::vector<IndexEntry> e = index_entries(mb.path, &mbd);
     ASSERT_EQ(e.size(), 3u);
     EXPECT_TRUE(e[1].rec.uid == 2 && e[1].rec.user_flags[0] == 1 && mbd.last_uid == 3);
     EXPECT_EQ(read_file(message_file(mb, 2)), text);
     EXPECT_EQ(read_file(message_file(mb, 3)), three);
-    EXPECT_NE(testutil::inode_of(message_file(mb, 3)), testutil::inode_of(outside));
+    EXPECT_NE(inode_of(message_file(mb, 3)), inode_of(outside));
 }

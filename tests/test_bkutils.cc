@@ -67,6 +67,6 @@ TEST(Vdata, PackedListsAndCopies) {
 TEST(Helpers, TimeTextIsLocal) {
     char buf[64];
     EXPECT_EQ(nullptr, time2str(0, nullptr));
-    testutil::ScopedTZ tz("EST5");  // local time, not Universal Time
+    ScopedTZ tz("EST5");  // local time, not Universal Time
     EXPECT_STREQ("Wed, 31 Dec 1969 19:00:00\n", time2str(0, buf));
 }

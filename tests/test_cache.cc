@@ -39,7 +39,7 @@ class CacheFile {
     static const uint32_t kCacheOffset = 100;
     CacheFile() {
         path_ = tmp_.file("store.idx");
-        testutil::write_file(path_, std::string(kCacheOffset, 'h'));
+        write_file(path_, std::string(kCacheOffset, 'h'));
         memset(&mb_, 0, sizeof(mb_));
         mb_.index_fd = open(path_.c_str(), O_RDWR);
         mb_.name = (char *)"user/joe/box";
@@ -48,8 +48,7 @@ class CacheFile {
     ~CacheFile() { close(mb_.index_fd); }
 
     // Delivers text from an exact-size heap copy; the record ends the file.
-    Delivery deliver(const std::string &text, const char *cache_text = nullptr,
-                     uint32_t flags = 0) {
+    Delivery deliver(const std::string &text, const char *cache_text = nullptr, uint32_t flags = 0) {
         Delivery d;
         memset(&d.record, 0, sizeof(d.record));
         d.record.system_flags = flags;
@@ -60,7 +59,7 @@ class CacheFile {
         free(copy);
         if (d.rc != 0) return d;
         EXPECT_EQ(d.record.rec_cache_offset, (uint32_t)(before - kCacheOffset));
-        std::string file = testutil::read_file(path_);
+        std::string file = read_file(path_);
         EXPECT_EQ(walk(file, kCacheOffset + d.record.rec_cache_offset, &d.items), file.size());
         return d;
     }
@@ -68,7 +67,7 @@ class CacheFile {
     const std::string &path() const { return path_; }
 
   private:
-    testutil::TempDir tmp_;
+    TempDir tmp_;
     std::string path_;
     struct mailbox mb_;
 };
@@ -134,8 +133,7 @@ size_t walk_section(const std::string &s, size_t off, size_t len = SIZE_MAX, int
 
 TEST(MessageCache, SinglePartItems) {
     CacheFile cf;
-    const std::string msg = crlf(
-        "From: Joe User <Joe@Example.COM>\nTo: Ann <ann@x.org>\nSubject: Test\n"
+    const std::string msg = crlf("From: Joe User <Joe@Example.COM>\nTo: Ann <ann@x.org>\nSubject: Test\n"
         "Date: Fri, 3 Jan 2003 10:00:00 +0100\nMessage-ID: <m1@x>\n\nHello world\n");
     Delivery d = cf.deliver(msg, "caller {text}");
     ASSERT_EQ(d.rc, 0);
@@ -153,8 +151,7 @@ TEST(MessageCache, SinglePartItems) {
     // An empty message: the next record follows right behind.
     Delivery e = cf.deliver("");
     ASSERT_EQ(e.rc, 0);
-    EXPECT_EQ(e.items,
-              std::vector<std::string>({"(NIL NIL NIL NIL NIL NIL NIL NIL NIL NIL)",
+    EXPECT_EQ(e.items, std::vector<std::string>({"(NIL NIL NIL NIL NIL NIL NIL NIL NIL NIL)",
                                         kPlain + "0 0 NIL NIL NIL)", kPlain + "0 0)",
                                         be32({2, 0, 0, 0, 0, 0xFFFF0000u, 0, 0, 0, 0, 0, 0}),
                                         "", "", "", "", "", "NIL", ""}));
@@ -163,18 +160,15 @@ TEST(MessageCache, SinglePartItems) {
 
 TEST(MessageCache, EnvelopeAndSearchAddresses) {
     CacheFile cf;
-    Delivery d = cf.deliver(crlf(
-        "From: =?utf-8?q?J=C3=B6rg?= <Joerg@Example.DE>\nSender: Boss <BOSS@x.org>\n"
+    Delivery d = cf.deliver(crlf("From: =?utf-8?q?J=C3=B6rg?= <Joerg@Example.DE>\nSender: Boss <BOSS@x.org>\n"
         "To: Friends: Ann <Ann@X.org>, bob@Y.org;, Carl@Z\nCc: <@Relay.ORG:User@Host.ORG>\n"
         "Bcc: \"Quote \\\" Name\" <q@q>\nSubject:\nIn-Reply-To: <r@x>\n\n"));
     ASSERT_EQ(d.rc, 0);
-    EXPECT_EQ(d.items[0],
-              "(NIL \"\" ((\"=?utf-8?q?J=C3=B6rg?=\" NIL \"Joerg\" \"Example.DE\")) "
+    EXPECT_EQ(d.items[0], "(NIL \"\" ((\"=?utf-8?q?J=C3=B6rg?=\" NIL \"Joerg\" \"Example.DE\")) "
               "((\"Boss\" NIL \"BOSS\" \"x.org\")) "
               "((\"=?utf-8?q?J=C3=B6rg?=\" NIL \"Joerg\" \"Example.DE\")) "
               "((NIL NIL \"Friends\" NIL)(\"Ann\" NIL \"Ann\" \"X.org\")(NIL NIL \"bob\" \"Y.org\")"
-              "(NIL NIL NIL NIL)(NIL NIL \"Carl\" \"Z\")) "
-              "((NIL \"@Relay.ORG\" \"User\" \"Host.ORG\")) "
+              "(NIL NIL NIL NIL)(NIL NIL \"Carl\" \"Z\")) ((NIL \"@Relay.ORG\" \"User\" \"Host.ORG\")) "
               "(({12}\r\nQuote \" Name NIL \"q\" \"q\")) \"<r@x>\" NIL)");
     // Search forms: names decoded, addresses lower-cased, groups spelled out.
     EXPECT_EQ(std::vector<std::string>(d.items.begin() + 5, d.items.begin() + 10),
@@ -214,21 +208,17 @@ TEST(MessageCache, SubjectFormsAndPadding) {
 
 TEST(MessageCache, MultipartItemsAndSections) {
     CacheFile cf;
-    const std::string msg = crlf(
-        "Content-Type: multipart/mixed; boundary=b\n\n"
-        "--b\nContent-Type: text/plain; charset=UTF-8\n"
-        "Content-Transfer-Encoding: quoted-printable\n"
+    const std::string msg = crlf("Content-Type: multipart/mixed; boundary=b\n\n"
+        "--b\nContent-Type: text/plain; charset=UTF-8\nContent-Transfer-Encoding: quoted-printable\n"
         "Content-Disposition: attachment; filename=a.txt\n"
         "Content-Language: en, fr\nContent-MD5: sum\n\none\n"
         "--b\nContent-Type: text/html; charset=x-unknown\n"
         "Content-Transfer-Encoding: base64\n\ntwo\n--b--\n");
     Delivery d = cf.deliver(msg);
     ASSERT_EQ(d.rc, 0);
-    EXPECT_EQ(d.items[2],
-              "((\"TEXT\" \"PLAIN\" (\"CHARSET\" \"UTF-8\") NIL NIL \"QUOTED-PRINTABLE\" 3 0)"
+    EXPECT_EQ(d.items[2], "((\"TEXT\" \"PLAIN\" (\"CHARSET\" \"UTF-8\") NIL NIL \"QUOTED-PRINTABLE\" 3 0)"
               "(\"TEXT\" \"HTML\" (\"CHARSET\" \"x-unknown\") NIL NIL \"BASE64\" 3 0) \"MIXED\")");
-    EXPECT_EQ(d.items[1],
-              "((\"TEXT\" \"PLAIN\" (\"CHARSET\" \"UTF-8\") NIL NIL \"QUOTED-PRINTABLE\" 3 0 "
+    EXPECT_EQ(d.items[1], "((\"TEXT\" \"PLAIN\" (\"CHARSET\" \"UTF-8\") NIL NIL \"QUOTED-PRINTABLE\" 3 0 "
               "\"sum\" (\"ATTACHMENT\" (\"FILENAME\" \"a.txt\")) (\"EN\" \"FR\"))"
               "(\"TEXT\" \"HTML\" (\"CHARSET\" \"x-unknown\") NIL NIL \"BASE64\" 3 0 NIL NIL NIL) "
               "\"MIXED\" (\"BOUNDARY\" \"b\") NIL NIL)");
@@ -237,14 +227,11 @@ TEST(MessageCache, MultipartItemsAndSections) {
     uint32_t p2 = msg.find("Content-Type: text/html"), c2 = msg.find("two");
     uint32_t hs = d.record.header_size;
     EXPECT_EQ(d.items[3], be32({3, 0, hs, hs, (uint32_t)msg.size() - hs, 0xFFFF0000u, p1,
-                                c1 - p1, c1, 3, 0x00010001u, p2, c2 - p2, c2, 3, 0xFFFF0002u, 0,
-                                0}));
+                                c1 - p1, c1, 3, 0x00010001u, p2, c2 - p2, c2, 3, 0xFFFF0002u, 0, 0}));
     // Nested: a multipart part gets the 0/-1 entry, a message part its own level.
-    Delivery n = cf.deliver(crlf(
-        "Content-Type: multipart/mixed; boundary=o\n\n"
+    Delivery n = cf.deliver(crlf("Content-Type: multipart/mixed; boundary=o\n\n"
         "--o\nContent-Type: multipart/alternative; boundary=i\n\n--i\n\na\n--i--\n"
-        "--o\nContent-Type: message/rfc822\n\nSubject: in\n\nb\n"
-        "--o\nContent-Type: multipart/mixed\n\nc\n"
+        "--o\nContent-Type: message/rfc822\n\nSubject: in\n\nb\n--o\nContent-Type: multipart/mixed\n\nc\n"
         "--o\nContent-Type: message/partial; id=x\n\nd\n--o--\n"));
     ASSERT_EQ(n.rc, 0);
     // Count 5; the alternative's table behind it: count 2, the 0/-1 entry.
@@ -324,7 +311,7 @@ TEST(MessageCache, MessageTypeHookAndFailures) {
     hook_result = 0x02000000u;
     struct index_record rec;
     memset(&rec, 0, sizeof(rec));
-    testutil::StderrCapture cap;
+    StderrCapture cap;
     EXPECT_EQ(message_parse_mapped(msg.data(), msg.size(), &mb, nullptr, &rec), IMAP_IOERROR);
     close(mb.index_fd);
     EXPECT_TRUE(rec.size == msg.size() && rec.header_size == 18u && hook_seen.calls == 3);
@@ -336,7 +323,7 @@ TEST(MessageCache, MessageTypeHookAndFailures) {
 TEST(MessageCache, Corpus) {
     CacheFile cf;
     size_t total = 0;
-    for (const std::string &m : testutil::scan_texts(testutil::corpus_all())) {
+    for (const std::string &m : scan_texts(corpus_all())) {
         SCOPED_TRACE("message " + std::to_string(++total));
         Delivery d = cf.deliver(m);
         ASSERT_TRUE(d.rc == 0 && d.items.size() == 11u);
@@ -352,13 +339,13 @@ TEST(MessageCache, Corpus) {
 }
 
 TEST(MessageCache, ShowcacheOutput) {
-    std::string bin = testutil::binary_dir() + "/bin/showcache";
-    testutil::TempDir tmp;
+    std::string bin = binary_dir() + "/bin/showcache";
+    TempDir tmp;
     const std::string lf = "From: A B <ab@Example.COM>\nSubject: hello\n"
                            "Date: Fri, 3 Jan 03 10:00:00 +0100\n\nbody line\n";
     const std::string lfpath = tmp.file("lf.txt"), crlfpath = tmp.file("crlf.txt");
-    testutil::write_file(lfpath, "From someone\n" + lf);
-    testutil::write_file(crlfpath, crlf(lf));
+    write_file(lfpath, "From someone\n" + lf);
+    write_file(crlfpath, crlf(lf));
     // Both files show the record a delivery writes, the second behind the first.
     CacheFile cf;
     std::string want;
@@ -366,8 +353,7 @@ TEST(MessageCache, ShowcacheOutput) {
         Delivery d = cf.deliver(crlf(lf));
         const struct index_record &r = d.record;
         char head[512];
-        snprintf(head, sizeof head,
-                 "FILE %s\nsentdate: %u\nsize: %u\nheader_size: %u\ncontent_offset: %u\n"
+        snprintf(head, sizeof head, "FILE %s\nsentdate: %u\nsize: %u\nheader_size: %u\ncontent_offset: %u\n"
                  "rec_cache_offset: %u\nsystem_flags: 0x%08x\n",
                  path.c_str(), r.sentdate, r.size, r.header_size, r.content_offset,
                  r.rec_cache_offset, r.system_flags);
@@ -377,11 +363,11 @@ TEST(MessageCache, ShowcacheOutput) {
                     std::to_string(d.items[i].size()) + "\n" + d.items[i] + "\n";
     }
     std::string out, err;
-    ASSERT_EQ(testutil::run_command(bin + " " + lfpath + " " + crlfpath, &out, &err), 0) << err;
+    ASSERT_EQ(run_command(bin + " " + lfpath + " " + crlfpath, &out, &err), 0) << err;
     EXPECT_EQ(out, want);
     // No file: a usage error; a missing file fails, and the others are shown.
-    EXPECT_EQ(testutil::run_command(bin, &out, &err), 64);
-    EXPECT_EQ(testutil::run_command(bin + " " + tmp.file("missing") + " " + lfpath, &out, &err), 66);
+    EXPECT_EQ(run_command(bin, &out, &err), 64);
+    EXPECT_EQ(run_command(bin + " " + tmp.file("missing") + " " + lfpath, &out, &err), 66);
     EXPECT_EQ(out.substr(0, 5 + lfpath.size()), "FILE " + lfpath);
 }
 

@@ -52,8 +52,7 @@ int translations(bool table_first) {
     const char *want[] = {"i-default", "en", "fr", "de", "es", nullptr};
     for (int i = 0; want[i]; i++) CHECK(langs[i] && strcmp(langs[i], want[i]) == 0);
     CHECK(langs[5] == nullptr && imap_err_language("it") == PR_LANGUAGE_I_DEFAULT);
-    PRLanguageCode fr = imap_err_language("fr"), de = imap_err_language("de"),
-                   es = imap_err_language("es");
+    PRLanguageCode fr = imap_err_language("fr"), de = imap_err_language("de"), es = imap_err_language("es");
     // A code without a translation, a language without a file and one
     // beyond the list fall back to English.
     CHECK(text(IMAP_IOERROR, fr) == "Erreur E/S" && text(IMAP_PERMISSION_DENIED, es) == "Denegado");

@@ -13,7 +13,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 using namespace testutil;
-const std::string list = testutil::read_file(testutil::corpus_path("list-archive.mbox"));
+const std::string list = read_file(corpus_path("list-archive.mbox"));
 
 // Whether texts is leading parts of want, one behind the other; *tail gets
 // the length of the last.
@@ -30,14 +30,14 @@ bool prefixRuns(const Texts &texts, const Texts &want, size_t *tail) {
 class ImportFaults : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(inst.startStored()); }
-    std::string bin(const char *prog) { return testutil::binary_dir() + "/bin/" + prog; }
+    std::string bin(const char *prog) { return binary_dir() + "/bin/" + prog; }
     int run(const std::string &args, std::string *err = nullptr) {
         return inst.run("importmail", "-v 0 -c y " + args, nullptr, err, 120);
     }
     // importmail -c y of file into folder of user, as a child of this process.
     pid_t start(const std::string &user, const char *folder, const std::string &file) {
         std::string prog = bin("importmail");
-        return testutil::spawn([&] {
+        return spawn([&] {
             int null = open("/dev/null", O_WRONLY);
             dup2(null, 1), dup2(null, 2);
             execl(prog.c_str(), "importmail", "-v", "0", "-c", "y", "-u", user.c_str(), "-d",
@@ -46,20 +46,20 @@ class ImportFaults : public ::testing::Test {
         });
     }
     std::string input(const std::string &name, const std::string &data) {
-        testutil::write_file(inst.path(name), data);
+        write_file(inst.path(name), data);
         return inst.path(name);
     }
     // Error and critical lines of the store's programs (not of the daemon
     // clearing up after them) logged since the last call.
     std::string newErrors() {
         std::string bad;
-        for (const std::string &l : testutil::split_lines(inst.newLog()))
-            if (l.find(" stored[") == std::string::npos && testutil::matches("\\] (error|critical): ", l)) bad += l + "\n";
+        for (const std::string &l : split_lines(inst.newLog()))
+            if (l.find(" stored[") == std::string::npos && matches("\\] (error|critical): ", l)) bad += l + "\n";
         return bad;
     }
     Texts folder(const std::string &user, const std::string &name, std::string *dir = nullptr);
 
-    testutil::Instance inst;
+    Instance inst;
 };
 
 // Opens the folder through showfolder, which must not complain, and checks
@@ -73,7 +73,7 @@ Texts ImportFaults::folder(const std::string &user, const std::string &name, std
     EXPECT_EQ(err, "") << user << " " << name;
     std::vector<std::string> files;
     unsigned shown = ~0u;
-    for (const std::string &l : testutil::split_lines(out)) {
+    for (const std::string &l : split_lines(out)) {
         if (l.compare(0, 14, "Messages    : ") == 0) shown = (unsigned)std::stoul(l.substr(14));
         if (l.compare(0, 14, "File Name   : ") == 0) files.push_back(l.substr(14));
     }
@@ -83,7 +83,7 @@ Texts ImportFaults::folder(const std::string &user, const std::string &name, std
     std::string d = files[0].substr(0, files[0].rfind('/'));
     d = d.substr(0, d.rfind('/'));
     if (dir) *dir = d;
-    std::string idx = testutil::read_file(d + "/store.idx");
+    std::string idx = read_file(d + "/store.idx");
     if (idx.size() < INDEX_HEADER_SIZE) return ADD_FAILURE() << d << ": short index", texts;
     mboxdata mbd;
     index_header hdr;
@@ -98,13 +98,13 @@ Texts ImportFaults::folder(const std::string &user, const std::string &name, std
         memcpy(&rec, idx.data() + at, sizeof rec);
         EXPECT_GT(rec.uid, lastUid) << d << " record " << i + 1;
         lastUid = rec.uid;
-        texts.push_back(testutil::read_file(files[i]));
-        EXPECT_EQ(testutil::file_size(files[i]), (off_t)rec.size) << files[i];
+        texts.push_back(read_file(files[i]));
+        EXPECT_EQ(file_size(files[i]), (off_t)rec.size) << files[i];
         total += rec.size;
         uint64_t p = (uint64_t)hdr.cache_offset + rec.rec_cache_offset;
         EXPECT_GE(p, cacheEnd) << d << " uid " << rec.uid << ": cache entries overlap";
         for (int item = 0; item < MAILBOX_CACHE_ITEMS && p + 4 <= idx.size(); item++)
-            p += 4 + ((testutil::be32_at(idx, p) + 3) & ~3u);
+            p += 4 + ((be32_at(idx, p) + 3) & ~3u);
         EXPECT_LE(p, idx.size()) << d << " uid " << rec.uid << ": cache entry cut short";
         cacheEnd = p;
     }
@@ -120,12 +120,11 @@ Texts ImportFaults::folder(const std::string &user, const std::string &name, std
 // the next whole load adds the whole file.
 TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
     std::string big = input("big.mbox", corpus_all(6));
-    Texts want = scan_texts(testutil::read_file(big));
+    Texts want = scan_texts(read_file(big));
     ASSERT_GT(want.size(), 1600u);
     auto t0 = std::chrono::steady_clock::now();
-    ASSERT_EQ(testutil::wait_child(start("joe", "Whole", big)), 0);
-    auto full = std::chrono::duration_cast<std::chrono::microseconds>(
-        std::chrono::steady_clock::now() - t0);
+    ASSERT_EQ(wait_child(start("joe", "Whole", big)), 0);
+    auto full = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0);
     EXPECT_TRUE(folder("joe", "Whole") == want);
     ASSERT_EQ(run("-u joe -d Crash -s " + input("empty.mbox", "")), 0);  // makes the folder
 
@@ -139,7 +138,7 @@ TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
         ASSERT_GT(pid, 0);
         usleep((useconds_t)(rng() % (unsigned long)full.count()));
         kills += kill(pid, SIGKILL) == 0;
-        int st = testutil::wait_child(pid);
+        int st = wait_child(pid);
         ASSERT_TRUE(st == 0 || st == 128 + SIGKILL) << st;
         // The daemon clears up after the dead loader within a second; one
         // that died inside the database library makes the daemon end, and
@@ -158,7 +157,7 @@ TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
     EXPECT_GT(kills, 10);
     RecordProperty("restarts", restarts);
 
-    ASSERT_EQ(testutil::wait_child(start("joe", "Crash", big)), 0);
+    ASSERT_EQ(wait_child(start("joe", "Crash", big)), 0);
     Texts end = folder("joe", "Crash");
     EXPECT_EQ(end.size(), before + want.size());
     EXPECT_TRUE(prefixRuns(end, want, &tail) && tail == want.size());
@@ -176,7 +175,7 @@ TEST_F(ImportFaults, CommitsSurviveAKilledDaemon) {
     inst.killStored();
     ASSERT_TRUE(inst.startStored());
     EXPECT_TRUE(folder("joe", "Made").empty());
-    EXPECT_EQ(folder("joe", "Filled"), scan_texts(testutil::read_file(some)));
+    EXPECT_EQ(folder("joe", "Filled"), scan_texts(read_file(some)));
 }
 
 TEST_F(ImportFaults, TwoLoadersAtOnce) {
@@ -186,8 +185,8 @@ TEST_F(ImportFaults, TwoLoadersAtOnce) {
     std::sort(want.begin(), want.end());
     for (std::string user : {"ann", "bob", "cy"}) {
         pid_t p1 = start(user, "Both", a), p2 = start(user, "Both", b);
-        EXPECT_EQ(testutil::wait_child(p1), 0);
-        EXPECT_EQ(testutil::wait_child(p2), 0);
+        EXPECT_EQ(wait_child(p1), 0);
+        EXPECT_EQ(wait_child(p2), 0);
         Texts got = folder(user, "Both");
         std::sort(got.begin(), got.end());
         EXPECT_TRUE(got == want) << user << ": " << got.size() << " of " << want.size();
@@ -214,19 +213,16 @@ TEST_F(ImportFaults, BadInputLosesNothing) {
         // The scanner gives a message at least the blank line that ends
         // its header, so bare separators make no empty message.
         {"bare separators", F + "\n" + F + F + "Subject: b\n\nbody\n\n" + F, [] {}, [] {}, ""},
-        {"partition marked full", list, [&] { testutil::write_file(lck, "1"); },
+        {"partition marked full", list, [&] { write_file(lck, "1"); },
          [&] { unlink(lck.c_str()); }, "partition is full"},
-        {"garbage in the index", list,
-         [&] {
-             damaged = good = testutil::read_file(idx);
+        {"garbage in the index", list, [&] {
+             damaged = good = read_file(idx);
              for (size_t i = 0; i < 300; i++) damaged[i] = (char)(i * 37 + 11);
-             testutil::write_file(idx, damaged);
-         },
-         [&] {
-             EXPECT_TRUE(testutil::read_file(idx) == damaged) << "the damaged index was changed";
-             testutil::write_file(idx, good);
-         },
-         "invalid format"},
+             write_file(idx, damaged);
+         }, [&] {
+             EXPECT_TRUE(read_file(idx) == damaged) << "the damaged index was changed";
+             write_file(idx, good);
+         }, "invalid format"},
     };
     for (const auto &c : cases) {
         c.before();
@@ -245,18 +241,18 @@ TEST_F(ImportFaults, BadInputLosesNothing) {
         EXPECT_NE(err.find("not a valid user name"), std::string::npos) << user << ": " << err;
     }
     EXPECT_TRUE(folder("joe", "Kept") == want);
-    EXPECT_EQ(testutil::run_command(bin("showfolder") + " joe Kept/Kept"), 66);
+    EXPECT_EQ(run_command(bin("showfolder") + " joe Kept/Kept"), 66);
 }
 
 // The partition fills up in the middle of a run: the messages before stay,
 // the folder opens without complaint, and with room again a load works.
 TEST_F(ImportFaults, PartitionFillsUp) {
-    testutil::Tmpfs fs(inst.path("small"), "size=2m");
+    Tmpfs fs(inst.path("small"), "size=2m");
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     std::string part = fs.dir, err;
     inst.addConfig("store.partition.primary.path: " + part);
     std::string big = input("big.mbox", corpus_all(3));
-    Texts first = scan_texts(list), more = scan_texts(testutil::read_file(big));
+    Texts first = scan_texts(list), more = scan_texts(read_file(big));
     ASSERT_EQ(run("-u joe -d Full -s " + input("list.mbox", list)), 0);
     EXPECT_EQ(run("-u joe -d Full -s " + big, &err), 0);  // -c y: on past each failure
     EXPECT_NE(err.find("No space left on device"), std::string::npos) << err.substr(0, 1000);

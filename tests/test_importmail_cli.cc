@@ -55,8 +55,7 @@ TEST_F(ImportmailCli, RefusedBeforeTheStoreIsTouched) {
     EXPECT_NE(err.find(fifo), std::string::npos) << err;
 
     EXPECT_EQ(testutil::run_command("STORE_INSTANCEDIR=/nonexistent/instance " + testutil::binary_dir() +
-                                    "/bin/importmail -u joe -s " + in),
-              69);
+                                    "/bin/importmail -u joe -s " + in), 69);
 }
 
 TEST_F(ImportmailCli, FormatChecksAndFolderNames) {

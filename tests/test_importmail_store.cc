@@ -10,12 +10,14 @@
 
 namespace {
 
-using Expected = testutil::Scanned;
+using namespace testutil;
+
+using Expected = Scanned;
 
 // The messages of a mail file as the scanner cuts them; each must end its
 // lines in CRLF.
 std::vector<Expected> scan(const std::string &data) {
-    std::vector<Expected> r = testutil::scan_mbox(data);
+    std::vector<Expected> r = scan_mbox(data);
     for (const Expected &e : r) {
         size_t crlf = 0;
         for (size_t p = 0; (p = e.text.find("\r\n", p)) != std::string::npos; p += 2) crlf++;
@@ -59,7 +61,7 @@ std::vector<Parsed> showcache_output(const std::string &out) {
         if (line.compare(0, 5, "FILE ") == 0) {
             r.emplace_back();
         } else if (!r.empty() && sscanf(line.c_str(), "ITEM %*d %63s %lu", name, &n) == 2) {
-            r.back().cache += testutil::be32({(uint32_t)n}) + out.substr(pos, n) + std::string((4 - n % 4) % 4, '\0');
+            r.back().cache += be32({(uint32_t)n}) + out.substr(pos, n) + std::string((4 - n % 4) % 4, '\0');
             pos += n + 1;
         } else if (!r.empty() && sscanf(line.c_str(), "%63[a-z_]: %li", name, &v) == 2) {
             r.back().fields[name] = (unsigned long)v;
@@ -75,7 +77,7 @@ class ImportmailStore : public ::testing::Test {
     // 1 onwards; gives the folder's directory.
     std::string check_folder(const std::string &name, const std::vector<Expected> &want);
 
-    testutil::Instance inst;
+    Instance inst;
     BkContext *ctx = nullptr;
     const time_t started = time(nullptr);
 };
@@ -86,7 +88,7 @@ std::string ImportmailStore::check_folder(const std::string &name, const std::ve
     EXPECT_EQ(mailbox_open(name.c_str(), 0, auth_dontCheckAcl, &mb), 0);
     std::string dir = mb.path;
     struct mboxdata head, row;
-    std::vector<testutil::IndexEntry> entries = testutil::index_entries(dir, &head);
+    std::vector<IndexEntry> entries = index_entries(dir, &head);
     EXPECT_EQ(mboxlist_lookup(name.c_str(), &row, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(memcmp(&head, &row, sizeof(head)), 0) << "row and header differ";
     EXPECT_EQ(head.last_uid, want.size());
@@ -101,8 +103,8 @@ std::string ImportmailStore::check_folder(const std::string &name, const std::ve
         EXPECT_TRUE(r.uid == i + 1 && r.internaldate == (int32_t)e.date && r.size == e.text.size()) << i + 1;
         EXPECT_EQ(flag_text(isSeen(&pf, r.uid) | isDeleted(&pf, r.uid) << 1, r.system_flags & FLAG_ANSWERED),
                   flag_text(e.status, e.xstatus)) << "uid " << r.uid;
-        std::string file = testutil::message_file(mb, r.uid);
-        EXPECT_TRUE(testutil::read_file(file) == e.text) << file << " differs from the message";
+        std::string file = message_file(mb, r.uid);
+        EXPECT_TRUE(read_file(file) == e.text) << file << " differs from the message";
         files += " " + file;
         total += r.size;
         largest = std::max(largest, r.size);
@@ -143,17 +145,17 @@ std::string ImportmailStore::check_folder(const std::string &name, const std::ve
 TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     ASSERT_TRUE(inst.startStored());
     std::string flagged = inst.path("flagged.mbox");
-    testutil::write_file(flagged, with_flags(testutil::read_file(testutil::corpus_path("list-archive.mbox"))));
+    write_file(flagged, with_flags(read_file(corpus_path("list-archive.mbox"))));
     // Over 1,000 messages in one folder: the record area grows four times.
     std::string big = inst.path("big.mbox");
-    testutil::write_file(big, testutil::corpus_all(4));
+    write_file(big, corpus_all(4));
     const struct {
         std::string path;
         const char *args, *folder;
         size_t count;
-    } loads[] = {{testutil::corpus_path("list-archive.mbox"), "-d Lists", "user/joe/Lists", 53},
-                 {testutil::corpus_path("kernel-list.mbox"), "-d Kernel", "user/joe/Kernel", 210},
-                 {testutil::corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
+    } loads[] = {{corpus_path("list-archive.mbox"), "-d Lists", "user/joe/Lists", 53},
+                 {corpus_path("kernel-list.mbox"), "-d Kernel", "user/joe/Kernel", 210},
+                 {corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
                  {flagged, "-d Flagged", "user/joe/Flagged", 53},
                  {flagged, "-d Flagged", "user/joe/Flagged", 53},
                  {big, "-d Big", "user/joe/Big", 4 * 283},
@@ -162,14 +164,14 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     std::string out, err;
     time_t before = time(nullptr);
     for (const auto &l : loads) {
-        std::string data = testutil::read_file(l.path);
+        std::string data = read_file(l.path);
         std::vector<Expected> msgs = scan(data);
         ASSERT_EQ(msgs.size(), l.count) << l.path;
         ASSERT_EQ(inst.run("importmail", "-g -v 1 -c y -u joe -s " + l.path + " " + l.args, &out, &err), 0) << err;
         EXPECT_NE(out.find("filesize: " + std::to_string(data.size()) + "\n"), std::string::npos);
         std::string sizes, want;
         for (const Expected &m : msgs) want += "msg size: " + std::to_string(m.text.size()) + " offset: " + std::to_string(m.offset) + "\n";
-        for (const std::string &line : testutil::split_lines(out))
+        for (const std::string &line : split_lines(out))
             if (line.compare(0, 10, "msg size: ") == 0) sizes += line + "\n";
         EXPECT_EQ(sizes, want) << l.path;
         std::vector<Expected> &w = wants[l.folder];
@@ -212,7 +214,7 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
                                  "File Name   : " + dirs["user/joe/Flagged"] + fname});
     }
     size_t at = 0;
-    for (const std::string &line : testutil::split_lines(out))
+    for (const std::string &line : split_lines(out))
         if (at < want.size() && line == want[at]) at++;
     EXPECT_EQ(at, want.size()) << "missing in order: " << (at < want.size() ? want[at] : "") << "\n"
                                << out.substr(0, 2000);

@@ -15,16 +15,16 @@ using namespace testutil;
 
 // The uidvalidity in the index of the folder at dir (0 if unreadable).
 uint32_t uidvalidity_of(const std::string &dir) {
-    std::string s = testutil::read_file(dir + "/store.idx");
+    std::string s = read_file(dir + "/store.idx");
     mboxdata mbd = {};
     if (s.size() >= sizeof mbd) memcpy(&mbd, s.data(), sizeof mbd);
     return mbd.uidvalidity;
 }
 
-bool has_peruser(const char *name) { return testutil::db_has(userflagdb, name); }
+bool has_peruser(const char *name) { return db_has(userflagdb, name); }
 
 // Partition "spool" keeps its messages apart from its folder directories.
-class MailboxFiles : public testutil::StoreTest {
+class MailboxFiles : public StoreTest {
   protected:
     void SetUp() override {
         inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool") +
@@ -32,7 +32,7 @@ class MailboxFiles : public testutil::StoreTest {
         StoreTest::SetUp();
     }
     std::string dir(const char *name, const char *partition = "primary") {
-        return testutil::folder_dir(name, partition);
+        return folder_dir(name, partition);
     }
     // The message directory of name on "spool"; "" elsewhere.
     std::string mdir(const char *name, const char *partition = "spool") {
@@ -60,9 +60,8 @@ class MailboxFiles : public testutil::StoreTest {
 std::vector<std::string> barriers;
 void note_barrier(sync_event e, const char *) {
     if (e != SYNC_EVENT_BARRIER) return;
-    std::string idx = testutil::folder_dir("user/fred/new") + "/store.idx";
-    barriers.push_back(std::to_string(file_size(idx)) +
-                       (testutil::has_row("user/fred/new") ? " row" : " no row"));
+    std::string idx = folder_dir("user/fred/new") + "/store.idx";
+    barriers.push_back(std::to_string(file_size(idx)) + (has_row("user/fred/new") ? " row" : " no row"));
 }
 
 }  // namespace
@@ -87,7 +86,7 @@ TEST_F(MailboxFiles, FilesAreFlushedBeforeTheRowCountsThem) {
         sync_set_observer(nullptr);
         ASSERT_EQ(r, 0) << name;
     }
-    EXPECT_TRUE(testutil::has_row("user/fred/new"));
+    EXPECT_TRUE(has_row("user/fred/new"));
     ASSERT_FALSE(barriers.empty());
     EXPECT_EQ(barriers.back(), "7856 no row");
 }
@@ -102,7 +101,7 @@ TEST_F(MailboxFiles, CreateOverExistingFiles) {
     EXPECT_TRUE(uidvalidity_of(d) == 200u && mb.index_lock_count == 0 && mb.mpath == mb.path);
     deliver(&mb, 3);
     mailbox_close(&mb);
-    std::string before = testutil::read_file(idx);
+    std::string before = read_file(idx);
     // A live folder is not touched, and the handle is usable on it.
     ASSERT_EQ(create(name, &mb, 300, "y\tlr\t"), IMAP_MAILBOX_EXISTS);
     EXPECT_TRUE(mb.mbd.exists == 3 && mb.mbd.uidvalidity == 200 && mb.index_lock_count == 0);
@@ -113,10 +112,10 @@ TEST_F(MailboxFiles, CreateOverExistingFiles) {
     EXPECT_TRUE(mailbox_read_index_record(&mb, 3, &rec) == 0 && rec.uid == 3);
     mailbox_close(&mb);
     ASSERT_EQ(create(name, nullptr, 300), IMAP_MAILBOX_EXISTS);
-    EXPECT_EQ(testutil::read_file(idx), before);
+    EXPECT_EQ(read_file(idx), before);
     // 80 bytes or less, or a summary that counts nothing, is no folder.
     for (size_t len : {0, 40, 80}) {
-        testutil::write_file(idx, before.substr(0, len));
+        write_file(idx, before.substr(0, len));
         ASSERT_EQ(create(name, nullptr, 400 + len), 0) << len;
         EXPECT_TRUE(uidvalidity_of(d) == 400u + len && file_size(idx) == 7856) << len;
     }
@@ -124,13 +123,13 @@ TEST_F(MailboxFiles, CreateOverExistingFiles) {
     // file of its own; the other folder's file stays whole.
     std::string other = dir("user/fred/other") + "/store.idx";
     ASSERT_EQ(create("user/fred/other", nullptr, 500), 0);
-    std::string otherbytes = testutil::read_file(other);
+    std::string otherbytes = read_file(other);
     ASSERT_EQ(unlink(idx.c_str()), 0);
     ASSERT_EQ(link(other.c_str(), idx.c_str()), 0);
-    testutil::write_file(d + "/store.exp", "x");
+    write_file(d + "/store.exp", "x");
     ASSERT_EQ(create(name, nullptr, 600), 0);
     EXPECT_TRUE(inode_of(idx) != inode_of(other) && !file_exists(d + "/store.exp"));
-    EXPECT_EQ(testutil::read_file(other), otherbytes);
+    EXPECT_EQ(read_file(other), otherbytes);
     EXPECT_EQ(uidvalidity_of(d), 600u);
 }
 
@@ -152,20 +151,20 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
     h.hdr.start_offset = 256;
     h.hdr.cache_offset = 256 + 7600;
     ASSERT_EQ(write(fd, &h, sizeof h), (ssize_t)sizeof h);
-    testutil::Pipe done;
-    pid_t pid = testutil::spawn([&] {
+    Pipe done;
+    pid_t pid = spawn([&] {
         int r = create(name, nullptr);
-        return testutil::send_byte(done.w, r == IMAP_MAILBOX_EXISTS ? 'E' : 'X') ? 0 : 2;
+        return send_byte(done.w, r == IMAP_MAILBOX_EXISTS ? 'E' : 'X') ? 0 : 2;
     });
-    EXPECT_EQ(testutil::read_byte(done.r, 400), -1);  // it waits for the lock
+    EXPECT_EQ(read_byte(done.r, 400), -1);  // it waits for the lock
     std::string rest(7856 - sizeof h, '\0');
     ASSERT_EQ(write(fd, rest.data(), rest.size()), (ssize_t)rest.size());
-    std::string written = testutil::read_file(idx);
+    std::string written = read_file(idx);
     ASSERT_EQ(lock_unlock(fd), 0);
-    EXPECT_EQ(testutil::read_byte(done.r, 5000), 'E');
-    EXPECT_EQ(testutil::wait_child(pid), 0);
+    EXPECT_EQ(read_byte(done.r, 5000), 'E');
+    EXPECT_EQ(wait_child(pid), 0);
     close(fd);
-    EXPECT_EQ(testutil::read_file(idx), written);
+    EXPECT_EQ(read_file(idx), written);
 }
 
 TEST_F(MailboxFiles, DeleteRemovesEverything) {
@@ -177,8 +176,8 @@ TEST_F(MailboxFiles, DeleteRemovesEverything) {
     deliver(&mb, 100);  // message directories 00 and 01
     ASSERT_TRUE(file_exists(m + "/01/100.msg"));
     ASSERT_EQ(create(child, nullptr, 1, "", "spool"), 0);
-    testutil::write_file(d + "/store.usr", "x");
-    testutil::write_file(d + "/stray", "x");
+    write_file(d + "/store.usr", "x");
+    write_file(d + "/stray", "x");
     EXPECT_EQ(mailbox_delete(&mb, 0), 0);
     EXPECT_TRUE(mb.index_fd == -1 && mb.name == nullptr);
     for (const std::string &gone : {m + "/00", m + "/01", d + "/store.idx", d + "/store.usr", d + "/stray"})

@@ -14,9 +14,9 @@ namespace {
 using namespace testutil;
 
 // The records of the folder at dir by uid, each with its cache entry.
-std::map<uint32_t, testutil::IndexEntry> entries(const std::string &dir, mboxdata *mbd = nullptr) {
-    std::map<uint32_t, testutil::IndexEntry> out;
-    for (const testutil::IndexEntry &e : testutil::index_entries(dir, mbd)) out[e.rec.uid] = e;
+std::map<uint32_t, IndexEntry> entries(const std::string &dir, mboxdata *mbd = nullptr) {
+    std::map<uint32_t, IndexEntry> out;
+    for (const IndexEntry &e : index_entries(dir, mbd)) out[e.rec.uid] = e;
     return out;
 }
 
@@ -27,7 +27,7 @@ int keep(void *, const index_record *) { return 0; }
 int none(void *, const index_record *) { return -1; }
 int in_set(void *rock, const index_record *r) { return (int)((std::set<uint32_t> *)rock)->count(r->uid); }
 
-class Expunge : public testutil::StoreTest {
+class Expunge : public StoreTest {
   protected:
     Expunge() : StoreTest("local.msgtrace.active: yes") {}
     void SetUp() override { StoreTest::SetUp(), mailbox_init_svclog_msgtrace("expungetest"); }
@@ -57,7 +57,7 @@ class Expunge : public testutil::StoreTest {
         ASSERT_EQ(mboxlist_lookup(name.c_str(), &row, nullptr, nullptr, nullptr, nullptr), 0);
         EXPECT_TRUE(memcmp(&row, &file, sizeof row) == 0 && memcmp(&mb.mbd, &file, sizeof row) == 0);
     }
-    const std::vector<std::string> corpus = testutil::corpus_messages("list-archive.mbox");
+    const std::vector<std::string> corpus = corpus_messages("list-archive.mbox");
     mailbox mb = zeromailbox;
     std::string name, dir;
 };
@@ -109,7 +109,7 @@ TEST_F(Expunge, RemovesTheChosenMessagesAndCompactsTheCache) {
             }
         }
         EXPECT_EQ(after.size() + gone.size() + (bad ? 1 : 0), 6u);
-        EXPECT_EQ(testutil::file_size(dir + "/store.idx"), (off_t)(mb.hdr.cache_offset + cache));
+        EXPECT_EQ(file_size(dir + "/store.idx"), (off_t)(mb.hdr.cache_offset + cache));
         EXPECT_TRUE(mbd.quota_used[0] == bytes && mbd.first_uid == first && mbd.max_size == maxsize);
         EXPECT_EQ(mbd.oldest_internaldate, first ? 1000000 + first - 1 : 0);
         EXPECT_EQ(mbd.mbd_flags, 1u);
@@ -124,7 +124,7 @@ TEST_F(Expunge, RemovesTheChosenMessagesAndCompactsTheCache) {
         std::string trace = read_file(inst.path("log/msgtrace.log"));
         for (uint32_t uid : gone) {
             const std::string &text = corpus[uid - 1];
-            std::string id = testutil::take(mailbox_getheadervalue("Message-ID", text.data(), text.size()));
+            std::string id = take(mailbox_getheadervalue("Message-ID", text.data(), text.size()));
             EXPECT_NE(trace.find("expunge:" + name + ":" + id + "\n"), std::string::npos) << id;
         }
     }
@@ -156,14 +156,14 @@ TEST_F(Expunge, KeepingEverythingRewritesOnlyWhenAskedOrToGrow) {
     struct stat st;
     ASSERT_EQ(fstat(mb.index_fd, &st), 0);
     EXPECT_TRUE(st.st_ino == inode_of(idx) && mb.index_lock_count == 1);
-    EXPECT_FALSE(testutil::lockable_by_other(idx));
+    EXPECT_FALSE(lockable_by_other(idx));
     mailbox_unlock_index(&mb);
-    EXPECT_TRUE(testutil::lockable_by_other(idx));
-    EXPECT_EQ(testutil::index_entries(dir).size(), 300u);
+    EXPECT_TRUE(lockable_by_other(idx));
+    EXPECT_EQ(index_entries(dir).size(), 300u);
 }
 
 TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     std::string path = tmp.file("f"), mpath = tmp.file("m"), exp = path + "/store.exp";
     auto msg = [&](uint32_t uid) { return mpath + (uid < 100 ? "/00/" : "/01/") + std::to_string(uid) + ".msg"; };
     time_t now = time(nullptr);
@@ -194,7 +194,7 @@ TEST_F(Expunge, CleaningRemovesTheFilesOfOldRecords) {
 
 // Partition "small" lies on a tmpfs of its own, with few inodes.
 TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
-    testutil::Tmpfs fs(inst.path("small"), "size=2m,nr_inodes=64");
+    Tmpfs fs(inst.path("small"), "size=2m,nr_inodes=64");
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     restart("store.partition.small.path: " + fs.dir);
     make("small", 3, "small");
@@ -222,5 +222,5 @@ TEST_F(Expunge, FailedRewriteLeavesTheFolderAsItWas) {
     close(filler);
     unlink((fs.dir + "/filler").c_str());
     EXPECT_EQ(mailbox_expunge(&mb, 0, 0, in_set, &gone), 0);
-    EXPECT_EQ(testutil::index_entries(dir).size(), 2u);
+    EXPECT_EQ(index_entries(dir).size(), 2u);
 }

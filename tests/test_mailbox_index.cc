@@ -18,8 +18,7 @@ namespace {
 using namespace testutil;
 using Events = std::vector<std::string>;
 
-template <typename T>
-std::string bytes_of(const T &v) {
+template <typename T> std::string bytes_of(const T &v) {
     return std::string(reinterpret_cast<const char *>(&v), sizeof v);
 }
 
@@ -111,7 +110,7 @@ void expect_messages(Handle &h, const std::vector<index_record> &want, bool chec
         for (int i = 0; check_cache && i < MAILBOX_CACHE_ITEMS; i++) {
             const char *p = mailbox_cache_item(h.mb.index_map, h.mb.name, n, i);
             ASSERT_NE(p, nullptr) << "message " << n << " item " << i;
-            EXPECT_EQ(std::string(p + 4, testutil::be32_at(std::string(p, 4), 0)), items[i]);
+            EXPECT_EQ(std::string(p + 4, be32_at(std::string(p, 4), 0)), items[i]);
         }
     }
 }
@@ -143,7 +142,7 @@ class MailboxIndex : public ::testing::Test {
         sync_set_observer(note_event);
     }
     void TearDown() override { sync_set_observer(nullptr); }
-    testutil::Instance inst_;
+    Instance inst_;
     const std::string dir_ = inst_.path("partitions/primary/fred/box"), idx_ = dir_ + "/store.idx";
 };
 
@@ -169,7 +168,7 @@ TEST_F(MailboxIndex, VariableHeaderMostEntriesAndReservedNames) {
     // case; an empty slot stays empty; the slot numbers stay.
     IndexFile f;
     f.varhdr = std::string("seen1\0$JUNK\0\0later\0\nacl\0", 24);
-    testutil::write_file(idx_, f.build());
+    write_file(idx_, f.build());
     const char *saved = msgtype_flag_name[3];
     msgtype_flag_name[3] = "$Junk";
     Handle h(dir_);
@@ -191,7 +190,7 @@ TEST_F(MailboxIndex, VariableHeaderGrowsThroughIndexNew) {
         IndexFile f(2);
         f.reserve = 3;
         const std::string before = f.build();
-        testutil::write_file(idx_, before);
+        write_file(idx_, before);
         Handle h(dir_, mode);
         ASSERT_EQ(h.read(), 0);
         ASSERT_EQ(lock_blocking(h.mb.index_fd), 0);
@@ -211,11 +210,11 @@ TEST_F(MailboxIndex, VariableHeaderGrowsThroughIndexNew) {
         EXPECT_TRUE(h.mb.generation == 1 && !file_exists(index_new));
         struct stat fst;
         ASSERT_EQ(fstat(h.mb.index_fd, &fst), 0);
-        EXPECT_TRUE(fst.st_ino != old_ino && fst.st_ino == testutil::inode_of(idx_));
+        EXPECT_TRUE(fst.st_ino != old_ino && fst.st_ino == inode_of(idx_));
         EXPECT_TRUE(h.mb.index_ino == fst.st_ino && h.mb.index_size == fst.st_size);
         // That the new file is held locked: FolderOpen.LockFollowsAReplacedIndex.
         // Records and cache moved unchanged; the handle and a fresh reader agree.
-        EXPECT_EQ(testutil::read_file(idx_).substr(h.mb.hdr.start_offset), before.substr(256));
+        EXPECT_EQ(read_file(idx_).substr(h.mb.hdr.start_offset), before.substr(256));
         expect_messages(h, f.records, mode == 0);
         Handle r(dir_);
         ASSERT_EQ(r.read(), 0);
@@ -227,7 +226,7 @@ TEST_F(MailboxIndex, VariableHeaderGrowsThroughIndexNew) {
         free(h.mb.flagname[0]);
         h.mb.flagname[0] = nullptr;
         ASSERT_EQ(mailbox_write_index_variable_header(&h.mb), 0);
-        EXPECT_EQ(testutil::inode_of(idx_), h.mb.index_ino);
+        EXPECT_EQ(inode_of(idx_), h.mb.index_ino);
         events.clear();
         ASSERT_EQ(mailbox_write_index_fixed_header(&h.mb), 0);
         EXPECT_EQ(events, Events({"barrier -1"}));
@@ -267,20 +266,20 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
-        testutil::write_file(idx_, c.bytes);
+        write_file(idx_, c.bytes);
         inst_.newLog();
         EXPECT_EQ(Handle(dir_, c.mode).read(), IMAP_MAILBOX_BADFORMAT);
         std::string log = inst_.newLog();  // one entry, naming the folder
-        EXPECT_TRUE(testutil::matches("^[^\n]* critical: [^\n]*user/fred/box\n$", log)) << log;
+        EXPECT_TRUE(matches("^[^\n]* critical: [^\n]*user/fred/box\n$", log)) << log;
         if (c.repair == logs) continue;
         EXPECT_EQ(Handle(dir_, c.mode | OPEN_REPAIR).read(), c.repair);
         EXPECT_EQ(inst_.newLog(), "");
     }
     // In repair mode a variable header error is no error.
-    testutil::write_file(idx_, noacl.build());
+    write_file(idx_, noacl.build());
     EXPECT_EQ(Handle(dir_, OPEN_REPAIR).read(), 0);
     // Records behind exists are free slots, readable up to the file's end.
-    testutil::write_file(idx_, whole);
+    write_file(idx_, whole);
     Handle h(dir_);
     ASSERT_EQ(h.read(), 0);
     index_record r;
@@ -299,13 +298,13 @@ TEST_F(MailboxIndex, PartlyCreatedEmptyFolderIsExtended) {
             for (uint32_t cut : {f.start_offset, f.start_offset + 100, f.cache_offset() - 1}) {
                 SCOPED_TRACE(std::to_string(reserve) + " " + std::to_string(mode) + " " +
                              std::to_string(cut));
-                testutil::write_file(idx_, full.substr(0, cut));
+                write_file(idx_, full.substr(0, cut));
                 inst_.newLog();
                 Handle h(dir_, mode);
                 ASSERT_EQ(h.read(), 0);
                 EXPECT_NE(inst_.newLog().find("notice: "), std::string::npos);
                 EXPECT_EQ(h.mb.index_size, f.cache_offset());
-                EXPECT_EQ(testutil::read_file(idx_), full);
+                EXPECT_EQ(read_file(idx_), full);
                 EXPECT_STREQ(h.mb.acl, "fred\tlrswipcda\t");
                 EXPECT_EQ(Handle(dir_).read(), 0);
                 EXPECT_EQ(inst_.newLog(), "");
@@ -315,20 +314,19 @@ TEST_F(MailboxIndex, PartlyCreatedEmptyFolderIsExtended) {
     // A file that may not grow is no damaged folder: the failure is one of
     // resources, and the file stays as it was.
     IndexFile f;
-    testutil::write_file(idx_, f.build().substr(0, 300));
-    EXPECT_EQ(testutil::in_child([&] {
+    write_file(idx_, f.build().substr(0, 300));
+    EXPECT_EQ(in_child([&] {
                   signal(SIGXFSZ, SIG_IGN);
                   struct rlimit small = {4096, 4096};
                   if (setrlimit(RLIMIT_FSIZE, &small) != 0) return 2;
                   return Handle(dir_).read() == IMAP_IOERROR ? 0 : 1;
-              }),
-              0);
+              }), 0);
     EXPECT_EQ(file_size(idx_), 300);
     // Cut below start_offset, or with a message, it is no partial create.
     IndexFile one(1);
     for (const std::string &cut :
          {f.build().substr(0, 255), one.build().substr(0, one.cache_offset() - 1)}) {
-        testutil::write_file(idx_, cut);
+        write_file(idx_, cut);
         EXPECT_EQ(Handle(dir_).read(), IMAP_MAILBOX_BADFORMAT);
         EXPECT_EQ(file_size(idx_), (off_t)cut.size());
     }
@@ -371,23 +369,22 @@ TEST_F(MailboxIndex, Version257ConvertsTo258) {
         ~StoreDown() { mboxlist_reset_for_tests(); }
     } storeDown;
     OldFolder o(42, 3);
-    testutil::write_file(idx_, o.idx);
+    write_file(idx_, o.idx);
     // A cache of another generation, one of fewer than 4 bytes, none: the
     // folder stays as it was, unlocked.
     for (std::string cch : {"+" + o.cch.substr(1), std::string("ab"), std::string()}) {
         SCOPED_TRACE(cch.size());
-        cch.empty() ? (void)unlink((dir_ + "/store.cch").c_str())
-                    : testutil::write_file(dir_ + "/store.cch", cch);
+        cch.empty() ? (void)unlink((dir_ + "/store.cch").c_str()) : write_file(dir_ + "/store.cch", cch);
         Handle h(dir_);
         ASSERT_EQ(h.read(), 0);
         EXPECT_EQ(mailbox_convertfromv1(&h.mb), cch.empty() ? IMAP_IOERROR : IMAP_MAILBOX_BADFORMAT);
         EXPECT_TRUE(h.mb.mbd.version == MAILBOX_VERSION_OLD && h.mb.hdr.cache_offset == 42);
-        EXPECT_EQ(testutil::read_file(idx_), o.idx);
+        EXPECT_EQ(read_file(idx_), o.idx);
         EXPECT_FALSE(file_exists(index_new));
-        EXPECT_TRUE(testutil::lockable_by_other(idx_)) << "the index lock was kept";
+        EXPECT_TRUE(lockable_by_other(idx_)) << "the index lock was kept";
     }
-    testutil::write_file(dir_ + "/store.cch", o.cch);
-    testutil::write_file(index_new, "left over from a crash");
+    write_file(dir_ + "/store.cch", o.cch);
+    write_file(index_new, "left over from a crash");
     Handle h(dir_);
     ASSERT_EQ(h.read(), 0);
     events.clear();
@@ -397,7 +394,7 @@ TEST_F(MailboxIndex, Version257ConvertsTo258) {
     EXPECT_TRUE(h.mb.mbd.version == MAILBOX_VERSION && h.mb.hdr.cache_offset == cache);
     EXPECT_EQ(h.mb.index_lock_count, 0u);
     EXPECT_FALSE(file_exists(dir_ + "/store.cch") || file_exists(index_new));
-    EXPECT_EQ(h.mb.index_ino, testutil::inode_of(idx_));
+    EXPECT_EQ(h.mb.index_ino, inode_of(idx_));
     expect_messages(h, o.records);
     Handle r(dir_);
     ASSERT_EQ(r.read(), 0);
@@ -409,16 +406,15 @@ TEST_F(MailboxIndex, Version257ConvertsTo258) {
     ASSERT_EQ(mboxlist_lookup(r.mb.name, &row, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(memcmp(&row, &r.mb.mbd, sizeof row), 0);
     // A zeroed reserve, and the cache entries moved byte for byte.
-    EXPECT_EQ(testutil::read_file(idx_).substr(256 + 3 * 76),
-              std::string(7600, '\0') + o.cch.substr(4));
+    EXPECT_EQ(read_file(idx_).substr(256 + 3 * 76), std::string(7600, '\0') + o.cch.substr(4));
     // An empty old folder converts on open: FolderOpen.OpenModesAndRepair.
 }
 
 TEST(MailboxFiles, MessageFileMapsAndDirectories) {
-    testutil::TempDir t;
+    TempDir t;
     std::string mdir = t.path() + "/msgs";
     ASSERT_EQ(mailbox_makedirs((mdir + "//23/").c_str()), 0);  // doubled and trailing "/"
-    testutil::write_file(mdir + "/23/12345.msg", "Subject: hi\r\n");
+    write_file(mdir + "/23/12345.msg", "Subject: hi\r\n");
     // Maps under the message directory, with or without a "/" at its end,
     // else under the folder directory; a missing file is its errno.
     mailbox mb = zeromailbox;
@@ -447,9 +443,9 @@ TEST(MailboxText, HeaderValues) {
                               {"X-Empty", ""}, {"Body-Header", "<null>"},
                               {"Receive", "<null>"}};  // a prefix is no match
     for (const auto &c : cases)
-        EXPECT_EQ(testutil::take(mailbox_getheadervalue(c[0], h.data(), h.size())), c[1]) << c[0];
+        EXPECT_EQ(take(mailbox_getheadervalue(c[0], h.data(), h.size())), c[1]) << c[0];
     // Only the first 10000 bytes count; without a NUL the value ends with the block.
     std::string late = "X-Pad: " + std::string(9990, 'p') + "\r\nSubject: late\r\n";
     EXPECT_EQ(mailbox_getheadervalue("Subject", late.data(), late.size()), nullptr);
-    EXPECT_EQ(testutil::take(mailbox_getheadervalue("Subject", "Subject: abc", 11)), "ab");
+    EXPECT_EQ(take(mailbox_getheadervalue("Subject", "Subject: abc", 11)), "ab");
 }

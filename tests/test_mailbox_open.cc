@@ -29,12 +29,12 @@ bool is_zero(const mailbox &mb) {
 std::string row_acl(const char *name, mboxdata *mbd) {
     char *acl = nullptr;
     if (mboxlist_lookup(name, mbd, nullptr, nullptr, nullptr, &acl) != 0) return "<no row>";
-    return testutil::take(acl);
+    return take(acl);
 }
 
 // A store brought up in this process; folder "test/box" lives at dir_
 // without a row.
-class FolderOpen : public testutil::StoreTest {
+class FolderOpen : public StoreTest {
   protected:
     ~FolderOpen() override { auth_freestate(fred_), auth_freestate(bob_); }
     int openBox(mailbox *mb, unsigned mode = 0) {
@@ -43,8 +43,8 @@ class FolderOpen : public testutil::StoreTest {
     }
     // A child that opens the folder, takes its lock, writes 'L' to p, runs
     // fn and closes the folder (dropping the lock); exits with fn's result.
-    pid_t holder(testutil::Pipe &p, std::function<int(mailbox &)> fn) {
-        return testutil::spawn([&, fn] {
+    pid_t holder(Pipe &p, std::function<int(mailbox &)> fn) {
+        return spawn([&, fn] {
             mailbox other;
             if (openBox(&other) || mailbox_lock_index(&other) || !send_byte(p.w, 'L')) return 1;
             int r = fn(other);
@@ -65,10 +65,10 @@ class FolderOpen : public testutil::StoreTest {
 }  // namespace
 
 TEST_F(FolderOpen, LockWaitsForTheHolderNestsAndIsTried) {
-    testutil::make_folder("test/box", dir_, "", 4242, 1);
+    make_folder("test/box", dir_, "", 4242, 1);
     mailbox mb;
     ASSERT_EQ(openBox(&mb), 0);
-    testutil::Pipe p;
+    Pipe p;
     pid_t pid = holder(p, [&](mailbox &other) {
         usleep(300 * 1000);
         other.mbd.last_uid = 77;
@@ -81,7 +81,7 @@ TEST_F(FolderOpen, LockWaitsForTheHolderNestsAndIsTried) {
     ASSERT_EQ(mailbox_lock_index(&mb), 0);
     EXPECT_EQ(read_byte(p.r, 0), 'W');  // the lock came only after the holder's writes
     EXPECT_TRUE(mb.mbd.last_uid == 77 && mb.flagname[3] && !strcmp(mb.flagname[3], "Urgent"));
-    EXPECT_EQ(testutil::wait_child(pid), 0);
+    EXPECT_EQ(wait_child(pid), 0);
     // An inner lock touches no file and needs its own unlock.
     mb.mbd.last_uid = 999;
     ASSERT_EQ(mailbox_lock_index(&mb), 0);
@@ -90,7 +90,7 @@ TEST_F(FolderOpen, LockWaitsForTheHolderNestsAndIsTried) {
     expectHeldUntilUnlock(&mb);
     mailbox_close(&mb);
     // Another process holds the lock: a try fails at once, silently.
-    testutil::Pipe q, go;
+    Pipe q, go;
     pid = holder(q, [&](mailbox &) { return read_byte(go.r, 10000) == 'G' ? 0 : 2; });
     ASSERT_EQ(read_byte(q.r, 5000), 'L');
     ASSERT_EQ(openBox(&mb, OPEN_NOWAIT), 0);
@@ -98,7 +98,7 @@ TEST_F(FolderOpen, LockWaitsForTheHolderNestsAndIsTried) {
     EXPECT_EQ(mailbox_lock_index(&mb), IMAP_MAILBOX_LOCKED);
     EXPECT_TRUE(mb.index_lock_count == 0 && inst.newLog().empty());
     send_byte(go.w, 'G');
-    EXPECT_EQ(testutil::wait_child(pid), 0);
+    EXPECT_EQ(wait_child(pid), 0);
     EXPECT_EQ(mailbox_lock_index(&mb), 0);
     // Closing a locked handle releases the lock and leaves a zero handle.
     EXPECT_FALSE(lockable_by_other(idx_));
@@ -110,13 +110,13 @@ TEST_F(FolderOpen, LockFollowsAReplacedIndex) {
     // Replaced by the holder while this process waits on the old file: a
     // long ACL moves the index to a new file, which the holder keeps locked
     // for a while.
-    testutil::make_folder("test/box", dir_, "", 4242, 2);
+    make_folder("test/box", dir_, "", 4242, 2);
     mailbox mb;
     ASSERT_EQ(openBox(&mb), 0);
     ino_t old_ino = mb.index_ino;
     std::string longacl;
     for (int i = 0; i < 40; i++) longacl += "user" + std::to_string(i) + "\tlrs\t";
-    testutil::Pipe p;
+    Pipe p;
     pid_t pid = holder(p, [&](mailbox &other) {
         usleep(300 * 1000);
         free(other.acl);
@@ -131,10 +131,10 @@ TEST_F(FolderOpen, LockFollowsAReplacedIndex) {
     // Through both holds: the old file's, then the new one's.
     EXPECT_EQ(read_byte(p.r, 0), 'R');
     EXPECT_EQ(read_byte(p.r, 0), 'W');
-    EXPECT_EQ(testutil::wait_child(pid), 0);
+    EXPECT_EQ(wait_child(pid), 0);
     EXPECT_EQ(mb.index_lock_count, 1u);
     struct stat st;
-    EXPECT_TRUE(fstat(mb.index_fd, &st) == 0 && st.st_ino == testutil::inode_of(idx_) &&
+    EXPECT_TRUE(fstat(mb.index_fd, &st) == 0 && st.st_ino == inode_of(idx_) &&
                 st.st_ino != old_ino && mb.index_ino == st.st_ino);
     EXPECT_STREQ(mb.acl, longacl.c_str());
     index_record r;
@@ -144,44 +144,44 @@ TEST_F(FolderOpen, LockFollowsAReplacedIndex) {
 }
 
 TEST_F(FolderOpen, OpenModesAndRepair) {
-    testutil::make_folder("test/box", dir_, "", 4242, 3);
+    make_folder("test/box", dir_, "", 4242, 3);
     mailbox mb;
     // A version that no reader knows: logged unless silent; a repair open
     // gives a handle without a file and leaves the file alone.
-    std::string bad = testutil::read_file(idx_);
+    std::string bad = read_file(idx_);
     bad[0] = 9;
-    testutil::write_file(idx_, bad);
+    write_file(idx_, bad);
     inst.newLog();
     EXPECT_EQ(openBox(&mb), IMAP_MAILBOX_BADFORMAT);
     EXPECT_TRUE(is_zero(mb));
-    size_t loud = testutil::split_lines(inst.newLog()).size();
+    size_t loud = split_lines(inst.newLog()).size();
     EXPECT_EQ(openBox(&mb, OPEN_SILENT), IMAP_MAILBOX_BADFORMAT);
-    EXPECT_LT(testutil::split_lines(inst.newLog()).size(), loud);  // one entry fewer
+    EXPECT_LT(split_lines(inst.newLog()).size(), loud);  // one entry fewer
     ASSERT_EQ(openBox(&mb, OPEN_REPAIR), 0);
     EXPECT_TRUE(mb.index_fd == -1 && mb.name != nullptr);
     EXPECT_EQ(mailbox_lock_index(&mb), IMAP_IOERROR);  // nothing to lock
     EXPECT_EQ(mb.index_lock_count, 0u);
     mailbox_close(&mb);
-    EXPECT_EQ(testutil::read_file(idx_), bad);
+    EXPECT_EQ(read_file(idx_), bad);
     // No index at all; a repair open creates nothing.
     unlink(idx_.c_str());
     EXPECT_EQ(openBox(&mb), IMAP_IOERROR);
     ASSERT_EQ(openBox(&mb, OPEN_REPAIR), 0);
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
-    EXPECT_FALSE(testutil::file_exists(idx_));
+    EXPECT_FALSE(file_exists(idx_));
     // The old two-file layout (version 257, generation 31): a repair open
     // looks at it, a plain open converts it.
     std::string old = std::string("\x01\x01\0\0", 4) + std::string(56, '\0') + "\x1f" +
                       std::string(3, '\0') + std::string("\0\x01\0\0", 4) + std::string(16, '\0') + "\n";
-    testutil::write_file(idx_, old + std::string(256 - old.size(), '\0'));
-    testutil::write_file(dir_ + "/store.cch", std::string("\x1f\0\0\0", 4));
+    write_file(idx_, old + std::string(256 - old.size(), '\0'));
+    write_file(dir_ + "/store.cch", std::string("\x1f\0\0\0", 4));
     for (unsigned mode : {(unsigned)OPEN_REPAIR, 0u}) {
         ASSERT_EQ(openBox(&mb, mode), 0);
         EXPECT_EQ(mb.mbd.version, mode ? MAILBOX_VERSION_OLD : MAILBOX_VERSION);
         mailbox_close(&mb);
     }
-    EXPECT_FALSE(testutil::file_exists(dir_ + "/store.cch"));
+    EXPECT_FALSE(file_exists(dir_ + "/store.cch"));
 }
 
 TEST(FolderAcl, CleanAclForcesTheOwnersRights) {
@@ -193,11 +193,11 @@ TEST(FolderAcl, CleanAclForcesTheOwnersRights) {
         {"fred\tr\tfred2\tr\t", "user/fred", "fred\tlrca\tfred2\tr\t"},
         {"fred\t\tanyone\tl\t", "public/news", "anyone\tl\t"},  // no owner
         {nullptr, "public/news", ""}};
-    for (const auto &c : cases) EXPECT_EQ(testutil::take(cleanacl(c[0], c[1])), c[2]) << c[1];
+    for (const auto &c : cases) EXPECT_EQ(take(cleanacl(c[0], c[1])), c[2]) << c[1];
 }
 
 TEST_F(FolderOpen, FolderOnDiskOnlyIsTakenUpAgain) {
-    testutil::make_folder("user/fred/found", folder_dir("user/fred/found"), "bob\tlr\t", 9, 2);
+    make_folder("user/fred/found", folder_dir("user/fred/found"), "bob\tlr\t", 9, 2);
     mailbox mb;
     // Without the owner's inbox in the database the disk is not looked at;
     // with it, a name without files is still nothing.
@@ -224,7 +224,7 @@ static void note_barrier(sync_event e, const char *) {
     mboxdata row = {};
     std::string idx = folder_dir("user/fred") + "/store.idx";
     if (e == SYNC_EVENT_BARRIER && mboxlist_lookup("user/fred", &row, 0, 0, 0, 0) == 0)
-        barriers.push_back(std::to_string(testutil::file_size(idx)) + " " + std::to_string(row.version));
+        barriers.push_back(std::to_string(file_size(idx)) + " " + std::to_string(row.version));
 }
 
 TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
@@ -237,7 +237,7 @@ TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
     ASSERT_EQ(mailbox_open("user/fred", OPEN_REPAIR, bob_, &mb), 0);
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
-    EXPECT_FALSE(testutil::file_exists(folder_dir("user/fred")));
+    EXPECT_FALSE(file_exists(folder_dir("user/fred")));
     sync_set_observer(note_barrier);
     ASSERT_EQ(mailbox_open("user/fred", OPEN_APPEND, bob_, &mb), 0);
     sync_set_observer(nullptr);
@@ -249,7 +249,7 @@ TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
     EXPECT_GT(mb.hdr.start_offset, 256u);
     EXPECT_EQ(mb.hdr.cache_offset, mb.hdr.start_offset + 7600);
     std::string idx = folder_dir("user/fred") + "/store.idx";
-    EXPECT_EQ(testutil::file_size(idx), (off_t)mb.hdr.cache_offset);
+    EXPECT_EQ(file_size(idx), (off_t)mb.hdr.cache_offset);
     // The whole file was flushed while the row still said it had none.
     ASSERT_FALSE(barriers.empty());
     EXPECT_EQ(barriers.back(), std::to_string(mb.hdr.cache_offset) + " " +
@@ -272,13 +272,13 @@ TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
 // says otherwise changed nothing).
 TEST(MailboxSync, GeneralAndSpecificKeys) {
     if (getenv("MAILBOX_SYNC_CHILD")) {
-        testutil::TempDir tmp;
+        TempDir tmp;
         mailbox mb = zeromailbox;
         mb.index_fd = open(tmp.file("store.idx").c_str(), O_RDWR | O_CREAT, 0600);
         mb.index_lock_count = 1;
         for (const char *more : {"", "local.store.indexsynclevel: 3\nlocal.store.synclevel: 3\n"}) {
             std::string conf = std::string(getenv("STORE_INSTANCEDIR")) + "/config/store.conf";
-            testutil::write_file(conf, testutil::read_file(conf) + more);
+            write_file(conf, read_file(conf) + more);
             configmsg_reset();
             ASSERT_EQ(configmsg_init(nullptr, 16, "synctest"), 0);
             mailbox_loadconfig();
@@ -289,17 +289,17 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
         }
         return;
     }
-    std::string self = testutil::binary_dir() + "/bin/test_mailbox_open";
+    std::string self = binary_dir() + "/bin/test_mailbox_open";
     const char *cases[][2] = {  // configuration; fdatasync, fsync, file system flush
         {"local.store.synclevel: 0\nlocal.store.indexsynclevel: 2\n", "1 0 0"},
         {"local.store.synclevel: 3\n", "0 1 0"},
         {"", "0 0 1"}};
     for (const auto &c : cases) {
-        testutil::Instance inst(c[0]);
+        Instance inst(c[0]);
         std::string out, lines, want = std::string("SYNC ") + c[1] + "\n";
         std::string cmd = std::string("MAILBOX_SYNC_CHILD=1 ") + self + " --gtest_filter=MailboxSync.*";
-        EXPECT_EQ(testutil::run_command(cmd, &out), 0) << out;
-        for (const std::string &l : testutil::split_lines(out))
+        EXPECT_EQ(run_command(cmd, &out), 0) << out;
+        for (const std::string &l : split_lines(out))
             if (l.rfind("SYNC ", 0) == 0) lines += l + "\n";
         EXPECT_EQ(lines, want + want) << c[0];
     }

@@ -17,8 +17,7 @@ using namespace testutil;
 const uint32_t NOQUOTA = QUOTA_UNLIMITED;
 
 // The row's ACL, partition and summary; false if there is no row.
-bool row_of(const char *name, std::string *acl, std::string *partition = nullptr,
-            mboxdata *mbd = nullptr) {
+bool row_of(const char *name, std::string *acl, std::string *partition = nullptr, mboxdata *mbd = nullptr) {
     char *row = nullptr;
     bool found = mboxlist_lookup_data(name, &row, nullptr) == 0;
     if (found && acl) *acl = mboxlist_acl(row);
@@ -40,7 +39,7 @@ int create(const char *name, const char *userid, const auth_state *auth, const c
     return mboxlist_createmailbox(name, version, partition, userid, auth, NOQUOTA, NOQUOTA, 0, acl);
 }
 
-class MboxlistCreate : public testutil::StoreTest {
+class MboxlistCreate : public StoreTest {
   protected:
     void SetUp() override {
         inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool"));
@@ -73,8 +72,7 @@ std::string who(const Attempt &a) {
 struct Creator {
     std::atomic<int> r{1};
     std::thread t;
-    explicit Creator(const char *name)
-        : t([this, name] { r = create(name, nullptr, auth_dontCheckAcl); }) {}
+    explicit Creator(const char *name) : t([this, name] { r = create(name, nullptr, auth_dontCheckAcl); }) {}
     ~Creator() { t.join(); }
     int wait(int ms) {
         for (int i = 0; i < ms / 10 && r.load() == 1; i++)
@@ -90,8 +88,8 @@ class FullDisk : public ::testing::Test {
         if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     }
     void TearDown() override { mboxlist_reset_for_tests(); }
-    testutil::Instance inst{"store.dbcachesize: 262144"};
-    testutil::Tmpfs fs{inst.path("data/store/mboxlist"), "size=64m"};
+    Instance inst{"store.dbcachesize: 262144"};
+    Tmpfs fs{inst.path("data/store/mboxlist"), "size=64m"};
     const std::string &dir = fs.dir;
 };
 
@@ -101,8 +99,7 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
     // A new user's root with the uidvalidity given; its quota row:
     // Append.SetupRefusals.
     ASSERT_EQ(mboxlist_createmailbox("user/fred", MAILBOX_VERSION, nullptr, "fred", auth_dontCheckAcl,
-                                     1000, 50, 4711, nullptr),
-              0);
+                                     1000, 50, 4711, nullptr), 0);
     std::string a, part;
     mboxdata mbd;
     ASSERT_TRUE(row_of("user/fred", &a, &part, &mbd));
@@ -143,8 +140,7 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         {"user/fred/a", "boss", boss, DENIED, nullptr, nullptr, "spool"},
         {"user/fred/a", "root", site, IMAP_PARTITION_UNKNOWN, nullptr, nullptr, "nowhere"},
         {"user/fred/shared/a", "root", site, 0, nullptr, shared, "spool", MAILBOX_VERSION, "spool"},
-        {"user/fred/shared/a/b", "fred", fred, 0, nullptr, shared, nullptr, MAILBOX_VERSION,
-         "spool"},
+        {"user/fred/shared/a/b", "fred", fred, 0, nullptr, shared, nullptr, MAILBOX_VERSION, "spool"},
         // Versions: only the current one, or a row without files.
         {"user/fred/v", "fred", fred, NOTSUPPORTED, nullptr, nullptr, nullptr, MAILBOX_VERSION_OLD},
         {"user/fred/v", "root", site, NOTSUPPORTED, nullptr, nullptr, "primary", DBONLY},
@@ -171,8 +167,7 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
     EXPECT_FALSE(has_row("user/fred/x/y"));  // no rows for the levels between
     for (size_t len : {70, 71})  // the longest partition name
         EXPECT_EQ(mboxlist_createmailboxcheck("user/fred/a", MAILBOX_VERSION,
-                                              std::string(len, 'p').c_str(), "root", site, nullptr,
-                                              nullptr),
+                                              std::string(len, 'p').c_str(), "root", site, nullptr, nullptr),
                   len == 70 ? 0 : IMAP_PARTITION_UNKNOWN);
     // Rows without files are deleted all the same.
     for (const char *n : {"user/fred/v", "user/fred/w"}) {
@@ -204,7 +199,7 @@ TEST_F(MboxlistCreate, LeftoverFilesAreTakenOver) {
     ASSERT_EQ(create("user/fred", "fred", auth_dontCheckAcl), 0);
     // Files with messages and no row are registered with their counters
     // (empty ones are made new: MailboxFiles.CreateOverExistingFiles).
-    testutil::make_folder("user/fred/old", folder_dir("user/fred/old"), "stale\tl\t", 999, 3);
+    make_folder("user/fred/old", folder_dir("user/fred/old"), "stale\tl\t", 999, 3);
     EXPECT_EQ(create("user/fred/old", "fred", fred), IMAP_MAILBOX_EXISTS);
     std::string a;
     mboxdata mbd;
@@ -267,19 +262,19 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     // starts alike stays.
     const std::string own("carl\0", 5), sub("carl\0user/carl/z", 16), other("carl2\0user/carl/z", 17);
     DB *subs = mboxlist_db(MBOXLIST_SUBSDB);
-    for (const std::string &k : {own, sub, other}) ASSERT_TRUE(testutil::db_put(subs, k, "x"));
+    for (const std::string &k : {own, sub, other}) ASSERT_TRUE(db_put(subs, k, "x"));
     char hash[MBOXNAME_HASH_SIZE];
     mboxname_tohash("carl", 0, hash);
     std::string subdir = inst.path("data/store/user") + hash;
     ASSERT_EQ(mailbox_makedirs(subdir.c_str()), 0);
-    testutil::write_file(subdir + "carl.sub", "user/carl/z\n");
+    write_file(subdir + "carl.sub", "user/carl/z\n");
     std::string rootdir = folder_dir("user/carl");
     EXPECT_EQ(mboxlist_deletemailbox("user/carl", "root", site), 0);
     for (const char *n : late) EXPECT_FALSE(has_row(n)) << n;
     quotadata qd;
     EXPECT_EQ(mboxlist_lookup_quota("user/carl", &qd, nullptr), DB_NOTFOUND);
-    EXPECT_FALSE(testutil::db_has(subs, own) || testutil::db_has(subs, sub));
-    EXPECT_TRUE(testutil::db_has(subs, other));
+    EXPECT_FALSE(db_has(subs, own) || db_has(subs, sub));
+    EXPECT_TRUE(db_has(subs, other));
     for (const std::string &gone : {subdir + "carl.sub", subdir, rootdir})
         EXPECT_FALSE(file_exists(gone)) << gone;
     for (const char *n : {"user/fred", "user/carl2", "user/carl2/a"}) EXPECT_TRUE(has_row(n)) << n;
@@ -311,9 +306,9 @@ TEST_F(MboxlistCreate, NamedLocks) {
 TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
     std::vector<std::string> names;
     for (int i = 0; i < 40; i++) names.push_back("user/fred/f" + std::to_string(i));
-    testutil::Pipe results;
-    pid_t pid = testutil::spawn([&] {
-        if (testutil::start_store("fulltest") != 0 || create("user/fred", nullptr, auth_dontCheckAcl))
+    Pipe results;
+    pid_t pid = spawn([&] {
+        if (start_store("fulltest") != 0 || create("user/fred", nullptr, auth_dontCheckAcl))
             return 1;
         for (const std::string &n : names)
             if (create(n.c_str(), nullptr, auth_dontCheckAcl) != 0) return 1;
@@ -324,15 +319,15 @@ TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
         for (const std::string &n : names) {
             int r = mboxlist_deletemailbox(n.c_str(), nullptr, auth_dontCheckAcl);
             char c = r == 0 ? '0' : r == IMAP_IOERROR ? 'E' : '?';
-            if (!testutil::send_byte(results.w, c)) return 1;
+            if (!send_byte(results.w, c)) return 1;
         }
         raise(SIGKILL);  // the end of the host: no exit handler writes the log
         return 1;
     });
     ASSERT_GT(pid, 0);
     std::string got;
-    for (size_t i = 0; i < names.size(); i++) got += (char)testutil::read_byte(results.r, 30000);
-    EXPECT_EQ(testutil::wait_child(pid), 128 + SIGKILL);
+    for (size_t i = 0; i < names.size(); i++) got += (char)read_byte(results.r, 30000);
+    EXPECT_EQ(wait_child(pid), 128 + SIGKILL);
     EXPECT_NE(got.find('E'), std::string::npos) << got;
     EXPECT_EQ(got.find_first_not_of("0E"), std::string::npos) << got;
     // The host's memory goes with it: the environment's regions, and with
@@ -340,8 +335,8 @@ TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
     // room again: every row has its files, and a create takes over files
     // left without a row.
     unlink((dir + "/filler").c_str());
-    ASSERT_EQ(testutil::run_command("rm -f '" + dir + "'/__db.*"), 0);
-    ASSERT_EQ(testutil::start_store("fulltest"), 0);
+    ASSERT_EQ(run_command("rm -f '" + dir + "'/__db.*"), 0);
+    ASSERT_EQ(start_store("fulltest"), 0);
     for (size_t i = 0; i < names.size(); i++) {
         const char *n = names[i].c_str();
         bool files = file_exists(folder_dir(n) + "/store.idx");
@@ -386,7 +381,7 @@ static int check_store(int *found, int *rows) {
 }
 
 TEST(MboxlistCrash, KilledCreatesAndDeletesLeaveRowsWithFiles) {
-    testutil::Instance inst;
+    Instance inst;
     // Each round ends with a recovery from scratch, as after a crash of the
     // host: commits still in the log buffer are lost, the order must hold.
     unsigned seed = (unsigned)time(nullptr);
@@ -395,11 +390,11 @@ TEST(MboxlistCrash, KilledCreatesAndDeletesLeaveRowsWithFiles) {
     const int rounds = 40;
     int leftovers = 0, maxrows = 0;
     for (int round = 0; round <= rounds; round++) {
-        testutil::Pipe ready;
+        Pipe ready;
         unsigned childseed = rng();
-        pid_t pid = testutil::spawn([&] {
+        pid_t pid = spawn([&] {
             int rows = 0, found = 0;
-            if (testutil::start_store("crashtest") != 0) return 30;
+            if (start_store("crashtest") != 0) return 30;
             if (int r = check_store(&found, &rows)) return r;
             char report[2] = {(char)found, (char)rows};
             if (write(ready.w, report, 2) != 2) return 30;
@@ -417,24 +412,22 @@ TEST(MboxlistCrash, KilledCreatesAndDeletesLeaveRowsWithFiles) {
         ASSERT_GT(pid, 0);
         close(ready.w);  // a child that ends early closes the pipe for good
         ready.w = -1;
-        int found = testutil::read_byte(ready.r, 60000);
-        int rows = testutil::read_byte(ready.r, 1000);
+        int found = read_byte(ready.r, 60000);
+        int rows = read_byte(ready.r, 1000);
         if (found < 0 || rows < 0) {
-            int st = testutil::wait_child(pid);
-            FAIL() << "round " << round << ": check failed with status " << st << " (seed " << seed
-                   << ")";
+            int st = wait_child(pid);
+            FAIL() << "round " << round << ": check failed with status " << st << " (seed " << seed << ")";
         }
         leftovers += found;
         if (rows > maxrows) maxrows = rows;
         if (round == rounds) {
-            EXPECT_EQ(testutil::wait_child(pid), 0);
+            EXPECT_EQ(wait_child(pid), 0);
             break;
         }
         // Let it work for a while, then kill it wherever it is.
         usleep((useconds_t)(rng() % 40000));
         kill(pid, SIGKILL);
-        ASSERT_EQ(testutil::wait_child(pid), 128 + SIGKILL) << "round " << round << " (seed " << seed
-                                                            << ")";
+        ASSERT_EQ(wait_child(pid), 128 + SIGKILL) << "round " << round << " (seed " << seed << ")";
     }
     // The loop did real work, and some kills fell between files and rows.
     EXPECT_GT(maxrows, 2);

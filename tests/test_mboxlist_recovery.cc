@@ -14,10 +14,10 @@ namespace {
 std::string recover_in_child(Instance &inst, int *status, const char *put = nullptr,
                              const char *ask = nullptr) {
     inst.newLog();
-    *status = testutil::in_child([&] {
-        if (testutil::start_store("stored") != 0) return 91;
-        if (put) testutil::put_row(put, MAILBOX_VERSION, 0, "");
-        int found = ask ? (testutil::has_row(ask) ? 10 : 11) : 0;
+    *status = in_child([&] {
+        if (start_store("stored") != 0) return 91;
+        if (put) put_row(put, MAILBOX_VERSION, 0, "");
+        int found = ask ? (has_row(ask) ? 10 : 11) : 0;
         return mboxlist_close() == 0 ? found : 92;
     });
     return inst.newLog();
@@ -44,8 +44,7 @@ const char *DROP_LOGS = "Removing extra database logs.";
 
 // A snapshot s1 of the store as it is, an older s0 and a directory without
 // a time mark, which are passed over.
-const char *SNAPSHOTS =
-    "mkdir -p $S/snaps/s1 $S/snaps/s0 $S/snaps/bad && cp $D/*.db $D/log.* $S/snaps/s1 && "
+const char *SNAPSHOTS = "mkdir -p $S/snaps/s1 $S/snaps/s0 $S/snaps/bad && cp $D/*.db $D/log.* $S/snaps/s1 && "
     "cp $D/*.db $D/log.* $S/snaps/s0 && touch $S/snaps/s1/.snaptime && "
     "touch -d '2 days ago' $S/snaps/s0/.snaptime && ";
 
@@ -76,8 +75,7 @@ TEST(Recovery, EmptyStoreComesUpWithEveryDatabase) {
     EXPECT_GT(eve, 0);
     for (const char *f : {"folder.db", "quota.db", "subscr.db", "lright.db", "peruser.db"}) {
         std::string err;
-        EXPECT_EQ(testutil::run_command("cd '" + d + "' && db5.3_verify -q " + f, nullptr, &err), 0)
-            << f << err;
+        EXPECT_EQ(run_command("cd '" + d + "' && db5.3_verify -q " + f, nullptr, &err), 0) << f << err;
     }
 }
 
@@ -92,11 +90,9 @@ TEST(Recovery, EachStateTakesItsRepairs) {
          false, 10, {STATE + "4", DROP_LOGS, SUCCESS}, EMPTY},
         {"missing database", "rm $D/quota.db", false, 11,
          {STATE + "5", TEMPLATE, "Could not initialize database with templates", EMPTY,
-          "Previous version of store database moved for analysis", NORMAL, SUCCESS},
-         nullptr},
+          "Previous version of store database moved for analysis", NORMAL, SUCCESS}, nullptr},
         {"snapshot", std::string(SNAPSHOTS) + "rm $D/quota.db", true, 10,
-         {"Best mboxlist db snapshot", ":s1: n = 2", STATE + "5", FROM_SNAPSHOT, FATAL, SUCCESS},
-         EMPTY},
+         {"Best mboxlist db snapshot", ":s1: n = 2", STATE + "5", FROM_SNAPSHOT, FATAL, SUCCESS}, EMPTY},
         {"ph2 naming 4 first", std::string(SNAPSHOTS) +
          "mkdir -p $S/dbdata && printf 'functi\\000\\001\\000\\004' >$S/dbdata/stored.ph2 && "
          "rm $D/quota.db", true, 11, {STATE + "5", EMPTY, SUCCESS}, FROM_SNAPSHOT},
@@ -108,8 +104,7 @@ TEST(Recovery, EachStateTakesItsRepairs) {
          "rm $D/subscr.db", false, 10, {STATE + "5", TEMPLATE, NORMAL, SUCCESS}, "Could not"},
         {".catrecov", "touch $D/.catrecov", false, 10, {STATE + "1", FATAL, SUCCESS}, nullptr},
         {"databases gone", "rm -rf $D && mkdir -p $D/sessions $D/folderlock", false, 11,
-         {STATE + "2", "critical: mboxlist_init: the folder database in", "has vanished", SUCCESS},
-         EMPTY},
+         {STATE + "2", "critical: mboxlist_init: the folder database in", "has vanished", SUCCESS}, EMPTY},
         // A log head with the library's magic and version 7.
         {"foreign log version", "rm $D/log.* && printf '\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0"
          "\\210\\011\\004\\0\\007\\0\\0\\0' >$D/log.0000000001", false, 0,
@@ -122,7 +117,7 @@ TEST(Recovery, EachStateTakesItsRepairs) {
         recover_in_child(inst, &status, "user/keep", "user/keep");
         ASSERT_EQ(status, 10);
         std::string s = inst.path("data/store");
-        ASSERT_EQ(testutil::run_command("S='" + s + "'; D=$S/mboxlist; " + c.setup), 0) << c.setup;
+        ASSERT_EQ(run_command("S='" + s + "'; D=$S/mboxlist; " + c.setup), 0) << c.setup;
         // A template must make no work for recovery: its pages point at no log.
         if (c.setup.find("templates") != std::string::npos) {
             ASSERT_EQ(zero_logs((s + "/dbdata/templates").c_str()), 0);
@@ -135,11 +130,11 @@ TEST(Recovery, EachStateTakesItsRepairs) {
 }
 
 TEST(Recovery, ZeroLsnClearsWholePagesOnly) {
-    testutil::TempDir t;
+    TempDir t;
     std::string pages(4096 * 2 + 100, '\x55'), expect = pages;
     expect.replace(0, 8, 8, '\0');
     expect.replace(4096, 8, 8, '\0');
-    testutil::write_file(t.file("p.db"), pages);
+    write_file(t.file("p.db"), pages);
     ASSERT_EQ(zero_lsn(t.file("p.db").c_str(), 4096), 0);
-    EXPECT_EQ(testutil::read_file(t.file("p.db")), expect);
+    EXPECT_EQ(read_file(t.file("p.db")), expect);
 }

@@ -20,7 +20,7 @@ int cmp(const std::string &a, const std::string &b) {
 
 std::string key(const char *s) { return std::string(s, strlen(s) + 1); }
 
-using OpenStore = testutil::StoreTest;
+using OpenStore = StoreTest;
 
 }  // namespace
 
@@ -47,7 +47,7 @@ TEST(MboxlistKeys, OrderAndNameComparison) {
 TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
     // A missing row is not found; "version3" is no partition: the row
     // reads, a path doesn't.
-    testutil::put_row("user/fred/old", MAILBOX_VERSION, 0, "", 77, "version3");
+    put_row("user/fred/old", MAILBOX_VERSION, 0, "", 77, "version3");
     struct mboxdata mbd;
     char *part = nullptr, *path = nullptr, *acl = nullptr;
     EXPECT_EQ(mboxlist_lookup("user/nobody", nullptr, &part, nullptr, nullptr, nullptr),
@@ -65,8 +65,7 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
         char *row = nullptr;
         EXPECT_EQ(mboxlist_lookup_data("user/bad", &row, nullptr), IMAP_MAILBOX_BADFORMAT);
         EXPECT_EQ(row, nullptr);
-        EXPECT_EQ(mboxlist_lookup("user/bad", &mbd, nullptr, nullptr, nullptr, &acl),
-                  IMAP_MAILBOX_BADFORMAT);
+        EXPECT_EQ(mboxlist_lookup("user/bad", &mbd, nullptr, nullptr, nullptr, &acl), IMAP_MAILBOX_BADFORMAT);
     }
     // Quota rows of every size.
     struct quotadata full = {};
@@ -85,8 +84,7 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
         ASSERT_EQ(mboxlist_lookup_quota(root, &q, nullptr), 0) << root;
         bool shrt = strcmp(root, "user/short") == 0;
         EXPECT_TRUE(q.used_low == 77u && q.limit_messages == (shrt ? QUOTA_UNLIMITED : 50u) &&
-                    q.last_dbrepair == (shrt ? 0u : 99u))
-            << root;
+                    q.last_dbrepair == (shrt ? 0u : 99u)) << root;
     }
     EXPECT_EQ(mboxlist_lookup_quota("user/none", &q, nullptr), DB_NOTFOUND);
 }
@@ -96,37 +94,36 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
 // (the daemon's deadlock detector expires them): lookups and creates must
 // fail, not report the folder missing and act on it.
 TEST(MboxlistFailedReads, AreNoMissingFolders) {
-    testutil::Instance inst;
+    Instance inst;
     ASSERT_TRUE(inst.startStored());
-    auto join = [] { return testutil::join_store("rowtest"); };
+    auto join = [] { return join_store("rowtest"); };
     auto lookup = [] { return mboxlist_lookup("user/bob", nullptr, nullptr, nullptr, nullptr, nullptr); };
-    ASSERT_EQ(testutil::in_child([&] {
+    ASSERT_EQ(in_child([&] {
                   return join() && mboxlist_createmailbox("user/bob", MAILBOX_VERSION, nullptr, nullptr,
                                                           auth_dontCheckAcl, QUOTA_UNLIMITED,
                                                           QUOTA_UNLIMITED, 0, nullptr) == 0 ? 0 : 1;
-              }),
-              0);
-    testutil::Pipe held, done;
-    pid_t holder = testutil::spawn([&] {
+              }), 0);
+    Pipe held, done;
+    pid_t holder = spawn([&] {
         DB_TXN *txn;
         if (!join() || mboxlist_trans_setup(&txn, "hold", "user/bob")) return 1;
         struct mboxdata mbd = {};
         DBT k, v;
         mboxlist_create_struct(&k, &v, nullptr, "user/bob", &mbd, "primary", "", nullptr);
         DB *folders = mboxlist_db(MBOXLIST_FOLDERDB);
-        if (folders->put(folders, txn, &k, &v, 0) || !testutil::send_byte(held.w, 'h')) return 2;
-        testutil::read_byte(done.r, 60000);
+        if (folders->put(folders, txn, &k, &v, 0) || !send_byte(held.w, 'h')) return 2;
+        read_byte(done.r, 60000);
         txn->abort(txn);
         return 0;
     });
-    ASSERT_EQ(testutil::read_byte(held.r, 30000), 'h');
-    int asked = testutil::in_child([&] {
+    ASSERT_EQ(read_byte(held.r, 30000), 'h');
+    int asked = in_child([&] {
         if (!join()) return 1;
         DB_ENV *env = mboxlist_env();
         env->set_timeout(env, 300000, DB_SET_LOCK_TIMEOUT);
         env->set_flags(env, DB_TIME_NOTGRANTED, 1);
         auth_state *site = auth_newstate("root", nullptr, AUTH_ADMIN_SITE);
-        std::string dir = testutil::folder_dir("user/bob/x");
+        std::string dir = folder_dir("user/bob/x");
         int found = lookup();
         int created = mboxlist_createmailbox("user/bob/x", MAILBOX_VERSION, nullptr, "root", site,
                                              QUOTA_UNLIMITED, QUOTA_UNLIMITED, 0, nullptr);
@@ -135,11 +132,11 @@ TEST(MboxlistFailedReads, AreNoMissingFolders) {
         // on a loaded host it may rightly succeed once the holder gives up.
         fprintf(stderr, "lookup %d, create %d\n", found, created);
         if (found != IMAP_IOERROR || created != IMAP_IOERROR) return 2;
-        return testutil::file_exists(dir) ? 3 : 0;
+        return file_exists(dir) ? 3 : 0;
     });
     EXPECT_EQ(asked, 0);
-    testutil::send_byte(done.w, 'd');
-    EXPECT_EQ(testutil::wait_child(holder), 0);
+    send_byte(done.w, 'd');
+    EXPECT_EQ(wait_child(holder), 0);
     // Once the lock is gone, the same calls work.
-    EXPECT_EQ(testutil::in_child([&] { return join() && lookup() == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(in_child([&] { return join() && lookup() == 0 ? 0 : 1; }), 0);
 }

@@ -155,8 +155,7 @@ TEST(Mboxname, PolicyCheck)
     const std::string n256 = "public/" + std::string(249, 'x');
     const std::string accepted[] = {
         "user/bob", "user/bob/inboxes", "user/bob/x/inbox", "public/news", n256,
-        "public/ !\"#$'()+,-.0189:;<=>@AZ[\\]^_`az{|}~",
-        "public/&-",  // the escaped "&" alone
+        "public/ !\"#$'()+,-.0189:;<=>@AZ[\\]^_`az{|}~", "public/&-",  // the escaped "&" alone
         "public/&AOk-", "public/&AOk-&-", "public/&-&AOk-",  // "&-" beside a run
         "public/&AOk-x&AOk-", "public/&AOk-/&AOk-",         // runs apart
         // Runs of two, three and four units, the last closed with no

@@ -75,8 +75,7 @@ void check_layout(const struct body &b) {
     for (int i = 0; i + 1 < b.numparts; i++) {
         const struct body &p = b.subpart[i];
         EXPECT_EQ(b.subpart[i + 1].header_offset,
-                  p.header_offset + p.header_size + p.content_size + p.boundary_size)
-            << "part " << i;
+                  p.header_offset + p.header_size + p.content_size + p.boundary_size) << "part " << i;
     }
     for (int i = 0; i < b.numparts; i++) check_layout(b.subpart[i]);
     if (b.numparts == 0 && b.subpart) {
@@ -114,8 +113,7 @@ TEST(MessageParse, MissingHeaderAndLastLine) {
         EXPECT_EQ(std::vector<uint32_t>({b.header_size, (uint32_t)b.header_lines, b.content_offset,
                                          b.content_size, b.content_lines}),
                   std::vector<uint32_t>({c.header_size, c.header_lines, c.header_size,
-                                         c.content_size, c.content_lines}))
-            << c.text;
+                                         c.content_size, c.content_lines})) << c.text;
         EXPECT_EQ(str(b.subject) + field(b, "type"), str(c.subject) + "TEXT/PLAIN CHARSET=us-ascii");
         expect_whole(t);
     }
@@ -165,8 +163,7 @@ TEST(MessageParse, HeaderFields) {
         // Transfer encoding: a token alone in its field.
         {"Content-Transfer-Encoding: quoted-printable (qp)", "encoding", "QUOTED-PRINTABLE"},
         {"Content-Transfer-Encoding: 7bit x\nContent-Transfer-Encoding: base64", "encoding", "BASE64"},
-        {"Content-Disposition: inline junk\nContent-Disposition: Attachment", "disposition",
-         "ATTACHMENT "},
+        {"Content-Disposition: inline junk\nContent-Disposition: Attachment", "disposition", "ATTACHMENT "},
         // The list of the last header with a tag wins; a bad tag ends the list.
         {"Content-Language: de\nContent-Language: en, x1, fr\nContent-Language: 42", "language", "EN"},
         {"Content-Language: en (English) , fr", "language", "EN,FR"},
@@ -201,14 +198,11 @@ TEST(MessageParse, HeaderFields) {
 }
 
 TEST(MessageParse, MultipartSizes) {
-    const std::string msg = crlf(
-        "Content-Type: multipart/mixed; boundary=\"outer\"\n\npreamble\n"
+    const std::string msg = crlf("Content-Type: multipart/mixed; boundary=\"outer\"\n\npreamble\n"
         "--outer\nContent-Type: text/plain; charset=utf-8\n\npart one\n.dot\n"
         "--outer\nContent-Type: multipart/alternative; boundary=inner\n\n"
-        "--inner\n\nalt one\n--inner\nContent-Type: text/html\n\n<p>x</p>\n--inner--\n"
-        "inner epilogue\n"
-        "--outer\nContent-Type: message/rfc822\n\nSubject: inside\n\ninner body\n"
-        "--outer--\nepilogue\n");
+        "--inner\n\nalt one\n--inner\nContent-Type: text/html\n\n<p>x</p>\n--inner--\ninner epilogue\n"
+        "--outer\nContent-Type: message/rfc822\n\nSubject: inside\n\ninner body\n--outer--\nepilogue\n");
     Tree t(msg);
     const struct body &top = t.top;
     expect_whole(t);

@@ -59,7 +59,7 @@ TEST(ScannerDates, SeparatorAndHeaderDatesUnderTwoZones) {
         {"Wed, 10 Jul 2002 12:00:00", 1026302400, 1026316800},
     };
     for (const char *zone : {"UTC", "America/New_York"}) {
-        testutil::ScopedTZ tz(zone);
+        ScopedTZ tz(zone);
         bool utc = strcmp(zone, "UTC") == 0;
         for (const auto &l : lines)
             EXPECT_EQ(date_of(l.text), utc || !l.newYork ? l.utc : l.newYork) << zone << ": " << l.text;
@@ -69,8 +69,7 @@ TEST(ScannerDates, SeparatorAndHeaderDatesUnderTwoZones) {
         // Dates that are no good: the separator gives none (and reads no
         // byte beyond its line), the header parser gives the current time.
         for (const char *bad : {"From joe Tue NOV  5 10:20:30 2002", "From bob Tue Mar  7 17:42:10 2002 -T0",
-                                "From joe Tue Nov  5 10:20:30 2002 +01x0"})
-            EXPECT_LE(date_of(bad), 0) << bad;
+                                "From joe Tue Nov  5 10:20:30 2002 +01x0"}) EXPECT_LE(date_of(bad), 0) << bad;
         time_t before = time(nullptr);
         for (const char *bad : {"Fri, 3 Jan 2003 10:00 +0000", (const char *)nullptr, "3 Foo 2003",
                                 "3 Jan 1899 10:00:00 +0000", "3 Jan 2003 10:00:00 +01"})
@@ -107,7 +106,7 @@ TEST(Scanner, CutsMessagesAndRewritesLineEnds) {
         {F + "Content-Length: 500\ncontent-length: -4\n\nx\n\n" + F + "\nb\n",
          {"Content-Length: 500\r\ncontent-length: -4\r\n\r\nx\r\n", "\nb\r\n"}},
     };
-    for (const auto &c : cases) EXPECT_EQ(testutil::scan_texts(c.file), c.texts) << c.file;
+    for (const auto &c : cases) EXPECT_EQ(scan_texts(c.file), c.texts) << c.file;
     noContentLen = 1;
     EXPECT_EQ(scan_mbox(cases[5].file).size(), 3u);
     noContentLen = 0;

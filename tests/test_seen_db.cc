@@ -15,7 +15,7 @@ namespace {
 struct Folder {
     Folder(const std::string &n, const std::string &dir, uint32_t last_uid, uint32_t exists = 0)
         : name(n), path(dir) {
-        if (!dir.empty()) testutil::run_command("mkdir -p '" + dir + "'");
+        if (!dir.empty()) run_command("mkdir -p '" + dir + "'");
         mb = zeromailbox;
         mb.name = const_cast<char *>(name.c_str());
         mb.path = const_cast<char *>(path.c_str());
@@ -52,7 +52,7 @@ std::string raw(const std::string &key) {
         if (r.compare(0, key.size() + 1, key + "=") == 0) return r.substr(key.size() + 1);
     return "<none>";
 }
-void put(const std::string &k, const std::string &v) { ASSERT_TRUE(testutil::db_put(userflagdb, k, v)); }
+void put(const std::string &k, const std::string &v) { ASSERT_TRUE(db_put(userflagdb, k, v)); }
 std::string word(uint32_t v) { return std::string(reinterpret_cast<const char *>(&v), 4); }
 
 // What seen_lockread gives: "rc lastread recentuid lastchange|text".
@@ -73,7 +73,7 @@ RangeList ranges(const seen_range *a, int n) {
     return v;
 }
 
-class SeenStore : public testutil::StoreTest {
+class SeenStore : public StoreTest {
   protected:
     std::string dir(const std::string &rel) { return inst.path("partitions/primary/" + rel); }
 };
@@ -114,23 +114,23 @@ TEST_F(SeenStore, MutexIsPerPairAndReleasedByClose) {
     ASSERT_EQ(seen_lockread(h, nullptr, nullptr, nullptr, nullptr), 0);
     // Another process asks for the mutex of a pair by its name and says on
     // the pipe when it has it.
-    auto contender = [](testutil::Pipe &p, const char *name) {
-        return testutil::spawn([&p, name]() {
+    auto contender = [](Pipe &p, const char *name) {
+        return spawn([&p, name]() {
             return db_globalmutex_hold(db_globalmutex_open(name)) == 0 && write(p.w, "x", 1) == 1 ? 0 : 1;
         });
     };
-    testutil::Pipe other, same;
+    Pipe other, same;
     pid_t o = contender(other, "user/bob/a\tjoe peruser");
-    EXPECT_EQ(testutil::read_byte(other.r, 5000), 'x');  // another user: no wait
-    EXPECT_EQ(testutil::wait_child(o), 0);
+    EXPECT_EQ(read_byte(other.r, 5000), 'x');  // another user: no wait
+    EXPECT_EQ(wait_child(o), 0);
     pid_t s = contender(same, "user/bob/a\tfred peruser");
-    EXPECT_EQ(testutil::read_byte(same.r, 400), -1);
+    EXPECT_EQ(read_byte(same.r, 400), -1);
     seen_close(h);  // without seen_unlock
     EXPECT_EQ(f.mb.peruser_lock_count, 0u);
-    int got = testutil::read_byte(same.r, 5000);
+    int got = read_byte(same.r, 5000);
     EXPECT_EQ(got, 'x');
     if (got != 'x') kill(s, SIGKILL);
-    EXPECT_EQ(testutil::wait_child(s), 0);
+    EXPECT_EQ(wait_child(s), 0);
 }
 
 TEST_F(SeenStore, RangesAndLookups) {
@@ -161,8 +161,7 @@ TEST_F(SeenStore, RangesAndLookups) {
         put("user/bob/a\tfred", c.stored);
         ASSERT_EQ(getPerUserFlags(&f.mb, "fred", &fl), 0);
         EXPECT_EQ(std::to_string(fl.lastread) + " " + std::to_string(fl.recentuid) + " " +
-                      std::to_string(fl.lastchange),
-                  std::string(c.stored).substr(0, 5));
+                      std::to_string(fl.lastchange), std::string(c.stored).substr(0, 5));
         EXPECT_EQ(ranges(fl.seen, fl.nseen), c.seen);
         EXPECT_EQ(ranges(fl.deleted, fl.ndeleted), c.deleted);
         freeUserFlags(&fl);
@@ -185,26 +184,23 @@ TEST_F(SeenStore, CreateAndDeleteTouchTheFolderOnly) {
     put("user/bob/o\tbob", "3 3 3 3 ");
     // Delete takes the folder with its users, not its neighbours nor
     // records without a folder, and the checkpoint file only when asked.
-    testutil::write_file(a.path + "/store.usr", "bob\t1 2 3 1:2 \n");
-    testutil::write_file(ab.path + "/store.usr", "bob\t1 1 1 1 \n");
+    write_file(a.path + "/store.usr", "bob\t1 2 3 1:2 \n");
+    write_file(ab.path + "/store.usr", "bob\t1 1 1 1 \n");
     ASSERT_EQ(seen_delete(&a.mb, 1), 0);
     ASSERT_EQ(seen_delete(&o.mb, 1), 0);
     EXPECT_EQ(records("user/bob/"), Keys({"user/bob/a/b\tbob=2 2 2 2 ", "user/bob/ab=#1",
                                           "user/bob/ab\tbob=1 1 1 1 ", "user/bob/o\tbob=3 3 3 3 "}));
-    EXPECT_FALSE(testutil::file_exists(a.path + "/store.usr"));
+    EXPECT_FALSE(file_exists(a.path + "/store.usr"));
     ASSERT_EQ(seen_delete(&ab.mb, 0), 0);
     EXPECT_EQ(records("user/bob/ab"), Keys());
-    EXPECT_TRUE(testutil::file_exists(ab.path + "/store.usr"));
+    EXPECT_TRUE(file_exists(ab.path + "/store.usr"));
     EXPECT_EQ(seen_delete(&a.mb, 1), 0);  // nothing left: no failure
 }
 
 TEST_F(SeenStore, RebuildFromCheckpointFile) {
     Folder f("user/bob/r", dir("bob/r"), 50);
-    testutil::write_file(f.path + "/store.usr",
-                         "fred\t5 3 9 1:3,7 \n"
-                         "no tab here 1 2 3\n"
-                         "joe\t1 2 3 1:2:3,0,60 ,4\n"
-                         "gone\t1 99 3  \n"  // recentuid above last_uid
+    write_file(f.path + "/store.usr", "fred\t5 3 9 1:3,7 \nno tab here 1 2 3\n"
+                         "joe\t1 2 3 1:2:3,0,60 ,4\ngone\t1 99 3  \n"  // recentuid above last_uid
                          "last\t1 2 3  ");   // no line feed
     struct seen *h;
     ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
@@ -240,16 +236,16 @@ TEST(SeenFixdata, RepairsAndRemovals) {
 }
 
 TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
-    testutil::Instance inst;
-    ASSERT_TRUE(inst.startStored()) << testutil::read_file(inst.path("log/stored.out"));
+    Instance inst;
+    ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/stored.out"));
     const int rounds = 150;
     const std::string path = inst.path("partitions/primary/share/inbox");
     // Each writer adds its own uids to the seen list, kept ascending, one
     // read-modify-write at a time.
     pid_t pids[2];
     for (int w = 0; w < 2; w++) {
-        pids[w] = testutil::spawn([&, w]() {
-            if (!testutil::join_store(w ? "writer-b" : "writer-a")) return 10;
+        pids[w] = spawn([&, w]() {
+            if (!join_store(w ? "writer-b" : "writer-a")) return 10;
             Folder f("user/share/inbox", path, 2 * rounds);
             for (int i = 0; i < rounds; i++) {
                 struct seen *h;
@@ -272,16 +268,15 @@ TEST(SeenProcesses, ConcurrentWritersLoseNoRange) {
             return 0;
         });
     }
-    for (pid_t p : pids) EXPECT_EQ(testutil::wait_child(p), 0);
+    for (pid_t p : pids) EXPECT_EQ(wait_child(p), 0);
     // A fresh reader finds every uid of both writers.
-    EXPECT_EQ(testutil::in_child([&]() {
-                  if (!testutil::join_store("reader")) return 19;
+    EXPECT_EQ(in_child([&]() {
+                  if (!join_store("reader")) return 19;
                   Folder f("user/share/inbox", path, 2 * rounds);
                   PerUserFlags fl;
                   if (getPerUserFlags(&f.mb, "pat", &fl) != 0) return 20;
                   for (uint32_t uid = 1; uid <= 2 * rounds; uid++)
                       if (!isSeen(&fl, uid)) return 21;
                   return fl.nseen == 2 * rounds + 1 && !fl.deleted ? 0 : 22;
-              }),
-              0);
+              }), 0);
 }

@@ -28,8 +28,7 @@ int put_folder(const std::string &name, DB_TXN *txn) {
 // Commits rows prefix0 .. prefix(n-1), each in a transaction of its own;
 // with first and second, each transaction writes those rows around its own
 // (two writers naming them in opposite orders deadlock). 0 or the failure.
-int commit_rows(const std::string &prefix, int n, const char *first = nullptr,
-                const char *second = nullptr) {
+int commit_rows(const std::string &prefix, int n, const char *first = nullptr, const char *second = nullptr) {
     for (int i = 0, r = 0; i < n; i++) {
         std::string own = prefix + std::to_string(i);
         do {
@@ -50,27 +49,26 @@ int rows_found(const std::string &prefix, int n) {
     return in_child([&] {
         if (!join_store("reader")) return 90;
         int found = 0;
-        for (int i = 0; i < n; i++) found += testutil::has_row((prefix + std::to_string(i)).c_str());
+        for (int i = 0; i < n; i++) found += has_row((prefix + std::to_string(i)).c_str());
         return found;
     });
 }
 
 // The command line that runs a program of the store for the instance.
 std::string cmd(const Instance &inst, const char *name) {
-    return "env STORE_INSTANCEDIR='" + inst.dir() + "' " + testutil::binary_dir() + "/bin/" +
-           name + " ";
+    return "env STORE_INSTANCEDIR='" + inst.dir() + "' " + binary_dir() + "/bin/" + name + " ";
 }
 
 // Loads a one-message mail file as user joe; importmail's exit status.
 int import(const Instance &inst, std::string *err = nullptr) {
     std::string mbox = inst.path("in.mbox");
-    testutil::write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
+    write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
     return run_command(cmd(inst, "importmail") + "-v 0 -u joe -s " + mbox, nullptr, err);
 }
 
 // Whether the instance log has a line matching the regular expression.
 bool logged(const Instance &inst, const std::string &re) {
-    return testutil::matches(re, read_file(inst.path("log/store.log")));
+    return matches(re, read_file(inst.path("log/store.log")));
 }
 
 std::string ls(const std::string &dir) {
@@ -91,29 +89,29 @@ TEST(StoreDaemon, ReadinessCleanEndsAndCrashes) {
     EXPECT_NE(err.find("Unable to verify start of store daemon (stored)."), std::string::npos) << err;
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     EXPECT_TRUE(store_session_ready_test("stored"));
-    EXPECT_TRUE(testutil::file_exists(inst.path("dbcache/__db.001")));
-    EXPECT_TRUE(testutil::file_exists(inst.path("data/store/mboxlist/folder.db")));
+    EXPECT_TRUE(file_exists(inst.path("dbcache/__db.001")));
+    EXPECT_TRUE(file_exists(inst.path("data/store/mboxlist/folder.db")));
     EXPECT_EQ(import(inst, &err), 0) << err;
     EXPECT_EQ(ls(inst.path("data/store/session")), "");  // the client's session went with it
     // Clients killed while they hold sessions leave their files; the next
     // start removes them and keeps the file of the client that still runs.
-    testutil::Pipe p;
+    Pipe p;
     pid_t clients[4];
     for (pid_t &pid : clients) {
-        pid = testutil::spawn([&] {
+        pid = spawn([&] {
             if (!join_store("client")) return 90;
-            testutil::send_byte(p.w, 'j');
+            send_byte(p.w, 'j');
             return pause();
         });
-        ASSERT_EQ(testutil::read_byte(p.r, 30000), 'j');
+        ASSERT_EQ(read_byte(p.r, 30000), 'j');
     }
-    for (int i = 0; i < 3; i++) kill(clients[i], SIGKILL), testutil::wait_child(clients[i]);
+    for (int i = 0; i < 3; i++) kill(clients[i], SIGKILL), wait_child(clients[i]);
     EXPECT_EQ(inst.stopStored(), 0);
     EXPECT_FALSE(store_session_ready_test("stored"));
     EXPECT_TRUE(logged(inst, "stored: store closed"));
     ASSERT_TRUE(inst.startStored());
     EXPECT_EQ(ls(inst.path("data/store/session")), "client." + std::to_string(clients[3]) + "\n");
-    kill(clients[3], SIGKILL), testutil::wait_child(clients[3]);
+    kill(clients[3], SIGKILL), wait_child(clients[3]);
     // A daemon that dies leaves no ready store; the next recovers.
     inst.killStored();
     EXPECT_FALSE(store_session_ready_test("stored"));
@@ -127,25 +125,25 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
     // The daemon breaks the writers' deadlocks over the shared rows.
     pid_t writers[2];
     for (int w = 0; w < 2; w++)
-        writers[w] = testutil::spawn([w] {
+        writers[w] = spawn([w] {
             if (!join_store("writer")) return 90;
             return commit_rows(w ? "user/wb" : "user/wa", 150, w ? "user/shared1" : "user/shared0",
                                w ? "user/shared0" : "user/shared1");
         });
-    for (pid_t pid : writers) EXPECT_EQ(testutil::wait_child(pid), 0);
+    for (pid_t pid : writers) EXPECT_EQ(wait_child(pid), 0);
     // A writer killed with a transaction open: what it committed stays.
-    testutil::Pipe p;
-    pid_t writer = testutil::spawn([&] {
+    Pipe p;
+    pid_t writer = spawn([&] {
         if (!join_store("writer")) return 90;
         if (commit_rows("user/c", 200) != 0) return 95;
         DB_TXN *open_txn;
         if (mboxlist_trans_setup(&open_txn, "test", "user/open")) return 97;
         put_folder("user/open", open_txn);
-        testutil::send_byte(p.w, 'k');
+        send_byte(p.w, 'k');
         return pause();
     });
-    ASSERT_EQ(testutil::read_byte(p.r, 30000), 'k');
-    kill(writer, SIGKILL), testutil::wait_child(writer);
+    ASSERT_EQ(read_byte(p.r, 30000), 'k');
+    kill(writer, SIGKILL), wait_child(writer);
     EXPECT_EQ(inst.stopStored(), 0);
     ASSERT_TRUE(inst.startStored());
     EXPECT_EQ(rows_found("user/c", 200), 200);
@@ -182,18 +180,17 @@ TEST(StoreDaemon, OneOfManySimultaneousDaemonsWins) {
     for (int round = 0; round < 3; round++) {
         pid_t pids[racers];
         for (int i = 0; i < racers; i++)
-            pids[i] = testutil::spawn([&] {
+            pids[i] = spawn([&] {
                 return run_command("exec timeout 60 " + cmd(inst, "stored") + "-d 2>" +
                                    inst.path("race." + std::to_string(i)));
             });
         int winners = 0;
         for (int i = 0; i < racers; i++) {
-            int status = testutil::wait_child(pids[i]);
+            int status = wait_child(pids[i]);
             std::string err = read_file(inst.path("race." + std::to_string(i)));
             winners += status == 0;
             EXPECT_TRUE(status == 0 || (status == 75 && err.find("another store daemon runs") !=
-                                                            std::string::npos))
-                << status << err;
+                                                            std::string::npos)) << status << err;
         }
         EXPECT_EQ(winners, 1) << "round " << round;
         EXPECT_EQ(import(inst), 0);  // the store works
@@ -217,7 +214,7 @@ TEST(StoreFaults, DatabaseDirectoryRemovedUnderTheDaemon) {
 
 TEST(StoreFaults, FullFileSystemIsNoDamage) {
     Instance inst;
-    testutil::Tmpfs fs(inst.path("data/store"), "size=48m");
+    Tmpfs fs(inst.path("data/store"), "size=48m");
     if (fs.error) GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(fs.error);
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     // Committed and in the log, but their pages are still in the cache.
@@ -225,8 +222,7 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
                   if (!join_store("writer")) return 90;
                   int r = commit_rows("user/keep", 250);
                   return r ? r : mboxlist_env()->log_flush(mboxlist_env(), nullptr);
-              }),
-              0);
+              }), 0);
     // The final checkpoint has pages to write and no room for them.
     fs.fill();
     EXPECT_EQ(inst.stopStored(), 74);
@@ -236,7 +232,7 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     fs.fill();
     EXPECT_TRUE(!inst.startStored() && inst.storedStatus() == 75) << inst.storedStatus();
     EXPECT_TRUE(logged(inst, "critical: .*the store cannot start: No space left"));
-    EXPECT_FALSE(testutil::file_exists(fs.dir + "/mboxlist/removed"));
+    EXPECT_FALSE(file_exists(fs.dir + "/mboxlist/removed"));
     unlink((fs.dir + "/filler").c_str());
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     EXPECT_EQ(rows_found("user/keep", 250), 250);
@@ -248,7 +244,7 @@ TEST(StoreFaults, FullFileSystemIsNoDamage) {
     EXPECT_TRUE(!inst.startStored() && inst.storedStatus() == 75) << inst.storedStatus();
     std::string log = inst.newLog();
     EXPECT_NE(log.find("cannot start: Read-only file system while repairing"), std::string::npos) << log;
-    EXPECT_FALSE(testutil::matches("Removing database (and|before)|Recovering", log)) << log;
+    EXPECT_FALSE(matches("Removing database (and|before)|Recovering", log)) << log;
     ASSERT_EQ(mount(nullptr, fs.dir.c_str(), nullptr, MS_REMOUNT, nullptr), 0);
     ASSERT_TRUE(inst.startStored()) << read_file(inst.path("log/store.log"));
     EXPECT_EQ(rows_found("user/keep", 250), 250);

@@ -68,8 +68,7 @@ TEST(StoreUtil, CanonicalIdsAndFolderNames)
         testutil::Instance inst(conf);
         EXPECT_EQ("Bob@example.com Bob@", canon(store_canonifyid, "Bob@Example.COM") + " " +
                                               canon(store_canonifyid, "Bob@"));
-        EXPECT_EQ("user/Bob@example.com/Sent",
-                  canon(store_canonifymboxname, "user/Bob@Example.COM/Sent"));
+        EXPECT_EQ("user/Bob@example.com/Sent", canon(store_canonifymboxname, "user/Bob@Example.COM/Sent"));
     }
 }
 

@@ -11,14 +11,13 @@ using namespace testutil;
 static std::string str(const char *s) { return s ? s : "<null>"; }
 
 TEST(Config, ParsesLinesOverridesBadLinesAndValueForms) {
-    testutil::Instance inst;
-    size_t before = split_lines(testutil::read_file(inst.path("config/store.conf"))).size();
-    inst.addConfig(
-        "  # an indented comment: with a colon\n\nlocal.a:   first value  \n local.b : x:y : z\n"
+    Instance inst;
+    size_t before = split_lines(read_file(inst.path("config/store.conf"))).size();
+    inst.addConfig("  # an indented comment: with a colon\n\nlocal.a:   first value  \n local.b : x:y : z\n"
         "this line has no separator\nlocal.a: second value\nlocal.empty:\n\tlocal.tab:\t7\t\r\n"
         "#local.c: commented out\n: no key\ns.on: On\ns.false: False\ns.bad: maybe\ns.empty:\ni.neg: -17\n"
         "i.plus: +5\ni.junk: 12abc\ni.big: 99999999999\ni.empty:\ni.space: 4 2\n");
-    testutil::StderrCapture err;
+    StderrCapture err;
     ASSERT_EQ(configmsg_init(nullptr, 16, "/usr/local/bin/testprog"), 0);
     for (size_t bad : {before + 5, before + 10})  // each bad line is reported with its number
         EXPECT_NE(err.text().find("line " + std::to_string(bad)), std::string::npos) << err.text();
@@ -45,30 +44,30 @@ TEST(Config, ParsesLinesOverridesBadLinesAndValueForms) {
 
 TEST(Config, EmptyFileWorksAndMissingInstanceFails) {
     {
-        testutil::Instance inst;
-        testutil::write_file(inst.path("config/store.conf"), "");
+        Instance inst;
+        write_file(inst.path("config/store.conf"), "");
         ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
         EXPECT_EQ(str(configmsg_get_storedir()) + " " + take(configmsg_partitiondir("primary")),
                   inst.path("data/store") + " " + inst.path("partitions/primary"));
     }
-    testutil::TempDir tmp;
+    TempDir tmp;
     setenv("STORE_INSTANCEDIR", tmp.file("no-such-instance").c_str(), 1);
     configmsg_reset();
-    testutil::StderrCapture err;
+    StderrCapture err;
     EXPECT_NE(configmsg_init(nullptr, 16, "t"), 0);
     EXPECT_NE(err.text().find(tmp.file("no-such-instance")), std::string::npos) << err.text();
     err.restore();
     // Readers still get their defaults, and nothing that isn't known.
     EXPECT_TRUE(config_get_int(nullptr, "x", 5) == 5 && !configmsg_get_storedir() && !configmsg_partitiondir("primary"));
     // The instance appears later: a second attempt reads it.
-    testutil::Instance inst("local.late: yes\n");
+    Instance inst("local.late: yes\n");
     ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
     EXPECT_EQ(config_get_switch(nullptr, "local.late", 0), 1);
 }
 
 TEST(Config, PartitionsAndStoredFiles) {
-    testutil::Instance inst;
-    testutil::write_file(inst.path("config/store.conf"),
+    Instance inst;
+    write_file(inst.path("config/store.conf"),
                          "local.store.dir: " + inst.path("data/elsewhere") + "\nstore.partition.zeta.path: /p/zeta\n"
                          "store.partition.alpha.path: /p/alpha\nstore.partition.alpha.messagepath: /m/alpha\n"
                          "store.partition.orphan.messagepath: /m/orphan\nstore.partition.mid.path: /p/mid-old\n"
@@ -90,16 +89,16 @@ TEST(Config, PartitionsAndStoredFiles) {
     for (long n : {1718000000L, -5L})
         EXPECT_TRUE(configmsg_writestoredfile("eve", n) == 0 && configmsg_readstoredfile("eve", &v) == 0 && v == n);
     EXPECT_NE(access(inst.path("data/elsewhere/eve.new").c_str(), F_OK), 0);
-    testutil::write_file(inst.path("data/elsewhere/eve"), "12 junk\n");
+    write_file(inst.path("data/elsewhere/eve"), "12 junk\n");
     int rc = configmsg_readstoredfile("eve", &v);
     EXPECT_TRUE(rc != 0 && rc != 2 && v == -5) << rc;
 }
 
 TEST(Config, FileModesAndServerUser) {
-    testutil::Instance inst;
+    Instance inst;
     ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
     std::string f = inst.path("data/store/somefile"), d = inst.path("data/store/somedir");
-    testutil::write_file(f, "x");
+    write_file(f, "x");
     chmod(f.c_str(), 0644);
     mkdir(d.c_str(), 0755);
     EXPECT_NE(configmsg_fixfilemode(inst.path("data/store/absent").c_str(), 0), 0);
@@ -119,16 +118,15 @@ TEST(Config, FileModesAndServerUser) {
     EXPECT_TRUE(configmsg_fixfilemode(f.c_str(), 0) == 0 && stat(f.c_str(), &st) == 0);
     EXPECT_TRUE(st.st_uid == nobody && st.st_gid == nogroup);
     // Changing the user is for good, so it happens in a child.
-    EXPECT_EQ(testutil::in_child([&] {
+    EXPECT_EQ(in_child([&] {
                   if (configmsg_setuid() != 0) return 1;
                   if (getuid() != nobody || geteuid() != nobody || getgid() != nogroup) return 2;
                   return setuid(0) == 0 ? 3 : 0;  // no way back
-              }),
-              0);
+              }), 0);
 }
 
 TEST(Config, FirstReadersLoadTheCacheTogether) {
-    testutil::Instance inst("local.n: 31\n");
+    Instance inst("local.n: 31\n");
     // Nobody called configmsg_init: the first readers load it, all at once.
     std::vector<int> seen(8, 0);
     std::vector<std::thread> threads;
@@ -139,17 +137,17 @@ TEST(Config, FirstReadersLoadTheCacheTogether) {
 }
 
 TEST(Log, EntriesLevelsFilterAndEcho) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     std::string logdir = tmp.file("deep/logs");  // made when missing
-    testutil::Instance inst("local.loglevel: 4\nlocal.logdir: " + logdir + "\n");
+    Instance inst("local.loglevel: 4\nlocal.logdir: " + logdir + "\n");
     ASSERT_EQ(configmsg_init(nullptr, 16, "/opt/bin/logprog"), 0);
-    testutil::StderrCapture early;  // before the log is open, entries go to standard error
+    StderrCapture early;  // before the log is open, entries go to standard error
     svclog(0, 3, "early %d", 1);
     EXPECT_TRUE(matches("logprog\\[[0-9]+\\] error: early 1\n$", early.text())) << early.text();
     early.restore();
     ASSERT_EQ(configmsg_initlog(nullptr, "/opt/bin/logprog"), 0);
     svclog_setoptions(SVCLOG_ECHO_ERRORS);
-    testutil::StderrCapture err;
+    StderrCapture err;
     time_t start = time(nullptr);
     errno = ENOENT;
     svclog(0, 59, "open %s: %m", "folder/x");
@@ -161,7 +159,7 @@ TEST(Log, EntriesLevelsFilterAndEcho) {
     err.restore();
     // Severities above the configured level are dropped; errors and worse
     // are echoed to standard error; a line end in the text is a blank.
-    std::vector<std::string> lines = split_lines(testutil::read_file(logdir + "/store.log"));
+    std::vector<std::string> lines = split_lines(read_file(logdir + "/store.log"));
     ASSERT_EQ(lines.size(), 4u);
     std::string head = "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} [+-][0-9]{4} logprog\\[" +
                        std::to_string(getpid()) + "\\] ";
@@ -178,21 +176,21 @@ TEST(Log, EntriesLevelsFilterAndEcho) {
     svclog_handle *trace = config_initlog_auxiliary("msgtrace", "tracer");
     ASSERT_TRUE(trace && trace != svclog_getdefault() && config_initlog_auxiliary("msgtrace", "tracer") == trace);
     svclog(trace, 60, "append:%s", "u");
-    EXPECT_TRUE(matches("tracer\\[[0-9]+\\] warning: append:u\n$", testutil::read_file(logdir + "/msgtrace.log")) &&
-                split_lines(testutil::read_file(logdir + "/store.log")).size() == 4);
+    EXPECT_TRUE(matches("tracer\\[[0-9]+\\] warning: append:u\n$", read_file(logdir + "/msgtrace.log")) &&
+                split_lines(read_file(logdir + "/store.log")).size() == 4);
 }
 
 // Writers in several processes, each with several threads, all on one
 // log: every entry is a whole line, and each writer's come in its order.
 TEST(Log, ConcurrentProcessesAndThreadsWriteWholeLines) {
-    testutil::Instance inst;
+    Instance inst;
     ASSERT_EQ(configmsg_init(nullptr, 16, "conc"), 0);
     ASSERT_EQ(configmsg_initlog(nullptr, "conc"), 0);
     const int kids = 3, threads = 3, n = 500;
     std::string filler(700, 'x');
     std::vector<pid_t> pids;
     for (int k = 0; k < kids; k++)
-        pids.push_back(testutil::spawn([&] {
+        pids.push_back(spawn([&] {
             std::vector<std::thread> ts;
             for (int t = 0; t < threads; t++)
                 ts.emplace_back([&, t] {
@@ -202,16 +200,15 @@ TEST(Log, ConcurrentProcessesAndThreadsWriteWholeLines) {
             for (auto &t : ts) t.join();
             return 0;
         }));
-    for (pid_t p : pids) EXPECT_EQ(testutil::wait_child(p), 0);
-    std::vector<std::string> lines = split_lines(testutil::read_file(inst.path("log/store.log")));
+    for (pid_t p : pids) EXPECT_EQ(wait_child(p), 0);
+    std::vector<std::string> lines = split_lines(read_file(inst.path("log/store.log")));
     ASSERT_EQ(lines.size(), (size_t)(kids * threads * n));
     std::string re = "^[0-9-]{10} [0-9:]{8} [+-][0-9]{4} conc\\[[0-9]+\\] info: writer [0-9]+ entry [0-9]+ x{700} end$";
     std::vector<int> next(kids * threads, 0);
     for (const std::string &l : lines) {
         int w = -1, i = -1;
         ASSERT_TRUE(matches(re, l) && sscanf(l.c_str() + l.find("writer"), "writer %d entry %d", &w, &i) == 2 &&
-                    w < kids * threads)
-            << l.substr(0, 200);
+                    w < kids * threads) << l.substr(0, 200);
         EXPECT_EQ(i, next[w]++);
     }
 }

@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace testutil;
+
 // Deterministic bytes that differ from one position to the next.
 std::string pattern(size_t n, unsigned seed) {
     std::string s(n, 0);
@@ -33,10 +35,9 @@ int count_open_fds() {
 // interrupts every millisecond (no SA_RESTART), so that writes come back
 // short or with EINTR. Gives what writer returned; the child's status is 0
 // when it read exactly expect.
-template <typename W>
-ssize_t write_to_slow_reader(const std::string &expect, int *reader_status, W writer) {
-    testutil::Pipe p;
-    pid_t pid = testutil::spawn([&] {
+template <typename W> ssize_t write_to_slow_reader(const std::string &expect, int *reader_status, W writer) {
+    Pipe p;
+    pid_t pid = spawn([&] {
         close(p.w);
         std::string got;
         char buf[4096];
@@ -61,20 +62,20 @@ ssize_t write_to_slow_reader(const std::string &expect, int *reader_status, W wr
     sigaction(SIGALRM, &old, nullptr);
     close(p.w);
     p.w = -1;
-    *reader_status = testutil::wait_child(pid);
+    *reader_status = wait_child(pid);
     return r;
 }
 
 }  // namespace
 
 TEST(SupportMap, MapsOfFilesAndTheirGrowth) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     // Whole files, and more than the file has: the bytes behind its end
     // read as zeros, far beyond the page that holds the end.
     struct { std::string content; long ask; size_t len; } cases[] = {
         {"", -1, 0}, {pattern((6 << 20) + 123, 7), -1, (6 << 20) + 123}, {"small", 3 * 65536, 3 * 65536}};
     for (const auto &c : cases) {
-        testutil::write_file(tmp.file("f"), c.content);
+        write_file(tmp.file("f"), c.content);
         struct map *m = map_open(tmp.file("f").c_str(), c.ask, 0, 0);
         ASSERT_TRUE(m && m->base);  // also for an empty file
         ASSERT_TRUE(m->size == c.content.size() && m->len == c.len);
@@ -83,7 +84,7 @@ TEST(SupportMap, MapsOfFilesAndTheirGrowth) {
         map_free(m);
     }
     EXPECT_EQ(nullptr, map_open(tmp.file("missing").c_str(), -1, 0, 0));
-    testutil::write_file(tmp.file("store.idx"), pattern(5000, 1));
+    write_file(tmp.file("store.idx"), pattern(5000, 1));
     int fd = open(tmp.file("store.idx").c_str(), O_RDWR);
     struct map *m = map_refresh(fd, nullptr, 0, -1);
     ASSERT_NE(nullptr, m);
@@ -136,7 +137,7 @@ TEST(SupportRetry, WritesSurviveInterruptsAndShortWrites) {
 }
 
 TEST(SupportRetry, SyncLevelsAndRenamesIntoPlace) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     std::string path = tmp.file("msg");
     int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
     int fd2 = open(tmp.file("msg2").c_str(), O_RDWR | O_CREAT, 0600);
@@ -157,7 +158,7 @@ TEST(SupportRetry, SyncLevelsAndRenamesIntoPlace) {
     ASSERT_EQ(0, lock_blocking(fd));
     EXPECT_EQ(0, sync_file(fd, 1));
     EXPECT_EQ(0, sync_file_barrier());
-    EXPECT_EQ(0, testutil::in_child([&] {
+    EXPECT_EQ(0, in_child([&] {
                   int cfd = open(path.c_str(), O_RDWR);
                   return cfd >= 0 && lock_nonblocking(cfd) != 0 ? 0 : 1;
               }));
@@ -167,11 +168,11 @@ TEST(SupportRetry, SyncLevelsAndRenamesIntoPlace) {
     // MailboxIndex.VariableHeaderGrowsThroughIndexNew).
     std::string from = tmp.file("x.new"), to = tmp.file("x");
     for (int level : {0, 1, 2, 3}) {
-        testutil::write_file(from, std::to_string(level));
+        write_file(from, std::to_string(level));
         int fds = count_open_fds();
         ASSERT_EQ(0, sync_rename(from.c_str(), to.c_str(), level));
         EXPECT_EQ(fds + (level == 1), count_open_fds()) << level;
-        EXPECT_EQ(std::to_string(level), testutil::read_file(to));
+        EXPECT_EQ(std::to_string(level), read_file(to));
         ASSERT_EQ(0, sync_file_barrier());
     }
     EXPECT_EQ(-1, sync_rename(from.c_str(), to.c_str(), 1));
@@ -179,20 +180,20 @@ TEST(SupportRetry, SyncLevelsAndRenamesIntoPlace) {
 }
 
 TEST(SupportRetry, CopyFile) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     std::string src = tmp.file("src"), content = pattern((3 << 20) + 17, 5);
-    testutil::write_file(src, content);
+    write_file(src, content);
     // A byte copy is a file of its own with the same content (hard links:
     // MailboxFiles.CopyingMessageFiles); a file that reports no length still
     // has its bytes copied.
     ASSERT_EQ(0, copy_file(src.c_str(), tmp.file("copy").c_str(), 0));
-    EXPECT_NE(testutil::inode_of(src), testutil::inode_of(tmp.file("copy")));
-    EXPECT_EQ(content, testutil::read_file(tmp.file("copy")));
+    EXPECT_NE(inode_of(src), inode_of(tmp.file("copy")));
+    EXPECT_EQ(content, read_file(tmp.file("copy")));
     ASSERT_EQ(0, copy_file("/proc/self/status", tmp.file("status").c_str(), 0));
-    EXPECT_NE(std::string::npos, testutil::read_file(tmp.file("status")).find("Pid:"));
+    EXPECT_NE(std::string::npos, read_file(tmp.file("status")).find("Pid:"));
     // Refusals: an existing target is left as it was, and nothing is left
     // behind for a missing source or target directory.
-    testutil::write_file(tmp.file("exists"), "keep");
+    write_file(tmp.file("exists"), "keep");
     struct { std::string from, to; int flag, err; } bad[] = {
         {src, "nodir/x", 1, ENOENT}, {src, "exists", 1, EEXIST},  {src, "exists", 0, EEXIST},
         {tmp.file("missing"), "t1", 0, ENOENT}, {src, "nodir/t2", 0, ENOENT}};
@@ -200,13 +201,13 @@ TEST(SupportRetry, CopyFile) {
         EXPECT_NE(0, copy_file(b.from.c_str(), tmp.file(b.to).c_str(), b.flag)) << b.to;
         EXPECT_EQ(b.err, errno) << b.to;
     }
-    EXPECT_EQ("keep", testutil::read_file(tmp.file("exists")));
-    EXPECT_FALSE(testutil::file_exists(tmp.file("t1")));
+    EXPECT_EQ("keep", read_file(tmp.file("exists")));
+    EXPECT_FALSE(file_exists(tmp.file("t1")));
     // Across file systems: MailboxFiles.CopyingMessageFiles.
 }
 
 TEST(SupportProt, StreamsWriteWhatTheyAreGivenAndReportErrors) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     std::string path = tmp.file("store.sub"), expect, src = pattern(400000, 9);
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     struct protstream *s = prot_file(fd, 1);
@@ -229,7 +230,7 @@ TEST(SupportProt, StreamsWriteWhatTheyAreGivenAndReportErrors) {
     prot_free(s);
     EXPECT_GE(fcntl(fd, F_GETFD), 0);  // prot_free leaves the descriptor open
     close(fd);
-    EXPECT_EQ(expect, testutil::read_file(path));
+    EXPECT_EQ(expect, read_file(path));
     EXPECT_EQ(nullptr, prot_file(fd, 0));
     // A descriptor that takes no writes: the error shows at the flush, and
     // a failed stream takes nothing more.
@@ -245,7 +246,7 @@ TEST(SupportProt, StreamsWriteWhatTheyAreGivenAndReportErrors) {
     struct sigaction ign = {}, old;
     ign.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ign, &old);
-    testutil::Pipe p;
+    Pipe p;
     close(p.r);
     p.r = -1;
     s = prot_file(p.w, 1);

@@ -17,7 +17,7 @@ namespace {
 
 // Writes content to path and opens it read-write holding its lock.
 int locked_file(const std::string &path, const std::string &content) {
-    testutil::write_file(path, content);
+    write_file(path, content);
     int fd = open(path.c_str(), O_RDWR);
     return fd >= 0 && lock_blocking(fd) == 0 ? fd : -1;
 }
@@ -39,7 +39,7 @@ const char *kMutexName = "user/joe/Sent Items\tjoe peruser";
 // A file removed while a process waits for its lock fails at "opening" with
 // the descriptor left open; one that can't be locked fails at "locking".
 TEST(SupportLock, ReopenReportsGoneFileAndFailedSteps) {
-    testutil::TempDir tmp;
+    TempDir tmp;
     std::string path = tmp.file("store.exp");
     int fd = locked_file(path, "x");
     Pipe ready;
@@ -58,7 +58,7 @@ TEST(SupportLock, ReopenReportsGoneFileAndFailedSteps) {
     ASSERT_EQ(0, lock_unlock(fd));
     EXPECT_EQ(0, wait_child(pid));
     close(fd);
-    testutil::write_file(path, "y");
+    write_file(path, "y");
     int rfd = open(path.c_str(), O_RDONLY);
     struct stat sb;
     const char *action = nullptr;
@@ -71,9 +71,9 @@ TEST(SupportLock, ReopenReportsGoneFileAndFailedSteps) {
 // Processes with a handle opened before fork (each needs a lock file
 // description of its own) and threads sharing a handle or not lose no update.
 TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
-    testutil::Instance inst;
+    Instance inst;
     std::string counter = inst.path("counter");
-    testutil::write_file(counter, "0");
+    write_file(counter, "0");
     db_globalmutex *m = db_globalmutex_open(kMutexName);
     ASSERT_NE(nullptr, m);
     std::vector<pid_t> pids;
@@ -81,15 +81,15 @@ TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
         pids.push_back(spawn([&] {
             for (int i = 0; i < 150; i++) {
                 if (db_globalmutex_hold(m) != 0) return 10;
-                int v = atoi(testutil::read_file(counter).c_str());
+                int v = atoi(read_file(counter).c_str());
                 sched_yield();
-                testutil::write_file(counter, std::to_string(v + 1));
+                write_file(counter, std::to_string(v + 1));
                 if (db_globalmutex_release(m) != 0) return 11;
             }
             return 0;
         }));
     for (pid_t pid : pids) EXPECT_EQ(0, wait_child(pid));
-    EXPECT_EQ("600", testutil::read_file(counter));
+    EXPECT_EQ("600", read_file(counter));
     int count = 0;
     std::atomic<int> failures(0);
     std::vector<std::thread> threads;
@@ -123,11 +123,11 @@ TEST(SupportLock, GlobalMutexBetweenProcessesAndThreads) {
 // Distinct names, also long ones and escaped ones, are distinct mutexes: one
 // process holds all at once (a shared lock file would hang until the alarm).
 TEST(SupportLock, GlobalMutexNames) {
-    testutil::Instance inst;
+    Instance inst;
     std::string longa(400, 'a'), longb = longa;
     longb[399] = 'b';
     const char *names[] = {"a/b", "a%2Fb", "..", longa.c_str(), longb.c_str()};
-    EXPECT_EQ(0, testutil::in_child([&] {
+    EXPECT_EQ(0, in_child([&] {
                   alarm(10);
                   for (const char *n : names) {
                       db_globalmutex *held = db_globalmutex_open(n);

@@ -28,8 +28,7 @@ TEST(TimeHelpers, MkgmtimeNormalisesAsUniversalTime) {
         for (const struct tm *o : {&b, &back})
             ASSERT_TRUE(a.tm_year == o->tm_year && a.tm_mon == o->tm_mon && a.tm_mday == o->tm_mday &&
                         a.tm_hour == o->tm_hour && a.tm_min == o->tm_min && a.tm_sec == o->tm_sec &&
-                        a.tm_wday == o->tm_wday && a.tm_yday == o->tm_yday)
-                << "case " << i;
+                        a.tm_wday == o->tm_wday && a.tm_yday == o->tm_yday) << "case " << i;
     }
 }
 

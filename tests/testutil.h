@@ -110,8 +110,7 @@ int run_command(const std::string &cmd, std::string *out = nullptr, std::string 
 int wait_child(pid_t pid);
 
 // Forks a child that exits with fn's result; the child's pid (-1 if fork failed).
-template <typename F>
-pid_t spawn(F fn) {
+template <typename F> pid_t spawn(F fn) {
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) _exit(fn());
@@ -119,8 +118,7 @@ pid_t spawn(F fn) {
 }
 
 // Runs fn in a child as spawn does and gives wait_child's result.
-template <typename F>
-int in_child(F fn) {
+template <typename F> int in_child(F fn) {
     pid_t pid = spawn(fn);
     return pid < 0 ? -1 : wait_child(pid);
 }
@@ -220,8 +218,7 @@ void put_row(const char *name, uint32_t version, uint32_t exists, const char *ac
 void deliver(struct ::mailbox *mb, unsigned n);
 
 // The files (no row) of a folder at dir on "primary" with n messages.
-void make_folder(const char *name, const std::string &dir, const char *acl,
-                 uint32_t uidvalidity, unsigned n);
+void make_folder(const char *name, const std::string &dir, const char *acl, uint32_t uidvalidity, unsigned n);
 
 // Whether another process can take the index lock of the file at path now.
 bool lockable_by_other(const std::string &path);
