@@ -864,46 +864,61 @@ void message_free_body(struct body *body) {
     memset(body, 0, sizeof(*body));
 }
 
+namespace {
+// The parse shared by both entries: the tree of base/len in *body, and the
+// record's fields that come from it.
+void parse_for_record(const char *base, size_t len, struct msgrange *msg, struct body *body,
+                      struct index_record *record) {
+    msg->base = base;
+    msg->len = len > UINT32_MAX ? UINT32_MAX : (uint32_t)len;
+    msg->offset = 0;
+
+    struct boundary_stack boundaries = {nullptr, 0, 0};
+    message_parse_body(msg, body, MESSAGE_DEFAULT_TYPE, MESSAGE_NESTING_BUDGET, &boundaries);
+    free(boundaries.ids);
+
+    record->sentdate = (uint32_t)message_parse_date(body->date);
+    record->size = body->header_size + body->content_size;
+    record->header_size = body->header_size;
+    record->content_offset = body->content_offset;
+    record->system_flags &= ~FLAG_NODOTS_CRLF;
+    if (!body->dotlines && msg->len >= 2 && base[msg->len - 2] == '\r' &&
+        base[msg->len - 1] == '\n')
+        record->system_flags |= FLAG_NODOTS_CRLF;
+}
+
+// The message type plug-in's bits for the parsed message.
+void examine_type(const char *base, const struct msgrange *msg, struct body *body,
+                  struct index_record *record) {
+    if (!msgtype_examineMessage) return;
+    void *context = msgtype_plugin ? *(void **)msgtype_plugin : nullptr;
+    uint32_t bits = msgtype_examineMessage(context, base, msg->len, body);
+    record->system_flags |= bits & FLAG_MSGTYPE_MASK;
+}
+}  // namespace
+
 void message_parse_cache(const char *base, size_t len, const char *cache_text,
                          struct index_record *record, struct message_cachebuf *out) {
     struct msgrange msg;
-    msg.base = base;
-    msg.len = len > UINT32_MAX ? UINT32_MAX : (uint32_t)len;
-    msg.offset = 0;
-
-    struct boundary_stack boundaries = {nullptr, 0, 0};
     struct body body;
-    message_parse_body(&msg, &body, MESSAGE_DEFAULT_TYPE, MESSAGE_NESTING_BUDGET, &boundaries);
-    free(boundaries.ids);
-
-    record->sentdate = (uint32_t)message_parse_date(body.date);
-    record->size = body.header_size + body.content_size;
-    record->header_size = body.header_size;
-    record->content_offset = body.content_offset;
-    record->system_flags &= ~FLAG_NODOTS_CRLF;
-    if (!body.dotlines && msg.len >= 2 && base[msg.len - 2] == '\r' && base[msg.len - 1] == '\n')
-        record->system_flags |= FLAG_NODOTS_CRLF;
-
+    parse_for_record(base, len, &msg, &body, record);
     message_encode_cache(&body, &msg, cache_text, out);
-
-    if (msgtype_examineMessage) {
-        void *context = msgtype_plugin ? *(void **)msgtype_plugin : nullptr;
-        uint32_t bits = msgtype_examineMessage(context, base, msg.len, &body);
-        record->system_flags |= bits & FLAG_MSGTYPE_MASK;
-    }
+    examine_type(base, &msg, &body, record);
     message_free_body(&body);
 }
 
 int message_parse_mapped(const char *base, size_t len, struct mailbox *mailbox,
                          const char *cache_text, struct index_record *record) {
-    struct message_cachebuf out = {nullptr, 0, 0};
-    message_parse_cache(base, len, cache_text, record, &out);
+    struct msgrange msg;
+    struct body body;
+    parse_for_record(base, len, &msg, &body, record);
     off_t pos = lseek(mailbox->index_fd, 0, SEEK_CUR);
     record->rec_cache_offset = (uint32_t)(pos - (off_t)mailbox->hdr.cache_offset);
-    int r = pos < 0 || retry_write(mailbox->index_fd, out.base, out.len) < 0 ? -1 : 0;
+    ssize_t r = message_write_cache(mailbox->index_fd, &body, &msg, cache_text);
     int saved_errno = errno;
-    message_cachebuf_free(&out);
-    if (r) {
+    examine_type(base, &msg, &body, record);  // whatever the write gave
+    message_free_body(&body);
+    if (r == -1) {
         errno = saved_errno;
         svclog(0, 59, "Unable to append cache for %s: %m", mailbox->name ? mailbox->name : "");
         return IMAP_IOERROR;

@@ -172,6 +172,10 @@ void message_cachebuf_free(struct message_cachebuf *b);
 // address strings are lower-cased on the way) and appends it to out.
 void message_encode_cache(struct body *body, const struct msgrange *msg, const char *cache_text,
                           struct message_cachebuf *out);
+// The same record, written at the current position of fd with one write.
+// Returns what the write returned: the record's length, or -1.
+ssize_t message_write_cache(int fd, struct body *body, const struct msgrange *msg,
+                            const char *cache_text);
 
 // Moves *text past white space and comments of a header field; sets it to
 // null when the field ends (a line end not followed by blank, or a NUL).

@@ -8,6 +8,7 @@
 // The buffer is the caller's and lives across messages, so a message
 // costs no allocation once the buffer has grown to its messages' size.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,6 +16,7 @@
 
 #include "store/message.h"
 #include "support/charset.h"
+#include "support/retry.h"
 #include "support/strutil.h"
 #include "support/xmalloc.h"
 
@@ -435,4 +437,15 @@ void message_encode_cache(struct body *body, const struct msgrange *msg, const c
     begin_item(&b);
     if (cache_text) message_write_text(&b, cache_text);
     end_item(&b);
+}
+
+ssize_t message_write_cache(int fd, struct body *body, const struct msgrange *msg,
+                            const char *cache_text) {
+    struct message_cachebuf out = {nullptr, 0, 0};
+    message_encode_cache(body, msg, cache_text, &out);
+    ssize_t r = retry_write(fd, out.base, out.len);
+    int saved_errno = errno;
+    message_cachebuf_free(&out);
+    errno = saved_errno;
+    return r;
 }
