@@ -127,6 +127,7 @@ int append_setup(struct append_state *as, const char *name, unsigned mode, unsig
     memset(as->pending_last, 0, sizeof as->pending_last);
     memset(&as->cache, 0, sizeof as->cache);
     as->index_end = -1;
+    as->message_dev = 0;
 
     int r = mailbox_open(name, mode | OPEN_APPEND, auth, as->mailbox);
     if (r) return r;
@@ -461,8 +462,12 @@ static void apply_flags(struct mailbox *mailbox, const char **flags, int nflags,
 
 // The file step: the message's bytes reach destination as a hard link of
 // a file that holds them already, or as a new file.
-static int store_message_file(struct appendmsg *msg, const char *destination,
-                              const char *partition, const struct iovec *iov, int count) {
+static int write_message_file(const char *destination, const struct iovec *iov, int count,
+                              dev_t *dev);
+
+static int store_message_file(struct append_state *as, struct appendmsg *msg,
+                              const char *destination, const char *partition,
+                              const struct iovec *iov, int count) {
     if (msg->fname && strcmp(msg->fname, destination) == 0) return 0;  // in place
     const char *found = nullptr;
     if (msg->singlecopy_key) {
@@ -470,7 +475,7 @@ static int store_message_file(struct appendmsg *msg, const char *destination,
         if (found && append_linkfile(found, destination, partition, nullptr, 0) == 0) return 0;
     }
     int r = msg->fname ? append_linkfile(msg->fname, destination, partition, iov, count)
-                       : writemsgfile(destination, partition, iov, count);
+                       : write_message_file(destination, iov, count, &as->message_dev);
     if (r) return r;
     // The table keeps the last good file for the key: a link that failed
     // above gives the new copy its turn.
@@ -633,7 +638,7 @@ int append_msg(struct append_state *as, struct appendmsg *msg, time_t internalda
     iov[count].iov_base = const_cast<char *>(msg->base);
     iov[count++].iov_len = msg->size;
 
-    r = store_message_file(msg, destination, mailbox->partition, iov, count);
+    r = store_message_file(as, msg, destination, mailbox->partition, iov, count);
     if (r) return r;
     undo.destination = destination;
 
@@ -753,9 +758,11 @@ int createmsgfile(const char *path) {
     return fd;
 }
 
-int writemsgfile(const char *destination, const char *partition, const struct iovec *iov,
-                 int count) {
-    (void)partition;  // names the digest pool, which comes with relinking
+// writemsgfile, for a session that knows the device of its folder's
+// message files in *dev (0 until the first file tells it): at the default
+// sync level the file is then not asked for it again.
+static int write_message_file(const char *destination, const struct iovec *iov, int count,
+                              dev_t *dev) {
     size_t total = iovsum(iov, count);
     // (Storing by digest, append_shouldrelink, comes with the digest pool;
     // until then every new message is written.)
@@ -763,8 +770,12 @@ int writemsgfile(const char *destination, const char *partition, const struct io
     if (fd < 0) return IMAP_IOERROR;
     ssize_t n = retry_writev(fd, iov, count);
     if (n >= 0 && (size_t)n != total) errno = EIO;
-    int failed = n < 0 || (size_t)n != total ||
-                 sync_file(fd, mailbox_message_sync_level()) != 0;
+    int level = mailbox_message_sync_level();
+    if (*dev == 0 && level == 1) {
+        struct stat st;
+        if (fstat(fd, &st) == 0) *dev = st.st_dev;
+    }
+    int failed = n < 0 || (size_t)n != total || sync_file_on(fd, level, *dev) != 0;
     if (close(fd) != 0) failed = 1;
     if (failed) {
         int e = errno;
@@ -774,6 +785,13 @@ int writemsgfile(const char *destination, const char *partition, const struct io
         return IMAP_IOERROR;
     }
     return 0;
+}
+
+int writemsgfile(const char *destination, const char *partition, const struct iovec *iov,
+                 int count) {
+    (void)partition;  // names the digest pool, which comes with relinking
+    dev_t unknown = 0;
+    return write_message_file(destination, iov, count, &unknown);
 }
 
 int link_mkdir(const char *source, const char *destination) {

@@ -79,6 +79,7 @@ struct append_state {
     // wrote it: asked of the file once (-1 until then) and again after a
     // rewrite or a cut of the file, not per message.
     off_t index_end;
+    dev_t message_dev;  // device of the folder's message files, 0 until a file tells it
 };
 
 // The stream form of delivery: a message received piecewise, whose header

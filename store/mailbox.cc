@@ -34,7 +34,7 @@
 #include "support/retry.h"
 #include "support/xmalloc.h"
 
-const struct mailbox zeromailbox = {-1,      nullptr, 0,       0,       0,  0,  0,  0,  0,
+const struct mailbox zeromailbox = {-1,      nullptr, 0,       0,       0,       0,  0,  0,  0, 0,
                                     nullptr, nullptr, nullptr, nullptr, 0,  {}, {}, {}, nullptr};
 
 // Record reserve of a new or converted index, and the source of zero bytes
@@ -293,6 +293,7 @@ int mailbox_read_index_fixed_header(struct mailbox *mailbox) {
     if (r) return r;
 
     mailbox->index_ino = sbuf.st_ino;
+    mailbox->index_dev = sbuf.st_dev;
     mailbox->index_mtime = sbuf.st_mtime;
     mailbox->index_size = clamp_size(sbuf.st_size);
 
@@ -518,7 +519,7 @@ int mailbox_write_index_fixed_header(struct mailbox *mailbox) {
     iov[1].iov_base = &mailbox->hdr;
     iov[1].iov_len = sizeof(index_header);
     if (lseek(mailbox->index_fd, 0, SEEK_SET) < 0 || retry_writev(mailbox->index_fd, iov, 2) < 0 ||
-        sync_file(mailbox->index_fd, index_sync_level) != 0) {
+        sync_file_on(mailbox->index_fd, index_sync_level, mailbox->index_dev) != 0) {
         svclog(nullptr, 58, "Unable to write index header for %s: %m", mbname(mailbox));
         return IMAP_IOERROR;
     }
@@ -665,6 +666,7 @@ static int rewrite_index(struct mailbox *mailbox, struct iovec *iov, int n, uint
     mailbox->hdr = newhdr;
     if (fstat(fd, &st) == 0) {
         mailbox->index_ino = st.st_ino;
+        mailbox->index_dev = st.st_dev;
         mailbox->index_mtime = st.st_mtime;
     }
     mailbox->index_size = clamp_size((off_t)written);
@@ -695,7 +697,7 @@ int mailbox_write_index_variable_header(struct mailbox *mailbox) {
     if (lseek(mailbox->index_fd, INDEX_HEADER_SIZE, SEEK_SET) < 0 ||
         retry_writev(mailbox->index_fd, iov + 2, n - 2) < 0 ||
         write_zeros(mailbox->index_fd, room - total) < 0 ||
-        sync_file(mailbox->index_fd, index_sync_level) != 0) {
+        sync_file_on(mailbox->index_fd, index_sync_level, mailbox->index_dev) != 0) {
         svclog(nullptr, 58, "Unable to write index header for %s: %m", mbname(mailbox));
         return IMAP_IOERROR;
     }
@@ -707,7 +709,7 @@ int mailbox_write_index_record(struct mailbox *mailbox, unsigned msgno,
     STORE_ASSERT(msgno > 0);
     off_t offset = (off_t)mailbox->hdr.start_offset + (off_t)(msgno - 1) * INDEX_RECORD_SIZE;
     if (retry_pwrite(mailbox->index_fd, record, INDEX_RECORD_SIZE, offset) < 0 ||
-        sync_file(mailbox->index_fd, index_sync_level) != 0) {
+        sync_file_on(mailbox->index_fd, index_sync_level, mailbox->index_dev) != 0) {
         svclog(nullptr, 58, "Unable to write index record %u for %s: %m", msgno, mbname(mailbox));
         return IMAP_IOERROR;
     }
@@ -721,7 +723,7 @@ int mailbox_append_index(struct mailbox *mailbox, const struct index_record *rec
     if (count == 0) return 0;
     off_t offset = (off_t)mailbox->hdr.start_offset + (off_t)(msgno - 1) * INDEX_RECORD_SIZE;
     if (retry_pwrite(mailbox->index_fd, records, (size_t)count * INDEX_RECORD_SIZE, offset) < 0 ||
-        sync_file(mailbox->index_fd, index_sync_level) != 0) {
+        sync_file_on(mailbox->index_fd, index_sync_level, mailbox->index_dev) != 0) {
         svclog(nullptr, 59, "Unable to append index records for %s: %m", mbname(mailbox));
         return IMAP_IOERROR;
     }

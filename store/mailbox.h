@@ -108,6 +108,7 @@ struct mailbox {
     unsigned generation;
     time_t index_mtime;
     ino_t index_ino;
+    dev_t index_dev;  // device of "store.idx", 0 until known
     unsigned index_size;
     char *name;       // internal folder name
     char *partition;

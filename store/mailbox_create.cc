@@ -66,6 +66,7 @@ static void note_file(struct mailbox *mb)
     struct stat st;
     if (fstat(mb->index_fd, &st) == 0) {
         mb->index_ino = st.st_ino;
+        mb->index_dev = st.st_dev;
         mb->index_mtime = st.st_mtime;
     }
 }

@@ -233,20 +233,27 @@ static int retry_fsync(int fd) {
     }
 }
 
-int sync_file(int fd, int level) {
+int sync_file_on(int fd, int level, dev_t dev) {
     if (level < 0) level = 1;
     if (level == 0) return 0;
     if (level == 2) return retry_fdatasync(fd);
     if (level >= 3) return retry_fsync(fd);
 
-    struct stat st;
-    if (fstat(fd, &st) < 0) return -1;
+    int is_dir = 0;
+    if (dev == 0) {
+        struct stat st;
+        if (fstat(fd, &st) < 0) return -1;
+        dev = st.st_dev;
+        is_dir = S_ISDIR(st.st_mode);
+    }
     // Nothing is written now: a run of deliveries touches the same index
     // pages with every message, and starting writeback for each would write
     // those pages once per message. The barrier flushes each page once.
-    if (sync_remember(fd, st.st_dev, S_ISDIR(st.st_mode)) == 0) return 0;
+    if (sync_remember(fd, dev, is_dir) == 0) return 0;
     return retry_fdatasync(fd);
 }
+
+int sync_file(int fd, int level) { return sync_file_on(fd, level, 0); }
 
 // Barriers run one at a time, and the table is emptied at the start of a
 // barrier: a barrier that finds the table empty has waited for the one

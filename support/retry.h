@@ -29,6 +29,10 @@ ssize_t retry_pwrite(int fd, const void *buf, size_t count, off_t offset);
 //   3  the file's data and metadata are flushed now (fsync).
 // Returns 0 on success, non-zero on failure with errno set.
 int sync_file(int fd, int level);
+// sync_file of a regular file whose device the caller knows already (the
+// st_dev of an earlier stat): at level 1, where only the device matters,
+// no fstat is made. dev 0 means unknown and does what sync_file does.
+int sync_file_on(int fd, int level, dev_t dev);
 int sync_file_barrier(void);
 
 // Puts a finished file in place: rename(from, to) as the last step of a
