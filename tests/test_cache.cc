@@ -10,23 +10,6 @@ using namespace testutil;
 
 const std::string kPlain = "(\"TEXT\" \"PLAIN\" (\"CHARSET\" \"us-ascii\") NIL NIL \"7BIT\" ";
 
-// Walks the 11 items (big-endian length, data NUL-padded to 4) of the record
-// at off; the offset behind it, or 0 if it is damaged.
-size_t walk(const std::string &file, size_t off, std::vector<std::string> *items) {
-    items->clear();
-    for (int i = 0; i < MESSAGE_CACHE_ITEMS; i++) {
-        if (off + 4 > file.size()) return 0;
-        uint32_t len = be32_at(file, off);
-        size_t next = off + 4 + ((len + 3) & ~3u);
-        if (next > file.size()) return 0;
-        items->push_back(file.substr(off + 4, len));
-        for (size_t p = off + 4 + len; p < next; p++)
-            if (file[p] != '\0') return 0;
-        off = next;
-    }
-    return off;
-}
-
 struct Delivery {
     int rc;
     struct index_record record;
@@ -59,8 +42,10 @@ class CacheFile {
         free(copy);
         if (d.rc != 0) return d;
         EXPECT_EQ(d.record.rec_cache_offset, (uint32_t)(before - kCacheOffset));
-        std::string file = read_file(path_);
-        EXPECT_EQ(walk(file, kCacheOffset + d.record.rec_cache_offset, &d.items), file.size());
+        // 11 whole items padded with NULs, and nothing behind them.
+        std::string entry = read_file(path_).substr(kCacheOffset + d.record.rec_cache_offset);
+        d.items = cache_items(entry);
+        EXPECT_TRUE(d.items.size() == 11 && cache_entry(d.items) == entry);
         return d;
     }
     struct mailbox *mailbox() { return &mb_; }

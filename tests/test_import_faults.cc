@@ -80,35 +80,23 @@ Texts ImportFaults::folder(const std::string &user, const std::string &name, std
     EXPECT_EQ(shown, files.size()) << out.substr(0, 1000);
     Texts texts;
     if (files.empty()) return texts;
-    std::string d = files[0].substr(0, files[0].rfind('/'));
-    d = d.substr(0, d.rfind('/'));
+    std::string d = files[0].substr(0, files[0].rfind('/', files[0].rfind('/') - 1));
     if (dir) *dir = d;
-    std::string idx = read_file(d + "/store.idx");
-    if (idx.size() < INDEX_HEADER_SIZE) return ADD_FAILURE() << d << ": short index", texts;
     mboxdata mbd;
-    index_header hdr;
-    memcpy(&mbd, idx.data(), sizeof mbd), memcpy(&hdr, idx.data() + sizeof mbd, sizeof hdr);
-    EXPECT_EQ(mbd.exists, files.size()) << d;
-    uint64_t total = 0, cacheEnd = hdr.cache_offset;
-    uint32_t lastUid = 0;
-    for (size_t i = 0; i < files.size(); i++) {
-        index_record rec;
-        size_t at = hdr.start_offset + i * sizeof rec;
-        if (at + sizeof rec > hdr.cache_offset) return ADD_FAILURE() << d << ": overrun", texts;
-        memcpy(&rec, idx.data() + at, sizeof rec);
-        EXPECT_GT(rec.uid, lastUid) << d << " record " << i + 1;
-        lastUid = rec.uid;
+    std::vector<IndexEntry> e = index_entries(d, &mbd);
+    EXPECT_TRUE(mbd.exists == files.size() && e.size() == files.size()) << d << ": " << e.size() << " records";
+    uint64_t total = 0, cacheEnd = 0;
+    for (size_t i = 0; i < e.size() && i < files.size(); i++) {
+        const index_record &rec = e[i].rec;
+        EXPECT_TRUE(i == 0 || rec.uid > e[i - 1].rec.uid) << d << " record " << i + 1;
         texts.push_back(read_file(files[i]));
-        EXPECT_EQ(file_size(files[i]), (off_t)rec.size) << files[i];
+        EXPECT_EQ(texts.back().size(), rec.size) << files[i];
         total += rec.size;
-        uint64_t p = (uint64_t)hdr.cache_offset + rec.rec_cache_offset;
-        EXPECT_GE(p, cacheEnd) << d << " uid " << rec.uid << ": cache entries overlap";
-        for (int item = 0; item < MAILBOX_CACHE_ITEMS && p + 4 <= idx.size(); item++)
-            p += 4 + ((be32_at(idx, p) + 3) & ~3u);
-        EXPECT_LE(p, idx.size()) << d << " uid " << rec.uid << ": cache entry cut short";
-        cacheEnd = p;
+        EXPECT_GE(rec.rec_cache_offset, cacheEnd) << d << " uid " << rec.uid << ": cache entries overlap";
+        EXPECT_EQ(cache_items(e[i].cache).size(), 11u) << d << " uid " << rec.uid << ": cache entry cut short";
+        cacheEnd = rec.rec_cache_offset + e[i].cache.size();
     }
-    EXPECT_LE(lastUid, mbd.last_uid) << d;
+    EXPECT_LE(e.empty() ? 0 : e.back().rec.uid, mbd.last_uid) << d;
     EXPECT_EQ(mbd.quota_used[0] | (uint64_t)mbd.quota_used[1] << 32, total) << d;
     return texts;
 }

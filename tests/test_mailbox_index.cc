@@ -29,14 +29,6 @@ std::vector<std::string> sample_items(unsigned uid) {
     return {"(\"s" + u + "\")", "(\"TEXT\")", "", std::string("\0\0\0\1\0", 5), "Subject: " + u,
             "fred", "bob" + u, "", "x", "\"s" + u + "\"", "text"};
 }
-// A cache entry: per item a network-order length, the bytes, NULs up to a
-// multiple of 4.
-std::string cache_entry(unsigned uid) {
-    std::string s;
-    for (const std::string &it : sample_items(uid))
-        s += be32({(uint32_t)it.size()}) + it + std::string((4 - it.size() % 4) % 4, '\0');
-    return s;
-}
 index_record make_record(uint32_t uid, uint32_t rec_cache_offset) {
     index_record r = {};
     r.uid = r.orig_uid = uid;
@@ -62,7 +54,7 @@ struct IndexFile {
         mbd.uidvalidity = 1234;
         for (uint32_t uid = 1; uid <= messages; uid++) {
             records.push_back(make_record(uid, (uint32_t)cache.size()));
-            cache += cache_entry(uid);
+            cache += cache_entry(sample_items(uid));
             mbd.last_uid = uid;
         }
     }
@@ -259,7 +251,7 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
         {overlap, OPEN_PARTIAL, IMAP_MAILBOX_BADFORMAT},
         // A partial map that misses even the room of the last entry's lengths
         // (a cut entry in a whole map: fuzz_index's last-entry check).
-        {whole.substr(0, good.cache_offset() + cache_entry(1).size() + 43), OPEN_APPEND,
+        {whole.substr(0, good.cache_offset() + cache_entry(sample_items(1)).size() + 43), OPEN_APPEND,
          IMAP_MAILBOX_BADFORMAT},
         {noflags.build(), 0, logs},
         {noacl.build(), 0, logs},
@@ -353,7 +345,7 @@ struct OldFolder {
         for (unsigned uid = 10; uid <= 10 * count; uid += 10) {
             index_record r = make_record(uid, (uint32_t)cch.size());
             idx += bytes_of(r).substr(0, INDEX_RECORD_SIZE_OLD);
-            cch += cache_entry(uid);
+            cch += cache_entry(sample_items(uid));
             r.rec_cache_offset -= 4;
             r.orig_uidvalidity = 777;
             records.push_back(r);

@@ -426,6 +426,23 @@ std::vector<std::string> corpus_messages(const std::string &name) {
     return scan_texts(read_file(corpus_path(name)));
 }
 
+std::string cache_entry(const std::vector<std::string> &items) {
+    std::string s;
+    for (const std::string &it : items) s += be32({(uint32_t)it.size()}) + it + std::string((4 - it.size() % 4) % 4, '\0');
+    return s;
+}
+
+std::vector<std::string> cache_items(const std::string &entry) {
+    std::vector<std::string> items;
+    for (size_t p = 0, next; items.size() < MAILBOX_CACHE_ITEMS && p + 4 <= entry.size(); p = next) {
+        uint32_t len = be32_at(entry, p);
+        next = p + 4 + ((len + 3ull) & ~3ull);
+        if (next > entry.size() || entry.find_first_not_of('\0', p + 4 + len) < next) break;
+        items.push_back(entry.substr(p + 4, len));
+    }
+    return items;
+}
+
 std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd) {
     std::string f = read_file(dir + "/store.idx");
     mboxdata m = {};
@@ -436,7 +453,7 @@ std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd) {
     }
     std::vector<IndexEntry> out(m.exists);
     for (size_t i = 0; i < out.size(); i++) {
-        if (h.start_offset + (i + 1) * INDEX_RECORD_SIZE > f.size()) {
+        if (h.start_offset + (i + 1) * INDEX_RECORD_SIZE > std::min(f.size(), (size_t)h.cache_offset)) {
             out.resize(i);
             break;
         }

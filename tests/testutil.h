@@ -235,10 +235,16 @@ std::vector<std::string> scan_texts(const std::string &data);  // their texts on
 std::string corpus_all(int times = 1);
 std::vector<std::string> corpus_messages(const std::string &name);
 
+// A cache entry: per item a network-order length, the bytes, NULs up to a
+// multiple of 4. cache_items gives the whole, well padded items at the
+// start of entry (fewer than 11 if it is cut short or damaged).
+std::string cache_entry(const std::vector<std::string> &items);
+std::vector<std::string> cache_items(const std::string &entry);
+
 // A record of "store.idx" and the bytes of its cache entry (the 11 items).
 struct IndexEntry { index_record rec; std::string cache; };
 // The records that the header of "store.idx" in dir counts (as many as the
-// file holds); its summary where asked.
+// record area and the file hold); its summary where asked.
 std::vector<IndexEntry> index_entries(const std::string &dir, mboxdata *mbd = nullptr);
 
 // The path of the file of message uid in the open folder mb.
