@@ -2,9 +2,10 @@
 //
 // The text handed in runs on past the field (to the end of the whole
 // header), so the field's end is found first: the first line end (LF, with
-// a CR before it or not) that no space or tab follows, or the NUL. The
-// field is unfolded into a private copy, and the parser works on that copy
-// only, so no input can make it read past the field.
+// a CR before it or not) that no space or tab follows, or the NUL. A
+// folded field is unfolded into a private copy; the parser works on the
+// field's bytes only, by their count, so no input can make it read past
+// the field.
 //
 // What the records hold:
 //   ordinary address  name (display name, or null), route (the source
@@ -101,7 +102,7 @@ struct token {
 };
 
 struct parser {
-    const char *s;  // unfolded field, NUL-terminated
+    const char *s;  // the unfolded field, n bytes (not NUL-terminated)
     size_t n;
     size_t i;
     int have_peek;
@@ -112,12 +113,15 @@ struct parser {
 
 int is_space(unsigned char c) { return c <= ' '; }
 
-// The specials of RFC 822, as a table: this test runs for every byte of
-// every address field.
+// The specials of RFC 822, and the bytes that go on an atom (neither
+// space nor special), as tables: these tests run for every byte of every
+// address field.
 struct SpecialTable {
     bool special[256];
-    constexpr SpecialTable() : special() {
+    bool atom[256];
+    constexpr SpecialTable() : special(), atom() {
         for (const char *p = "()<>@,;:\".[]"; *p; p++) special[(unsigned char)*p] = true;
+        for (int c = ' ' + 1; c < 256; c++) atom[c] = !special[c];
     }
 };
 constexpr SpecialTable specials;
@@ -195,9 +199,7 @@ void lex(parser *p, token *t)
         t->type = T_SPECIAL;
         t->ch = c;
     } else {
-        while (p->i < p->n && !is_space((unsigned char)p->s[p->i]) &&
-               !is_special((unsigned char)p->s[p->i]))
-            p->i++;
+        while (p->i < p->n && specials.atom[(unsigned char)p->s[p->i]]) p->i++;
         t->type = T_ATOM;
     }
     t->len = p->i - start;
@@ -459,25 +461,33 @@ void parseaddr_list(const char *text, struct address **list)
 
     // The field ends at a line end that isn't followed by white space.
     const char *end = text;
-    while (*end) {
-        if (*end == '\n' && end[1] != ' ' && end[1] != '\t') break;
+    bool folded = false;
+    for (;;) {
+        end = strchrnul(end, '\n');
+        if (!*end || (end[1] != ' ' && end[1] != '\t')) break;
+        folded = true;
         end++;
     }
     size_t len = (size_t)(end - text);
     if (len > 0 && text[len - 1] == '\r' && *end == '\n') len--;
 
-    // Unfold: drop CR LF or LF before white space.
-    char *copy = (char *)xmalloc(len + 1);
-    size_t n = 0;
-    for (size_t i = 0; i < len; i++) {
-        if (text[i] == '\r' && i + 1 < len && text[i + 1] == '\n') continue;
-        if (text[i] == '\n') continue;
-        copy[n++] = text[i];
+    // Unfold into a copy: drop CR LF or LF before white space. A field on
+    // one line is read where it stands.
+    char *copy = nullptr;
+    size_t n = len;
+    if (folded) {
+        copy = (char *)xmalloc(len + 1);
+        n = 0;
+        for (size_t i = 0; i < len; i++) {
+            if (text[i] == '\r' && i + 1 < len && text[i + 1] == '\n') continue;
+            if (text[i] == '\n') continue;
+            copy[n++] = text[i];
+        }
+        copy[n] = '\0';
     }
-    copy[n] = '\0';
 
     parser p;
-    p.s = copy;
+    p.s = folded ? copy : text;
     p.n = n;
     p.i = 0;
     p.have_peek = 0;
