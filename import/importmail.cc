@@ -473,6 +473,7 @@ struct ImportRun {
     char msgPath[PATH_BUFSIZE];
     int number;
     int debug;
+    size_t fileSize;  // bytes of the mail file
 };
 }  // namespace
 
@@ -498,6 +499,12 @@ static int import_deliver(void *rock, const ScannedMessage *m, int *more) {
         if (Verbose > 1) fprintf(stderr, "%s\n", run->msgPath);
 
         Message *message = new Message(run->session, run->msgPath, 0);
+        // The messages still to come, estimated from the bytes left and
+        // the mean size so far, let the folder's record area grow once.
+        Mailbox *folder = run->session->getMailbox();
+        if (folder && m->offset > 0 && m->offset < run->fileSize)
+            folder->expectMessages((unsigned)((run->fileSize - m->offset) /
+                                              (m->offset / (size_t)run->number + 1)));
         message->setMsgInfo((long)m->internalDate, (unsigned)m->size, m->statusFlags,
                             m->xStatusFlags, 0, 0);
         Vdata text((unsigned)m->size, const_cast<char *>(m->text), 0);
@@ -597,6 +604,7 @@ int importmail(BkSession *session, const char *user, int fd, const char *folder)
         run.folderPath = folderPath;
         run.number = 0;
         run.debug = debug;
+        run.fileSize = len;
         ScanHooks hooks = {import_deliver, import_stop, &run, 0};
         result = scan_messages(base, len, fd, &first, &hooks);
     }

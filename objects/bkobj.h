@@ -262,6 +262,9 @@ class Mailbox : public BkObj {
     // Messages delivered through this object so far.
     unsigned getDelivered() const { return delivered; }
     void countDelivered() { delivered++; }
+    // The caller expects about count more messages in this run of
+    // deliveries: a growth of the folder's record area makes room for them.
+    void expectMessages(unsigned count) { appendState.room_hint = count; }
 
   private:
     int readRecord(unsigned msgno, struct index_record *record, int level);

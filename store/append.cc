@@ -37,6 +37,9 @@
 
 const struct appendmsg zeroappendmsg = {};
 
+// Most record slots that a caller's expectation adds to a growth.
+#define APPEND_ROOM_HINT_MAX (1u << 20)
+
 // Rights of myrights that delivery looks at.
 #define RIGHT_LOOKUP 0x01
 #define RIGHT_SEEN 0x04
@@ -128,6 +131,7 @@ int append_setup(struct append_state *as, const char *name, unsigned mode, unsig
     memset(&as->cache, 0, sizeof as->cache);
     as->index_end = -1;
     as->message_dev = 0;
+    as->room_hint = 0;
 
     int r = mailbox_open(name, mode | OPEN_APPEND, auth, as->mailbox);
     if (r) return r;
@@ -502,7 +506,10 @@ static int make_record_room(struct append_state *as) {
         r = mboxlist_updatedata(mailbox, 1);
         if (r) return r;
     }
-    r = mailbox_expunge(mailbox, EXPUNGE_LOCKED, 1, expungenone, nullptr);
+    // One record, and what the caller expects to come (within reason: the
+    // slots are holes in the file until records fill them).
+    unsigned expected = as->room_hint < APPEND_ROOM_HINT_MAX ? as->room_hint : APPEND_ROOM_HINT_MAX;
+    r = mailbox_expunge(mailbox, EXPUNGE_LOCKED, 1 + (int)expected, expungenone, nullptr);
     mailbox->open_mode |= OPEN_APPEND;
     as->index_end = -1;  // a new file
     return r;

@@ -80,6 +80,11 @@ struct append_state {
     // rewrite or a cut of the file, not per message.
     off_t index_end;
     dev_t message_dev;  // device of the folder's message files, 0 until a file tells it
+    // Messages the caller still expects to deliver in this session after
+    // the current one, 0 when unknown. When the record area is full, the
+    // rewrite that grows it makes room for them as well, so that a large
+    // run rewrites "store.idx" once instead of at every doubling.
+    unsigned room_hint;
 };
 
 // The stream form of delivery: a message received piecewise, whose header
