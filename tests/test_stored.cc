@@ -13,18 +13,6 @@ using namespace testutil;
 
 namespace {
 
-// Writes one row of an empty folder under txn; the library's result.
-int put_folder(const std::string &name, DB_TXN *txn) {
-    struct mboxdata mbd = {};
-    mbd.version = MAILBOX_VERSION;
-    DBT key, data;
-    mboxlist_create_struct(&key, &data, nullptr, name.c_str(), &mbd, "primary", "", nullptr);
-    DB *db = mboxlist_db(MBOXLIST_FOLDERDB);
-    int r = db->put(db, txn, &key, &data, 0);
-    free(data.data);
-    return r;
-}
-
 // Commits rows prefix0 .. prefix(n-1), each in a transaction of its own;
 // with first and second, each transaction writes those rows around its own
 // (two writers naming them in opposite orders deadlock). 0 or the failure.
@@ -34,9 +22,9 @@ int commit_rows(const std::string &prefix, int n, const char *first = nullptr, c
         do {
             DB_TXN *txn;
             if (mboxlist_trans_setup(&txn, "test", own.c_str())) return -1;
-            r = first ? put_folder(first, txn) : 0;
-            if (r == 0) r = put_folder(own, txn);
-            if (r == 0 && second) r = put_folder(second, txn);
+            r = first ? put_row(txn, first) : 0;
+            if (r == 0) r = put_row(txn, own.c_str());
+            if (r == 0 && second) r = put_row(txn, second);
             r = mboxlist_trans_finish(txn, r);
         } while (r == DB_LOCK_DEADLOCK);
         if (r) return r;
@@ -54,16 +42,10 @@ int rows_found(const std::string &prefix, int n) {
     });
 }
 
-// The command line that runs a program of the store for the instance.
-std::string cmd(const Instance &inst, const char *name) {
-    return "env STORE_INSTANCEDIR='" + inst.dir() + "' " + binary_dir() + "/bin/" + name + " ";
-}
-
 // Loads a one-message mail file as user joe; importmail's exit status.
 int import(const Instance &inst, std::string *err = nullptr) {
-    std::string mbox = inst.path("in.mbox");
-    write_file(mbox, "From a Tue Nov  5 10:20:30 2002\n\nx\n");
-    return run_command(cmd(inst, "importmail") + "-v 0 -u joe -s " + mbox, nullptr, err);
+    write_file(inst.path("in.mbox"), "From a Tue Nov  5 10:20:30 2002\n\nx\n");
+    return inst.run("importmail", "-v 0 -u joe -s " + inst.path("in.mbox"), nullptr, err);
 }
 
 // Whether the instance log has a line matching the regular expression.
@@ -138,7 +120,7 @@ TEST(StoreDaemon, ClientsThatContendDieOrRegister) {
         if (commit_rows("user/c", 200) != 0) return 95;
         DB_TXN *open_txn;
         if (mboxlist_trans_setup(&open_txn, "test", "user/open")) return 97;
-        put_folder("user/open", open_txn);
+        put_row(open_txn, "user/open");
         send_byte(p.w, 'k');
         return pause();
     });
@@ -177,17 +159,14 @@ TEST(StoreDaemon, OneOfManySimultaneousDaemonsWins) {
     Instance inst;
     ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
     const int racers = 8;
+    auto race = [&](int i) { return inst.path("race." + std::to_string(i)); };
     for (int round = 0; round < 3; round++) {
         pid_t pids[racers];
-        for (int i = 0; i < racers; i++)
-            pids[i] = spawn([&] {
-                return run_command("exec timeout 60 " + cmd(inst, "stored") + "-d 2>" +
-                                   inst.path("race." + std::to_string(i)));
-            });
+        for (int i = 0; i < racers; i++) pids[i] = spawn([&] { return inst.run("stored", "-d 2>" + race(i), 0, 0, 60); });
         int winners = 0;
         for (int i = 0; i < racers; i++) {
             int status = wait_child(pids[i]);
-            std::string err = read_file(inst.path("race." + std::to_string(i)));
+            std::string err = read_file(race(i));
             winners += status == 0;
             EXPECT_TRUE(status == 0 || (status == 75 && err.find("another store daemon runs") !=
                                                             std::string::npos)) << status << err;

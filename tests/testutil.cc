@@ -336,17 +336,27 @@ bool db_has(DB *db, const std::string &k) {
     return r == 0;
 }
 
-void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
-             uint32_t uidvalidity, const char *partition) {
+int put_row(DB_TXN *txn, const char *name, uint32_t version, uint32_t exists, const char *acl,
+            uint32_t uidvalidity, const char *partition) {
     mboxdata mbd = {};
-    mbd.version = version;
-    mbd.exists = exists;
-    mbd.uidvalidity = uidvalidity;
+    mbd.version = version, mbd.exists = exists, mbd.uidvalidity = uidvalidity;
     DBT key, data;
     mboxlist_create_struct(&key, &data, nullptr, name, &mbd, partition, acl, nullptr);
-    std::string k((const char *)key.data, key.size), v((const char *)data.data, data.size);
+    DB *db = mboxlist_db(MBOXLIST_FOLDERDB);
+    int r = db->put(db, txn, &key, &data, 0);
     free(data.data);
-    ASSERT_TRUE(db_put(mboxlist_db(MBOXLIST_FOLDERDB), k, v)) << name;
+    return r;
+}
+
+void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
+             uint32_t uidvalidity, const char *partition) {
+    int r;
+    do {
+        DB_TXN *txn;
+        ASSERT_EQ(mboxlist_trans_setup(&txn, "test", name), 0);
+        r = mboxlist_trans_finish(txn, put_row(txn, name, version, exists, acl, uidvalidity, partition));
+    } while (r == DB_LOCK_DEADLOCK);
+    ASSERT_EQ(r, 0) << name;
 }
 
 void deliver(struct ::mailbox *mb, unsigned n) {

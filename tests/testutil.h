@@ -208,7 +208,10 @@ bool db_put(DB *db, const std::string &key, const std::string &value);
 // Whether one of the store's databases holds key.
 bool db_has(DB *db, const std::string &key);
 
-// Writes a folder's row straight into the folder database.
+// Writes a folder's row straight into the folder database: under txn (the
+// library's result), or in a transaction of its own.
+int put_row(DB_TXN *txn, const char *name, uint32_t version = MAILBOX_VERSION, uint32_t exists = 0,
+            const char *acl = "", uint32_t uidvalidity = 77, const char *partition = "primary");
 void put_row(const char *name, uint32_t version, uint32_t exists, const char *acl,
              uint32_t uidvalidity = 77, const char *partition = "primary");
 

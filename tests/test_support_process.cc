@@ -1,19 +1,22 @@
-// lock_reopen's failures and the named mutexes, between real processes. The
-// blocking and trying locks are FolderOpen.LockWaitsForTheHolderNestsAndIsTried,
-// a reopen that follows a replaced file FolderOpen.LockFollowsAReplacedIndex,
-// the session lock StoreDaemon.OneOfManySimultaneousDaemonsWins.
+// Processes: lock_reopen's failures and the named mutexes between real
+// processes, signals, descriptor limits and the process id. The blocking and
+// trying locks are FolderOpen.LockWaitsForTheHolderNestsAndIsTried, a reopen
+// that follows a replaced file FolderOpen.LockFollowsAReplacedIndex, the
+// session lock StoreDaemon.OneOfManySimultaneousDaemonsWins.
+#include <atomic>
 #include <dirent.h>
 #include <sched.h>
-
-#include <atomic>
+#include <sys/resource.h>
 #include <thread>
 
 #include "support/lock.h"
+#include "support/osl.h"
+#include "support/signals.h"
 #include "tests/testutil.h"
 
-using namespace testutil;
-
 namespace {
+
+using namespace testutil;
 
 // Writes content to path and opens it read-write holding its lock.
 int locked_file(const std::string &path, const std::string &content) {
@@ -140,4 +143,53 @@ TEST(SupportLock, GlobalMutexNames) {
     for (const std::string &f : files) EXPECT_LT(f.size(), 256u);
     EXPECT_EQ(EINVAL, db_globalmutex_hold(nullptr));
     db_globalmutex_close(nullptr);
+}
+
+TEST(Signals, ArrivalIsRecordedAndDoesNotKill) {
+    for (int sig : {SIGTERM, SIGINT}) {
+        ASSERT_EQ(set_signal_handler(sig, "delayed\n"), 0);
+        signals_reset(sig);
+    }
+    StderrCapture err;
+    ASSERT_EQ(raise(SIGTERM), 0);
+    // Each signal on its own, silently; a reset forgets it.
+    EXPECT_TRUE(check_signal_handler(SIGTERM) && !check_signal_handler(SIGINT) && err.text() == "");
+    signals_reset(SIGTERM);
+    EXPECT_FALSE(check_signal_handler(SIGTERM));
+    EXPECT_TRUE(set_signal_handler(SIGKILL, "x") != 0 && set_signal_handler(0, "x") != 0 && !check_signal_handler(-3));
+}
+
+TEST(Signals, BlockingReadSurvivesASignal) {
+    ASSERT_EQ(set_signal_handler(SIGUSR1, "usr1\n"), 0);
+    signals_reset(SIGUSR1);
+    Pipe p;
+    pid_t parent = getpid(), pid = spawn([&] {
+        usleep(150 * 1000);  // the parent is blocked in read by now
+        kill(parent, SIGUSR1);
+        usleep(150 * 1000);
+        return write(p.w, "ok", 2) == 2 ? 0 : 1;
+    });
+    close(p.w);
+    p.w = -1;
+    char buf[4];
+    EXPECT_EQ(read(p.r, buf, 2), 2) << strerror(errno);  // restarted, not EINTR
+    EXPECT_EQ(wait_child(pid), 0);
+    EXPECT_TRUE(check_signal_handler(SIGUSR1));
+    signals_reset(SIGUSR1);
+}
+
+TEST(Signals, DescriptorLimitAndProcessId) {
+    struct rlimit rl, saved;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    if (saved.rlim_max != RLIM_INFINITY && saved.rlim_max < 200) GTEST_SKIP() << "hard limit too low";
+    rl = saved;
+    rl.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rl), 0);
+    for (int want : {100, 80}) {  // raised, never lowered
+        EXPECT_EQ(setmaxfd(want), 0);
+        EXPECT_TRUE(getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur == 100u);
+    }
+    setrlimit(RLIMIT_NOFILE, &saved);
+    // Not a value kept from before a fork.
+    EXPECT_EQ(in_child([] { return process_id() == getpid() ? 0 : 1; }), 0);
 }
