@@ -629,8 +629,12 @@ int append_msg(struct append_state *as, struct appendmsg *msg, time_t internalda
 
     char fname[MAILBOX_FNAME_SIZE], destination[PATH_MAX];
     mailbox_message_fname(mailbox, record.uid, fname);
-    if ((size_t)snprintf(destination, sizeof destination, "%s/%s", mailbox->mpath, fname) >=
-        sizeof destination) {
+    size_t dirlen = strlen(mailbox->mpath), namelen = strlen(fname);
+    if (dirlen + 1 + namelen < sizeof destination) {
+        memcpy(destination, mailbox->mpath, dirlen);
+        destination[dirlen] = '/';
+        memcpy(destination + dirlen + 1, fname, namelen + 1);
+    } else {
         errno = ENAMETOOLONG;
         svclog(nullptr, 59, "Unable to create message file %s/%s: %m", mailbox->mpath, fname);
         return IMAP_IOERROR;

@@ -169,7 +169,21 @@ static int map_index(struct mailbox *mailbox) {
 
 char *mailbox_message_fname(struct mailbox *mailbox, unsigned long uid, char *buf) {
     STORE_ASSERT((mailbox->mbd.version & 0x0000FF00)|| (mailbox->mbd.version == 0x01000001));
-    snprintf(buf, MAILBOX_FNAME_SIZE, "%02lu/%lu%s", (uid / 100) % 100, uid, ".msg");
+    // "%02lu/%lu.msg", written out by hand: this runs for every message
+    // delivered or read.
+    unsigned long dir = (uid / 100) % 100;
+    char digits[24];
+    int n = 0;
+    do {
+        digits[n++] = (char)('0' + uid % 10);
+        uid /= 10;
+    } while (uid);
+    char *p = buf;
+    *p++ = (char)('0' + dir / 10);
+    *p++ = (char)('0' + dir % 10);
+    *p++ = '/';
+    while (n) *p++ = digits[--n];
+    memcpy(p, ".msg", 5);
     return buf;
 }
 
