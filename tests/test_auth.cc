@@ -3,6 +3,8 @@
 
 namespace {
 
+using namespace testutil;
+
 // Configuration with a default domain, so that canonical forms can differ.
 class AuthTest : public ::testing::Test {
   protected:
@@ -16,14 +18,10 @@ class AuthTest : public ::testing::Test {
         tenant = auth_newstate("boss@other.org", nullptr, AUTH_ADMIN_TENANT);
         local = auth_newstate("boss", nullptr, AUTH_ADMIN_TENANT);
     }
-    void TearDown() override {
-        for (auth_state *a : {fred, bob, site, tenant, local}) auth_freestate(a);
-    }
-    testutil::Instance inst;
+    void TearDown() override { for (auth_state *a : {fred, bob, site, tenant, local}) auth_freestate(a); }
+    Instance inst;
     auth_state *fred, *bob, *site, *tenant, *local;
 };
-
-std::string str(const char *s) { return s ? s : "<null>"; }
 
 // The owner of user/<owner>[/...] keeps lookup, create and administer.
 int owner_keeps(void *rock, const char *identifier, int mask) {
@@ -65,16 +63,11 @@ TEST_F(AuthTest, StatesAdministratorsAndGroups) {
 
     // Without an owner: the level. With one: the site administers all, a
     // tenant its own domain; owning folders makes nobody an administrator.
-    const struct {
-        const auth_state *who;
-        const char *owner;
-        int level;
-    } cases[] = {{site, nullptr, AUTH_ADMIN_SITE},   {auth_dontCheckAcl, nullptr, AUTH_ADMIN_SITE},
-                 {tenant, nullptr, AUTH_ADMIN_TENANT}, {fred, nullptr, 0},
-                 {site, "anybody@other.org", 1},     {tenant, "joe@OTHER.org", 1},
-                 {tenant, "joe", 0},                 {local, "joe", 1},
-                 {local, "joe@example.com", 1},      {local, "joe@other.org", 0},
-                 {fred, "fred", 0},                  {nullptr, "fred", 0}};
+    const struct { const auth_state *who; const char *owner; int level; } cases[] = {
+        {site, nullptr, AUTH_ADMIN_SITE}, {auth_dontCheckAcl, nullptr, AUTH_ADMIN_SITE},
+        {tenant, nullptr, AUTH_ADMIN_TENANT}, {fred, nullptr, 0}, {site, "anybody@other.org", 1},
+        {tenant, "joe@OTHER.org", 1}, {tenant, "joe", 0}, {local, "joe", 1}, {local, "joe@example.com", 1},
+        {local, "joe@other.org", 0}, {fred, "fred", 0}, {nullptr, "fred", 0}};
     for (const auto &c : cases) {
         int got = auth_adminFor(c.who, c.owner);
         EXPECT_EQ(c.owner ? got != 0 : got, c.level) << str(auth_userid(c.who)) << str(c.owner);
@@ -85,10 +78,7 @@ TEST_F(AuthTest, StatesAdministratorsAndGroups) {
 
 TEST_F(AuthTest, MyRights) {
     const char *acl = "anyone\tl\tgroup:staff\trs\tfred@Example.com\tiw\tbob@OTHER.ORG\tc\t";
-    const struct {
-        const auth_state *who;
-        const char *acl, *rights;
-    } cases[] = {
+    const struct { const auth_state *who; const char *acl, *rights; } cases[] = {
         {fred, acl, "lrsiw"}, {bob, acl, "lc"}, {site, acl, "lrswipcda"},
         {nullptr, acl, "l"}, {tenant, acl, "l"},  // anyone's; a tenant gets what the ACL says
         {fred, nullptr, ""}, {fred, "", ""},
@@ -101,15 +91,11 @@ TEST_F(AuthTest, MyRights) {
     for (const auto &c : cases)
         EXPECT_EQ(acl_myrights(c.who, c.acl), acl_strtomask(c.rights))
             << str(auth_userid(c.who)) << " in " << str(c.acl);
-
 }
 
 TEST_F(AuthTest, AclEditsKeepTheOwnersRights) {
-    const struct {
-        const char *start, *id;
-        int mode, mask;
-        const char *want;  // null: refused, nothing changes
-    } cases[] = {
+    // want null: refused, nothing changes.
+    const struct { const char *start, *id; int mode, mask; const char *want; } cases[] = {
         // Replace, add, take away; a new entry goes to the end, a known one
         // keeps its place, one left without rights goes.
         {nullptr, "fred", ACL_MODE_SET, ACL_ALL, "fred\tlrswipcda\t"},
@@ -132,7 +118,7 @@ TEST_F(AuthTest, AclEditsKeepTheOwnersRights) {
         char *acl = c.start ? strdup(c.start) : nullptr;
         EXPECT_EQ(acl_modify(&acl, c.id, c.mode, c.mask, nullptr, nullptr) == 0, c.want != nullptr)
             << c.id << " on " << str(c.start);
-        EXPECT_EQ(testutil::take(acl), c.want ? c.want : c.start) << c.id << " on " << str(c.start);
+        EXPECT_EQ(take(acl), c.want ? c.want : c.start) << c.id << " on " << str(c.start);
     }
 
     // Through the callback the owner keeps lookup, create and administer,

@@ -170,12 +170,10 @@ TEST(MessageCache, SubjectFormsAndPadding) {
         // Quoted up to 1023 bytes of plain text, a literal otherwise.
         {std::string(1023, 'a'), "\"" + std::string(1023, 'a') + "\""},
         {std::string(1024, 'a'), "{1024}\r\n" + std::string(1024, 'a')},
-        {"back\\slash", "{10}\r\nback\\slash"},
-        {"say \"hi\"", "{8}\r\nsay \"hi\""},
+        {"back\\slash", "{10}\r\nback\\slash"}, {"say \"hi\"", "{8}\r\nsay \"hi\""},
         {"caf\xc3\xa9", "{5}\r\ncaf\xc3\xa9"},
         // Encoded words are decoded for the subject item only.
-        {"=?iso-8859-1?q?caf=E9?= ok", "{8}\r\ncaf\xc3\xa9 ok"},
-        {"=?utf-8?b?aGVsbG8=?=", "\"hello\""},
+        {"=?iso-8859-1?q?caf=E9?= ok", "{8}\r\ncaf\xc3\xa9 ok"}, {"=?utf-8?b?aGVsbG8=?=", "\"hello\""},
         {"one\r\n two", "\"one two\""},  // a folded subject is joined
     };
     for (const Case &c : cases) {
@@ -243,17 +241,13 @@ TEST(MessageCache, RecordFlags) {
         std::string msg;
         uint32_t given, want;  // other bits of the caller stay
     } cases[] = {
-        {plain, 0, FLAG_NODOTS_CRLF},
-        {plain, FLAG_ANSWERED, FLAG_ANSWERED | FLAG_NODOTS_CRLF},
+        {plain, 0, FLAG_NODOTS_CRLF}, {plain, FLAG_ANSWERED, FLAG_ANSWERED | FLAG_NODOTS_CRLF},
         // A line that starts with a dot, in the body or in any header.
-        {crlf("A: b\n\n.x\n"), FLAG_NODOTS_CRLF, 0},
-        {crlf("A: b\n.odd: header\n\nx\n"), 0, 0},
+        {crlf("A: b\n\n.x\n"), FLAG_NODOTS_CRLF, 0}, {crlf("A: b\n.odd: header\n\nx\n"), 0, 0},
         {crlf("Content-Type: multipart/mixed; boundary=q\n\n--q\n.X: y\n\nz\n--q--\n"), 0, 0},
         {crlf("A: b\n\nx.y\n"), 0, FLAG_NODOTS_CRLF},
-        {crlf("Content-Type: message/rfc822\n\nSubject: in\n\n.dot\n"), 0, 0},
-        {"A: b\r\n\r\nx", 0, 0},
-        {"A: b\r\n\r\nx\n", 0, 0},
-        {"\r\n", 0, FLAG_NODOTS_CRLF},
+        {crlf("Content-Type: message/rfc822\n\nSubject: in\n\n.dot\n"), 0, 0}, {"A: b\r\n\r\nx", 0, 0},
+        {"A: b\r\n\r\nx\n", 0, 0}, {"\r\n", 0, FLAG_NODOTS_CRLF},
     };
     for (const auto &c : cases)
         EXPECT_EQ(cf.deliver(c.msg, nullptr, c.given).record.system_flags, c.want) << c.msg;

@@ -193,8 +193,7 @@ TEST(Scanner, CutsMessagesAndRewritesLineEnds) {
         // is a message of 2 bytes.
         {F + "Subject: h\n\n" + F + "Subject: b\n\ntext\n\n" + F + "\n" + F + "Subject: d\n\ntext\n\n\n" + F,
          {"Subject: h\r\n\r\n", "Subject: b\r\n\r\ntext\r\n", "\r\n", "Subject: d\r\n\r\ntext\r\n\r\n", "\r\n"}},
-        {F + "Subject: x\n", {"Subject: x\r\n\r\n"}},
-        {F + "\nsmall\n", {"\nsmall\r\n"}},
+        {F + "Subject: x\n", {"Subject: x\r\n\r\n"}}, {F + "\nsmall\n", {"\nsmall\r\n"}},
         // The space rule, and header bytes cut to 7 bits.
         {F + "Status: RO\nFrom a second From line\n:colon\n continued\n\tcontinued\nBad Name: x\n"
              "Caf\xc3\xa9: y\n\nStatus: D\n",

@@ -431,10 +431,7 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
     ASSERT_EQ(mailbox_makedirs(d.c_str()), 0);
     int fd = open(idx.c_str(), O_RDWR | O_CREAT, 0666);
     ASSERT_EQ(lock_blocking(fd), 0);
-    struct {
-        mboxdata mbd;
-        index_header hdr;
-    } h = {};
+    struct { mboxdata mbd; index_header hdr; } h = {};
     h.mbd.version = MAILBOX_VERSION;
     h.mbd.uidvalidity = 4242;
     h.hdr.start_offset = 256;

@@ -246,15 +246,13 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
     const struct { std::string bytes; unsigned mode; int repair; } cases[] = {
         {whole.substr(0, 79), 0, IMAP_MAILBOX_BADFORMAT},  // no fixed header
         {whole.substr(0, 80), 0, logs},                    // start_offset beyond the end
-        {bad_version, 0, logs},
-        {overlap, 0, IMAP_MAILBOX_BADFORMAT},
+        {bad_version, 0, logs}, {overlap, 0, IMAP_MAILBOX_BADFORMAT},
         {overlap, OPEN_PARTIAL, IMAP_MAILBOX_BADFORMAT},
         // A partial map that misses even the room of the last entry's lengths
         // (a cut entry in a whole map: fuzz_index's last-entry check).
         {whole.substr(0, good.cache_offset() + cache_entry(sample_items(1)).size() + 43), OPEN_APPEND,
          IMAP_MAILBOX_BADFORMAT},
-        {noflags.build(), 0, logs},
-        {noacl.build(), 0, logs},
+        {noflags.build(), 0, logs}, {noacl.build(), 0, logs},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);

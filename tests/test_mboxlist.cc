@@ -131,14 +131,11 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         {"user/fred", nullptr, boss, EXISTS},
         // The owner's folders inherit the nearest parent's ACL; a given ACL
         // is taken as it is.
-        {"user/fred/x", "fred", fred, 0, nullptr, all},
-        {"user/fred/x/y/z", "fred", fred, 0, nullptr, all},
-        {"user/fred/pub", "fred", fred, 0, pub, pub},
-        {"user/fred/shared", "fred", fred, 0, shared, shared},
+        {"user/fred/x", "fred", fred, 0, nullptr, all}, {"user/fred/x/y/z", "fred", fred, 0, nullptr, all},
+        {"user/fred/pub", "fred", fred, 0, pub, pub}, {"user/fred/shared", "fred", fred, 0, shared, shared},
         // Others need "c" on the parent, and see existing folders only with "l".
         {"user/fred/pub/bobs", "bob", bob, DENIED}, {"user/fred/pub", "bob", bob, EXISTS},
-        {"user/fred/x", "bob", bob, DENIED},
-        {"user/fred/shared/bobs", "bob", bob, 0, nullptr, shared},
+        {"user/fred/x", "bob", bob, DENIED}, {"user/fred/shared/bobs", "bob", bob, 0, nullptr, shared},
         // No parent: administrators and the owner only, roots before folders;
         // the owner of a new root gets all rights.
         {"user/bob", "fred", fred, DENIED}, {"user/joe/x", "joe", site, DENIED},
@@ -147,8 +144,7 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         {"user/joe", "root", site, 0, nullptr, "joe\tlrswipcda\t"},
         // Public folders: a site administrator's, with a default ACL that
         // gives nobody "c".
-        {"public/news", "fred", fred, DENIED},
-        {"public/news", "root", site, 0, nullptr, "anyone\tlrs\t"},
+        {"public/news", "fred", fred, DENIED}, {"public/news", "root", site, 0, nullptr, "anyone\tlrs\t"},
         {"public/news/sub", "fred", fred, DENIED},
         // Only a site administrator picks the partition, which wins over the
         // parent's (the ACL still comes from there); children follow the

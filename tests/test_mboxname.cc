@@ -248,17 +248,14 @@ TEST(StoreUtil, CanonicalIdsAndFolderNames)
             {"Bob@Other.ORG", "Bob@other.org"}, {"Bob@Example.Com.EVIL", "Bob@example.com.evil"},
             {"Bob@sub.Example.com", "Bob@sub.example.com"},
             {"A@B@example.com", "A@B"},       {"A@B@C.D", "A@B@c.d"},
-            {"NoDomain", "NoDomain"},         {"Bob@", "Bob@"},
-            {"@example.com", ""},
+            {"NoDomain", "NoDomain"},         {"Bob@", "Bob@"}, {"@example.com", ""},
         };
         for (const auto &c : ids) EXPECT_EQ(c[1], canon(store_canonifyid, c[0])) << c[0];
         const char *names[][2] = {
             // The folder closes up behind a shortened id; only the id is
             // touched, and only in "user/" names.
-            {"user/Bob@EXAMPLE.com/Sent/Sub", "user/Bob/Sent/Sub"},
-            {"user/Bob@example.com/x", "user/Bob/x"},
-            {"user/Bob@example.com", "user/Bob"},
-            {"user/Bob@example.com/", "user/Bob/"},
+            {"user/Bob@EXAMPLE.com/Sent/Sub", "user/Bob/Sent/Sub"}, {"user/Bob@example.com/x", "user/Bob/x"},
+            {"user/Bob@example.com", "user/Bob"}, {"user/Bob@example.com/", "user/Bob/"},
             {"user/Bob@Other.COM/X@Example.COM", "user/Bob@other.com/X@Example.COM"},
             {"user/Bob/a@Example.com/b", "user/Bob/a@Example.com/b"},
             {"public/A@Example.com", "public/A@Example.com"},
@@ -297,11 +294,7 @@ TEST(StoreUtil, PartitionTable)
     // names at all. The last line needs no line feed; lines behind the
     // count are ignored; a long name is one name.
     std::string longname(3000, 'n');
-    const struct {
-        std::string content;
-        int count;
-        std::string names;
-    } files[] = {
+    const struct { std::string content; int count; std::string names; } files[] = {
         {"3\nalpha\nbeta\n", 0, "-"},    {"2000000000\nalpha\n", 0, "-"}, {"", 0, "-"},
         {"0\n", 0, "-"},                 {"-3\nalpha\n", 0, "-"},         {"x\nalpha\n", 0, "-"},
         {"2\nalpha\nbeta", 2, "alpha,beta"}, {"1\nalpha\nbeta\n", 1, "alpha"},

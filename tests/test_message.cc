@@ -40,8 +40,6 @@ std::string mixed(const std::string &b, const std::string &body) {
     return crlf("Content-Type: multipart/mixed; boundary=" + b + "\n\n" + body);
 }
 
-std::string str(const char *s) { return s ? s : "<null>"; }
-
 // A parameter list as "NAME=value,...", a language list as "TAG,...".
 std::string list(const struct param *p) {
     std::string out;
@@ -120,17 +118,13 @@ TEST(MessageParse, MissingHeaderAndLastLine) {
 }
 
 TEST(MessageParse, HeaderFields) {
-    const struct {
-        const char *headers, *field, *want;
-    } cases[] = {
+    const struct { const char *headers, *field, *want; } cases[] = {
         // Folded: the line end goes, the white space of the continuation
         // stays; the first header of a name wins.
         {"subject: first\n  folded\nSubject: second", "subject", "first  folded"},
-        {"Message-ID:\n <id@host>", "message_id", " <id@host>"},
-        {"X-Subject: not this", "subject", "<null>"},
+        {"Message-ID:\n <id@host>", "message_id", " <id@host>"}, {"X-Subject: not this", "subject", "<null>"},
         // An empty Subject is an empty string, not a missing one.
-        {"Subject:\nSubject: later", "subject", ""},
-        {"Subject:   ", "subject", ""},
+        {"Subject:\nSubject: later", "subject", ""}, {"Subject:   ", "subject", ""},
         // Every header of a name adds to one address list.
         {"To: a@b, c@d\nto: e@f", "to", "<null>|a|b;<null>|c|d;<null>|e|f"},
         {"Cc: undisclosed: ;", "cc", "<null>|undisclosed|<null>;<null>|<null>|<null>"},
@@ -170,8 +164,7 @@ TEST(MessageParse, HeaderFields) {
         {"Content-Language: en fr", "language", ""},
         // No blank behind the colon: the value starts right behind it.
         {"Content-Transfer-Encoding:base64", "encoding", "BASE64"},
-        {"Content-Description:x", "description", "x"},
-        {"Content-Language:en", "language", "EN"},
+        {"Content-Description:x", "description", "x"}, {"Content-Language:en", "language", "EN"},
         {"Content-Disposition:inline", "disposition", "INLINE "},
         {"Content-Type:text/html", "type", "TEXT/HTML "},
     };

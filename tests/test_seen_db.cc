@@ -143,17 +143,12 @@ TEST_F(SeenStore, RangesAndLookups) {
     // Leading and doubled commas, and a ":" without a high end, are
     // skipped; a garbled list keeps what came before the bad place, with a
     // warning.
-    const struct {
-        const char *stored;
-        RangeList seen, deleted;
-        bool warned;
-    } cases[] = {
+    const struct { const char *stored; RangeList seen, deleted; bool warned; } cases[] = {
         {"5 3 9 1:3,7 ", {{1, 3}, {7, 7}, kEnd}, {}, false},  // an empty list: no array
         {"5 3 9 ,,2:4,,9,11: ,5:6", {{2, 4}, {9, 9}, {11, 11}, kEnd}, {{5, 6}, kEnd}, false},
         {"0 0 0 1,5,3,8 ", {{1, 1}, {5, 5}, kEnd}, {}, true},  // out of order
         {"0 0 0 1,2:500 ", {{1, 1}, kEnd}, {}, true},          // above last_uid
-        {"0 0 0 6:3 ", {kEnd}, {}, true},
-        {"0 0 0 1,x,3 ", {{1, 1}, kEnd}, {}, true},
+        {"0 0 0 6:3 ", {kEnd}, {}, true}, {"0 0 0 1,x,3 ", {{1, 1}, kEnd}, {}, true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.stored);

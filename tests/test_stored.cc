@@ -162,7 +162,8 @@ TEST(StoreDaemon, OneOfManySimultaneousDaemonsWins) {
     auto race = [&](int i) { return inst.path("race." + std::to_string(i)); };
     for (int round = 0; round < 3; round++) {
         pid_t pids[racers];
-        for (int i = 0; i < racers; i++) pids[i] = spawn([&] { return inst.run("stored", "-d 2>" + race(i), 0, 0, 60); });
+        for (int i = 0; i < racers; i++)
+            pids[i] = spawn([&] { return inst.run("stored", "-d 2>" + race(i), nullptr, nullptr, 60); });
         int winners = 0;
         for (int i = 0; i < racers; i++) {
             int status = wait_child(pids[i]);

@@ -8,8 +8,6 @@
 
 using namespace testutil;
 
-static std::string str(const char *s) { return s ? s : "<null>"; }
-
 TEST(Config, ParsesLinesOverridesBadLinesAndValueForms) {
     Instance inst;
     size_t before = split_lines(read_file(inst.path("config/store.conf"))).size();

@@ -438,7 +438,8 @@ std::vector<std::string> corpus_messages(const std::string &name) {
 
 std::string cache_entry(const std::vector<std::string> &items) {
     std::string s;
-    for (const std::string &it : items) s += be32({(uint32_t)it.size()}) + it + std::string((4 - it.size() % 4) % 4, '\0');
+    for (const std::string &it : items)
+        s += be32({(uint32_t)it.size()}) + it + std::string((4 - it.size() % 4) % 4, '\0');
     return s;
 }
 

@@ -129,8 +129,9 @@ std::vector<std::string> split_lines(const std::string &s);
 // POSIX extended regular expression search.
 bool matches(const std::string &re, const std::string &text);
 
-// Copies a malloc'ed string (or "<null>") and frees it.
+// Copies a malloc'ed string (or "<null>") and frees it; str copies without freeing.
 std::string take(char *s);
+inline std::string str(const char *s) { return s ? s : "<null>"; }
 
 // One byte from fd, or -1 if none arrives within ms milliseconds.
 int read_byte(int fd, int ms);
