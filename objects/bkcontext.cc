@@ -26,6 +26,10 @@ BkContext::BkContext(const char *progname, int dbg)
         return;
     }
     svclog_setoptions(SVCLOG_ECHO_ERRORS);
+    // A file size limit makes a write fail (EFBIG), which the store
+    // reports and takes back like a full disk, instead of ending the
+    // process in the middle of a delivery.
+    signal(SIGXFSZ, SIG_IGN);
     set_signal_handler(SIGINT, "interupt signal delayed while performing critical operations\n");
     set_signal_handler(SIGTERM, "SIGTERM signal delayed while performing critical operations\n");
 

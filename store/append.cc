@@ -118,6 +118,171 @@ static int partition_check(const struct mailbox *mailbox) {
 }
 
 // ---------------------------------------------------------------------------
+// The batch of index data
+//
+// A run of deliveries writes its cache entries and records in batches of
+// about APPEND_BATCH_BYTES, two writes a batch instead of two a message.
+// A message joins the batch only when the file holds room for its entry
+// and record already: the free record slots are allocated once, and room
+// behind the end of the file is allocated ahead in steps (size kept), so
+// that writing a batch never needs new space. Where the file system can't
+// allocate ahead, or the disk is full, messages are written one by one as
+// before, and a full disk fails the message at hand. A batch that still
+// can't be written (an I/O error) is taken back whole, as if its messages
+// had failed: files, counters and per-user ranges.
+
+// What append_msg must undo when a later step fails.
+struct append_undo {
+    off_t index_end;              // end of "store.idx" before the cache entry
+    uint32_t cache_offset;        // the cache area's offset that index_end refers to
+    struct mboxdata mbd;          // the folder's counters before the message
+    uint64_t added_bytes;
+    unsigned added_messages;
+    int newflags[MAX_USER_FLAGS]; // flag name slots that this message filled
+    int nnewflags;
+    const char *destination;      // the message file, once written
+    int entry_written;            // its cache entry is in the file (not waiting in the batch)
+};
+
+#define APPEND_BATCH_BYTES (256 * 1024)
+#define APPEND_BATCH_RECORDS 1024
+#define APPEND_ROOM_STEP ((off_t)1 << 20)
+
+// After the file was cut, rewritten or replaced: its end, its room and
+// its slots are asked anew.
+static void forget_file(struct append_state *as) {
+    as->index_end = -1;
+    as->room_end = -1;
+    as->slots_held = 0;
+}
+
+// Allocates the folder's free record slots, once per file. 1 when held.
+static int hold_slots(struct append_state *as) {
+    struct mailbox *mailbox = as->mailbox;
+    if (as->slots_held) return 1;
+    off_t first = (off_t)mailbox->hdr.start_offset + (off_t)mailbox->mbd.exists * INDEX_RECORD_SIZE;
+    off_t end = (off_t)mailbox->hdr.cache_offset;
+    if (end > first && fallocate(mailbox->index_fd, FALLOC_FL_KEEP_SIZE, first, end - first) != 0)
+        return 0;
+    as->slots_held = 1;
+    return 1;
+}
+
+// Room in the file up to end for waiting cache entries, allocated ahead
+// in steps. 1 when held.
+static int hold_room(struct append_state *as, off_t end) {
+    if (as->room_end < as->index_end) as->room_end = as->index_end;  // written bytes are held
+    if (end <= as->room_end) return 1;
+    off_t step = end - as->room_end > APPEND_ROOM_STEP ? end - as->room_end : APPEND_ROOM_STEP;
+    if (fallocate(as->mailbox->index_fd, FALLOC_FL_KEEP_SIZE, as->room_end, step) != 0) return 0;
+    as->room_end += step;
+    return 1;
+}
+
+// Gives back the room allocated behind the end of the file.
+static void release_room(struct append_state *as) {
+    if (as->index_end >= 0 && as->room_end > as->index_end)
+        fallocate(as->mailbox->index_fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, as->index_end,
+                  as->room_end - as->index_end);
+    as->room_end = -1;
+}
+
+// Takes the batch back: its message files go, the counters are those
+// before it, and per-user ranges end at its first message.
+static void undo_batch(struct append_state *as) {
+    struct mailbox *mailbox = as->mailbox;
+    for (unsigned i = 0; i < as->batch_count; i++) {
+        char fname[MAILBOX_FNAME_SIZE], path[PATH_MAX];
+        mailbox_message_fname(mailbox, as->batch_records[i].uid, fname);
+        snprintf(path, sizeof path, "%s/%s", mailbox->mpath, fname);
+        if (unlink(path) < 0 && errno != ENOENT)
+            svclog(nullptr, 59, "Unable to remove message file %s: %m", path);
+    }
+    svclog(nullptr, 59, "%u messages delivered to %s are taken back: their index data was not written",
+           as->batch_count, folder_name(mailbox));
+    if (ftruncate(mailbox->index_fd, as->index_end) < 0)
+        svclog(nullptr, 59, "Unable to cut index file of %s back: %m", folder_name(mailbox));
+    unsigned kept = as->batch_mbd.last_uid;
+    for (int idx = 0; idx < 2; idx++) {
+        if (as->pending_first[idx] > kept)
+            as->pending_first[idx] = as->pending_last[idx] = 0;
+        else if (as->pending_last[idx] > kept)
+            as->pending_last[idx] = kept;
+    }
+    mailbox->mbd = as->batch_mbd;
+    as->added_bytes = as->batch_added_bytes;
+    as->added_messages = as->batch_added_messages;
+    as->batch_cache.len = 0;
+    as->batch_count = 0;
+    as->room_end = -1;
+}
+
+// Writes the waiting entries and records. 0, or IMAP_IOERROR after the
+// batch was taken back.
+static int flush_batch(struct append_state *as) {
+    if (!as->batch_count) return 0;
+    struct mailbox *mailbox = as->mailbox;
+    int r = 0;
+    if (retry_pwrite(mailbox->index_fd, as->batch_cache.base, as->batch_cache.len,
+                     as->index_end) < 0) {
+        svclog(nullptr, 59, "Unable to append cache for %s: %m", folder_name(mailbox));
+        r = IMAP_IOERROR;
+    } else {
+        r = mailbox_append_index(mailbox, as->batch_records, as->batch_mbd.exists + 1,
+                                 as->batch_count);
+    }
+    if (r) {
+        undo_batch(as);
+        return IMAP_IOERROR;
+    }
+    as->index_end += (off_t)as->batch_cache.len;
+    as->batch_cache.len = 0;
+    as->batch_count = 0;
+    return 0;
+}
+
+// The index data of a message: its cache entry (in as->cache) at entry_at
+// and its record in the slot behind the counted ones. It joins the batch
+// when room for it is held; otherwise the batch is written and the
+// message written on its own. 0, or IMAP_IOERROR: either this message
+// alone failed (*alone set; its own undo follows) or the batch with it was
+// taken back.
+static int store_index_data(struct append_state *as, const struct index_record *record,
+                            off_t entry_at, const struct append_undo *undo, int *alone) {
+    struct mailbox *mailbox = as->mailbox;
+    *alone = 0;
+    size_t len = as->cache.len;
+    if (hold_slots(as) && hold_room(as, entry_at + (off_t)len)) {
+        if (as->batch_count == 0) {
+            as->batch_mbd = undo->mbd;
+            as->batch_added_bytes = undo->added_bytes;
+            as->batch_added_messages = undo->added_messages;
+        }
+        if (as->batch_count == as->batch_alloc) {
+            as->batch_alloc = as->batch_alloc ? as->batch_alloc * 2 : 64;
+            as->batch_records = (struct index_record *)xrealloc(
+                as->batch_records, as->batch_alloc * sizeof *as->batch_records);
+        }
+        as->batch_records[as->batch_count++] = *record;
+        message_cachebuf_reserve(&as->batch_cache, len);
+        memcpy(as->batch_cache.base + as->batch_cache.len, as->cache.base, len);
+        as->batch_cache.len += len;
+        if (as->batch_cache.len >= APPEND_BATCH_BYTES || as->batch_count >= APPEND_BATCH_RECORDS)
+            return flush_batch(as);
+        return 0;
+    }
+    int r = flush_batch(as);
+    if (r) return r;
+    *alone = 1;
+    if (retry_pwrite(mailbox->index_fd, as->cache.base, len, entry_at) < 0) {
+        svclog(nullptr, 59, "Unable to append cache for %s: %m", folder_name(mailbox));
+        return IMAP_IOERROR;
+    }
+    as->index_end = entry_at + (off_t)len;
+    return mailbox_append_index(mailbox, record, mailbox->mbd.exists, 1);
+}
+
+// ---------------------------------------------------------------------------
 // The session
 
 int append_setup(struct append_state *as, const char *name, unsigned mode, unsigned format,
@@ -132,6 +297,11 @@ int append_setup(struct append_state *as, const char *name, unsigned mode, unsig
     as->index_end = -1;
     as->message_dev = 0;
     as->room_hint = 0;
+    memset(&as->batch_cache, 0, sizeof as->batch_cache);
+    as->batch_records = nullptr;
+    as->batch_count = as->batch_alloc = 0;
+    as->room_end = -1;
+    as->slots_held = 0;
 
     int r = mailbox_open(name, mode | OPEN_APPEND, auth, as->mailbox);
     if (r) return r;
@@ -266,8 +436,13 @@ void append_finish(struct append_state *as) {
     // header that counts them.
     append_flush_peruser(as);
     mboxlist_updatedata(mailbox, 1);
+    release_room(as);
     mailbox_unlock_index(mailbox);
     message_cachebuf_free(&as->cache);
+    message_cachebuf_free(&as->batch_cache);
+    free(as->batch_records);
+    as->batch_records = nullptr;
+    as->batch_alloc = 0;
     as->index_end = -1;
 }
 
@@ -342,53 +517,67 @@ int append_addperuser(struct mailbox *mailbox, const char *userid, int kind, uns
 }
 
 // Writes the pending range of one kind (0 seen, 1 deleted) and forgets it.
-static void flush_pending(struct append_state *as, int idx) {
-    if (!as->pending_first[idx]) return;
-    int r = append_addperuser(as->mailbox, as->pending_user, idx + 1, as->pending_first[idx],
-                              as->pending_last[idx]);
-    if (r)
-        svclog(nullptr, 60, "per-user flags of %s for %s (uids %u to %u) not recorded: %s",
-               folder_name(as->mailbox), as->pending_user, as->pending_first[idx],
-               as->pending_last[idx], mboxlist_strerror(r));
+// The index data of its messages goes first; a batch that can't be
+// written is taken back and the range cut to the messages that stay. 0,
+// or the batch's error.
+static int flush_pending(struct append_state *as, int idx) {
+    if (!as->pending_first[idx]) return 0;
+    int batch = flush_batch(as);
+    if (as->pending_first[idx]) {
+        int r = append_addperuser(as->mailbox, as->pending_user, idx + 1,
+                                  as->pending_first[idx], as->pending_last[idx]);
+        if (r)
+            svclog(nullptr, 60, "per-user flags of %s for %s (uids %u to %u) not recorded: %s",
+                   folder_name(as->mailbox), as->pending_user, as->pending_first[idx],
+                   as->pending_last[idx], mboxlist_strerror(r));
+    }
     as->pending_first[idx] = as->pending_last[idx] = 0;
+    return batch;
 }
 
-void append_flush_peruser(struct append_state *as) {
+static int flush_peruser(struct append_state *as) {
+    int r = flush_batch(as);
     flush_pending(as, 0);
     flush_pending(as, 1);
     free(as->pending_user);
     as->pending_user = nullptr;
+    return r;
 }
+
+void append_flush_peruser(struct append_state *as) { flush_peruser(as); }
 
 // Adds uid to the session's pending range of kind for userid. A range
 // grows while uids follow each other for the same user; anything else
-// writes it first.
-static void note_peruser(struct append_state *as, int kind, const char *userid, unsigned uid) {
+// writes it first. 0, or the error of a batch that had to be written
+// first and was taken back, uid's message with it.
+static int note_peruser(struct append_state *as, int kind, const char *userid, unsigned uid) {
     int idx = kind - 1;
-    if (as->pending_user && strcmp(as->pending_user, userid) != 0) append_flush_peruser(as);
+    if (as->pending_user && strcmp(as->pending_user, userid) != 0) {
+        int r = flush_peruser(as);
+        if (r) return r;
+    }
     if (as->pending_first[idx] && uid == as->pending_last[idx] + 1) {
         as->pending_last[idx] = uid;
-        return;
+        return 0;
     }
-    flush_pending(as, idx);
+    int r = flush_pending(as, idx);
+    if (r) return r;
     if (!as->pending_user) as->pending_user = xstrdup(userid);
     as->pending_first[idx] = as->pending_last[idx] = uid;
+    return 0;
 }
 
 // ---------------------------------------------------------------------------
 // One message
 
-// What append_msg must undo when a later step fails.
-struct append_undo {
-    off_t index_end;              // end of "store.idx" before the cache entry
-    uint32_t cache_offset;        // the cache area's offset that index_end refers to
-    struct mboxdata mbd;          // the folder's counters before the message
-    uint64_t added_bytes;
-    unsigned added_messages;
-    int newflags[MAX_USER_FLAGS]; // flag name slots that this message filled
-    int nnewflags;
-    const char *destination;      // the message file, once written
-};
+
+// Frees the flag names that a failed message brought.
+static void drop_new_flags(struct mailbox *mailbox, const struct append_undo *undo) {
+    for (int i = 0; i < undo->nnewflags; i++) {
+        free(mailbox->flagname[undo->newflags[i]]);
+        mailbox->flagname[undo->newflags[i]] = nullptr;
+    }
+}
 
 // Takes the files of a failed message away again. The cache entry is cut
 // from the end of "store.idx"; a rewrite of the file in between moves the
@@ -399,17 +588,16 @@ static void rollback(struct append_state *as, struct append_undo *undo) {
     struct mailbox *mailbox = as->mailbox;
     if (undo->destination && unlink(undo->destination) < 0 && errno != ENOENT)
         svclog(nullptr, 59, "Unable to remove message file %s: %m", undo->destination);
-    off_t end = undo->index_end + ((off_t)mailbox->hdr.cache_offset - undo->cache_offset);
-    if (ftruncate(mailbox->index_fd, end) < 0)
-        svclog(nullptr, 59, "Unable to cut index file of %s back: %m", folder_name(mailbox));
-    as->index_end = -1;
+    if (undo->entry_written) {
+        off_t end = undo->index_end + ((off_t)mailbox->hdr.cache_offset - undo->cache_offset);
+        if (ftruncate(mailbox->index_fd, end) < 0)
+            svclog(nullptr, 59, "Unable to cut index file of %s back: %m", folder_name(mailbox));
+        forget_file(as);
+    }
     mailbox->mbd = undo->mbd;
     as->added_bytes = undo->added_bytes;
     as->added_messages = undo->added_messages;
-    for (int i = 0; i < undo->nnewflags; i++) {
-        free(mailbox->flagname[undo->newflags[i]]);
-        mailbox->flagname[undo->newflags[i]] = nullptr;
-    }
+    drop_new_flags(mailbox, undo);
     // A rewrite of the file that took its place and then reported a
     // failure (its directory could not be flushed) wrote a summary that
     // counts this message: the file gets the one without it.
@@ -500,9 +688,9 @@ static int make_record_room(struct append_state *as) {
     uint64_t needed = (uint64_t)mailbox->mbd.exists * INDEX_RECORD_SIZE +
                       mailbox->hdr.start_offset + INDEX_RECORD_SIZE;
     if (mailbox->hdr.cache_offset >= needed) return 0;
-    int r;
+    int r = flush_peruser(as);
+    if (r) return r;
     if (as->added_messages) {
-        append_flush_peruser(as);
         r = mboxlist_updatedata(mailbox, 1);
         if (r) return r;
     }
@@ -511,7 +699,7 @@ static int make_record_room(struct append_state *as) {
     unsigned expected = as->room_hint < APPEND_ROOM_HINT_MAX ? as->room_hint : APPEND_ROOM_HINT_MAX;
     r = mailbox_expunge(mailbox, EXPUNGE_LOCKED, 1 + (int)expected, expungenone, nullptr);
     mailbox->open_mode |= OPEN_APPEND;
-    as->index_end = -1;  // a new file
+    forget_file(as);  // a new file
     return r;
 }
 
@@ -525,12 +713,6 @@ static int index_message(struct append_state *as, struct appendmsg *msg, const c
     as->cache.len = 0;
     message_parse_cache(text, full_size, msg->cache_text, record, &as->cache);
     record->rec_cache_offset = (uint32_t)(undo->index_end - (off_t)mailbox->hdr.cache_offset);
-    if (retry_pwrite(mailbox->index_fd, as->cache.base, as->cache.len, undo->index_end) < 0) {
-        svclog(nullptr, 59, "Unable to append cache for %s: %m", folder_name(mailbox));
-        rollback(as, undo);
-        return IMAP_IOERROR;
-    }
-    as->index_end = undo->index_end + (off_t)as->cache.len;
     int r;
     int seen = 0, deleted = 0;
     apply_flags(mailbox, flags, nflags, record, &seen, &deleted, undo);
@@ -553,15 +735,28 @@ static int index_message(struct append_state *as, struct appendmsg *msg, const c
     mbd->last_uid = record->uid;
     mbd->last_appenddate = record->last_updated;
 
-    r = mailbox_append_index(mailbox, record, mbd->exists, 1);
+    int alone;
+    r = store_index_data(as, record, undo->index_end, undo, &alone);
+    if (r && !alone) {
+        // Taken back with its batch: only the flag names are left to undo.
+        drop_new_flags(mailbox, undo);
+        return r;
+    }
+    undo->entry_written = alone;
     if (!r && undo->nnewflags) {
         // A rewrite of the variable header writes the summary as well:
-        // the per-user data of the messages it counts goes in first. (The
-        // writer maps the whole file itself when it has to move records
-        // and cache, so the partial map of the session is left as it is.)
-        append_flush_peruser(as);
+        // the index data and per-user data of the messages it counts go in
+        // first. (The writer maps the whole file itself when it has to move
+        // records and cache, so the partial map of the session is left as
+        // it is.)
+        r = flush_peruser(as);
+        if (r) {
+            drop_new_flags(mailbox, undo);
+            return r;
+        }
+        undo->entry_written = 1;
         r = mailbox_write_index_variable_header(mailbox);
-        as->index_end = -1;  // the header may have grown and moved the cache area
+        forget_file(as);  // the header may have grown and moved the cache area
     }
     if (r) {
         rollback(as, undo);
@@ -569,9 +764,10 @@ static int index_message(struct append_state *as, struct appendmsg *msg, const c
     }
 
     if (userid && seen && (mailbox->myrights & RIGHT_SEEN))
-        note_peruser(as, APPEND_PERUSER_SEEN, userid, record->uid);
-    if (userid && deleted && (mailbox->myrights & RIGHT_DELETE))
-        note_peruser(as, APPEND_PERUSER_DELETED, userid, record->uid);
+        r = note_peruser(as, APPEND_PERUSER_SEEN, userid, record->uid);
+    if (!r && userid && deleted && (mailbox->myrights & RIGHT_DELETE))
+        r = note_peruser(as, APPEND_PERUSER_DELETED, userid, record->uid);
+    if (r) return r;  // taken back with its batch
 
     if (!nonotify) {
         unsigned uid = record->uid, header_size = record->header_size;
@@ -609,8 +805,8 @@ int append_msg(struct append_state *as, struct appendmsg *msg, time_t internalda
     struct append_undo undo;
     memset(&undo, 0, sizeof undo);
     if (as->index_end < 0) as->index_end = lseek(mailbox->index_fd, 0, SEEK_END);
-    undo.index_end = as->index_end;
-    if (undo.index_end < 0) {
+    undo.index_end = as->index_end + (off_t)as->batch_cache.len;  // where its entry goes
+    if (as->index_end < 0) {
         svclog(nullptr, 59, "Unable to seek in index file of %s: %m", folder_name(mailbox));
         return IMAP_IOERROR;
     }

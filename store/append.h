@@ -75,10 +75,25 @@ struct append_state {
     // buffer lives for the session, so messages after the first cost no
     // allocation. append_finish frees it.
     struct message_cachebuf cache;
-    // End of "store.idx", where the next cache entry goes, as this session
-    // wrote it: asked of the file once (-1 until then) and again after a
-    // rewrite or a cut of the file, not per message.
+    // End of "store.idx" as this session wrote it: asked of the file once
+    // (-1 until then) and again after a rewrite or a cut of the file, not
+    // per message.
     off_t index_end;
+    // The batch: cache entries and records of delivered messages that wait
+    // to be written together, entries to the file from index_end on,
+    // records to their slots. Only messages whose entry and record fit in
+    // room that the file holds already (allocated ahead) join it, so a full
+    // disk shows for the message at hand; the batch is written before
+    // anything that refers to its messages (per-user data, a header), or
+    // when it is large. A batch that can't be written is taken back whole.
+    struct message_cachebuf batch_cache;
+    struct index_record *batch_records;
+    unsigned batch_count, batch_alloc;
+    struct mboxdata batch_mbd;       // the folder's counters before the batch
+    uint64_t batch_added_bytes;      // the session's counters before the batch
+    unsigned batch_added_messages;
+    off_t room_end;                  // the file has room allocated up to here, -1 unknown
+    int slots_held;                  // the free record slots are allocated
     dev_t message_dev;  // device of the folder's message files, 0 until a file tells it
     // Messages the caller still expects to deliver in this session after
     // the current one, 0 when unknown. When the record area is full, the
