@@ -5,9 +5,10 @@
 //
 // Order of durable writes for one message: the message file (synced at the
 // message sync level, which by default only starts writeback), the cache
-// entry at the end of "store.idx", the record in the slot behind `exists`,
-// per-user data. None of them counts before append_finish writes the fixed
-// header, after one barrier that makes all of them durable together.
+// entry at the end of "store.idx", the record in the slot behind `exists`
+// (both usually in a batch of messages), per-user data. None of them counts
+// before append_finish writes the fixed header, after one barrier that
+// makes all of them durable together.
 #include "store/append.h"
 
 #include <errno.h>

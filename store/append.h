@@ -20,7 +20,10 @@
 //
 // Crash safety rests on order: a message file before its cache entry,
 // the cache entry before its record, the records before the header that
-// counts them. A crash at any instant leaves a folder whose header counts
+// counts them. Cache entries and records of a run wait in batches and
+// reach "store.idx" before any header, per-user data or growth that refers
+// to their messages (append_flush_peruser writes them as well); a reader
+// of the file sees a session's records at the latest after append_finish. A crash at any instant leaves a folder whose header counts
 // only complete messages; what lies beyond is overwritten by the next
 // delivery. Message files are synced at the message sync level (by default
 // writeback only); the barrier before the header makes them durable.
@@ -185,9 +188,11 @@ int append_quota_eval(uint64_t used, uint64_t limit, uint32_t messages,
 // releases the index lock and the session's buffer. The folder stays open.
 // Failures are logged, not reported. A session set up ends here.
 void append_finish(struct append_state *as);
-// Writes the session's pending seen and deleted ranges to "peruser.db"
-// (append_addperuser) and forgets them. Failures are logged and ignored,
-// as for a single message.
+// Writes the session's waiting index data (cache entries and records) to
+// "store.idx" and its pending seen and deleted ranges to "peruser.db"
+// (append_addperuser), and forgets them. Failures are logged: index data
+// that can't be written is taken back with its messages; a range that
+// can't be written is lost, as for a single message.
 void append_flush_peruser(struct append_state *as);
 
 // ---- one message ------------------------------------------------------
