@@ -4,7 +4,6 @@
 // that follows a replaced file FolderOpen.LockFollowsAReplacedIndex, the
 // session lock StoreDaemon.OneOfManySimultaneousDaemonsWins.
 #include <atomic>
-#include <dirent.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <thread>
@@ -23,16 +22,6 @@ int locked_file(const std::string &path, const std::string &content) {
     write_file(path, content);
     int fd = open(path.c_str(), O_RDWR);
     return fd >= 0 && lock_blocking(fd) == 0 ? fd : -1;
-}
-
-std::vector<std::string> dir_entries(const std::string &dir) {
-    std::vector<std::string> names;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (struct dirent *e = readdir(d))
-            if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
 }
 
 const char *kMutexName = "user/joe/Sent Items\tjoe peruser";
@@ -169,8 +158,7 @@ TEST(Signals, BlockingReadSurvivesASignal) {
         usleep(150 * 1000);
         return write(p.w, "ok", 2) == 2 ? 0 : 1;
     });
-    close(p.w);
-    p.w = -1;
+    Pipe::shut(p.w);
     char buf[4];
     EXPECT_EQ(read(p.r, buf, 2), 2) << strerror(errno);  // restarted, not EINTR
     EXPECT_EQ(wait_child(pid), 0);

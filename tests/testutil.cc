@@ -1,6 +1,7 @@
 #include "tests/testutil.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <ftw.h>
 #include <regex.h>
 #include <sys/file.h>
@@ -267,6 +268,17 @@ std::string be32(std::initializer_list<uint32_t> words) {
 uint32_t be32_at(const std::string &s, size_t off) {
     const unsigned char *p = reinterpret_cast<const unsigned char *>(s.data()) + off;
     return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | p[3];
+}
+
+std::vector<std::string> dir_entries(const std::string &dir) {
+    std::vector<std::string> names;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (struct dirent *e = readdir(d))
+            if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 off_t file_size(const std::string &path) {

@@ -143,6 +143,7 @@ struct Pipe {
     ~Pipe();
     Pipe(const Pipe &) = delete;
     Pipe &operator=(const Pipe &) = delete;
+    static void shut(int &end) { close(end), end = -1; }  // closes one end early
 };
 
 // Sets TZ while it lives; the former value comes back afterwards.
@@ -165,6 +166,9 @@ std::string crlf(const std::string &s);
 std::string be32(std::initializer_list<uint32_t> words);
 // The network-order word at byte off of s (which must hold 4 bytes there).
 uint32_t be32_at(const std::string &s, size_t off);
+
+// The names in a directory but "." and "..", sorted; none if it can't be read.
+std::vector<std::string> dir_entries(const std::string &dir);
 
 // The size of a file, or -1 if stat fails.
 off_t file_size(const std::string &path);
