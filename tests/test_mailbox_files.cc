@@ -76,10 +76,8 @@ class FolderOpen : public StoreTest {
 
 // The uidvalidity in the index of the folder at dir (0 if unreadable).
 uint32_t uidvalidity_of(const std::string &dir) {
-    std::string s = read_file(dir + "/store.idx");
     mboxdata mbd = {};
-    if (s.size() >= sizeof mbd) memcpy(&mbd, s.data(), sizeof mbd);
-    return mbd.uidvalidity;
+    return index_entries(dir, &mbd), mbd.uidvalidity;
 }
 
 bool has_peruser(const char *name) { return db_has(userflagdb, name); }
@@ -234,19 +232,19 @@ void expect_flushed_then_renamed(off_t size) {
     EXPECT_EQ(Events(events.end() - std::min<size_t>(2, events.size()), events.end()), want);
 }
 
-class MailboxIndex : public ::testing::Test {
+// The conversion of the old layout writes the folder's row too: the store is up.
+class MailboxIndex : public StoreTest {
   protected:
     void SetUp() override {
-        ASSERT_EQ(configmsg_init(nullptr, 0, "test_mailbox_index"), 0);
-        ASSERT_EQ(configmsg_initlog(nullptr, "test_mailbox_index"), 0);
+        StoreTest::SetUp();
+        inst.newLog();
         ASSERT_EQ(mailbox_makedirs(dir_.c_str()), 0);
         index_new = dir_ + "/index.new";
         events.clear();
         sync_set_observer(note_event);
     }
-    void TearDown() override { sync_set_observer(nullptr); }
-    Instance inst_;
-    const std::string dir_ = inst_.path("partitions/primary/fred/box"), idx_ = dir_ + "/store.idx";
+    void TearDown() override { sync_set_observer(nullptr), StoreTest::TearDown(); }
+    const std::string dir_ = inst.path("partitions/primary/fred/box"), idx_ = dir_ + "/store.idx";
 };
 
 }  // namespace
@@ -703,7 +701,7 @@ TEST_F(MailboxIndex, VariableHeaderGrowsThroughIndexNew) {
         Handle r2(dir_, mode);
         EXPECT_TRUE(r2.read() == 0 && r2.mb.flagname[0] == nullptr && r2.mb.flagname[1] != nullptr);
         EXPECT_EQ(r2.mb.index_map->len, mode ? r2.mb.hdr.start_offset + 2 * INDEX_RECORD_SIZE : r2.mb.index_size);
-        EXPECT_EQ(inst_.newLog(), "");
+        EXPECT_EQ(inst.newLog(), "");
     }
 }
 
@@ -734,13 +732,13 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
         write_file(idx_, c.bytes);
-        inst_.newLog();
+        inst.newLog();
         EXPECT_EQ(Handle(dir_, c.mode).read(), IMAP_MAILBOX_BADFORMAT);
-        std::string log = inst_.newLog();  // one entry, naming the folder
+        std::string log = inst.newLog();  // one entry, naming the folder
         EXPECT_TRUE(matches("^[^\n]* critical: [^\n]*user/fred/box\n$", log)) << log;
         if (c.repair == logs) continue;
         EXPECT_EQ(Handle(dir_, c.mode | OPEN_REPAIR).read(), c.repair);
-        EXPECT_EQ(inst_.newLog(), "");
+        EXPECT_EQ(inst.newLog(), "");
     }
     // In repair mode a variable header error is no error.
     write_file(idx_, noacl.build());
@@ -766,15 +764,15 @@ TEST_F(MailboxIndex, PartlyCreatedEmptyFolderIsExtended) {
                 SCOPED_TRACE(std::to_string(reserve) + " " + std::to_string(mode) + " " +
                              std::to_string(cut));
                 write_file(idx_, full.substr(0, cut));
-                inst_.newLog();
+                inst.newLog();
                 Handle h(dir_, mode);
                 ASSERT_EQ(h.read(), 0);
-                EXPECT_NE(inst_.newLog().find("notice: "), std::string::npos);
+                EXPECT_NE(inst.newLog().find("notice: "), std::string::npos);
                 EXPECT_EQ(h.mb.index_size, f.cache_offset());
                 EXPECT_EQ(read_file(idx_), full);
                 EXPECT_STREQ(h.mb.acl, "fred\tlrswipcda\t");
                 EXPECT_EQ(Handle(dir_).read(), 0);
-                EXPECT_EQ(inst_.newLog(), "");
+                EXPECT_EQ(inst.newLog(), "");
             }
         }
     }
@@ -829,12 +827,6 @@ struct OldFolder {
 };
 
 TEST_F(MailboxIndex, Version257ConvertsTo258) {
-    // The conversion writes the folder's row too: this process brings the
-    // folder database up as the daemon does.
-    ASSERT_EQ(mboxlist_recover(), 0);
-    struct StoreDown {
-        ~StoreDown() { mboxlist_reset_for_tests(); }
-    } storeDown;
     OldFolder o(42, 3);
     write_file(idx_, o.idx);
     // A cache of another generation, one of fewer than 4 bytes, none: the

@@ -5,10 +5,9 @@
 // records of "peruser.db": the record text, the locked read-modify-write of
 // one pair of folder and user (also between processes), folder create and
 // delete, the range form with its lookups, and the rebuild from "store.usr".
-#include <atomic>
 #include <chrono>
+#include <future>
 #include <random>
-#include <thread>
 
 #include "store/mboxlist_create.h"
 #include "store/mboxname.h"
@@ -76,18 +75,14 @@ std::string who(const Attempt &a) {
     return std::string(a.name) + " by " + (a.userid ? a.userid : "-");
 }
 
-// A create in a thread of its own; the result is 1 while it runs.
-struct Creator {
-    std::atomic<int> r{1};
-    std::thread t;
-    explicit Creator(const char *name) : t([this, name] { r = create(name, nullptr, auth_dontCheckAcl); }) {}
-    ~Creator() { t.join(); }
-    int wait(int ms) {
-        for (int i = 0; i < ms / 10 && r.load() == 1; i++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return r.load();
-    }
-};
+// A create in a thread of its own.
+std::future<int> creator(const char *name) {
+    return std::async(std::launch::async, [name] { return create(name, nullptr, auth_dontCheckAcl); });
+}
+// Whether it is done within ms milliseconds, with result 0.
+bool created(std::future<int> &f, int ms) {
+    return f.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready && f.get() == 0;
+}
 
 // A full disk under the database: its log can't be written.
 class FullDisk : public ::testing::Test {
@@ -377,12 +372,12 @@ TEST_F(MboxlistCreate, NamedLocks) {
     for (const auto &c : cases) {
         uint32_t locker;
         ASSERT_EQ(mboxlist_lock_create(&locker, c.name, nullptr, c.wholeuser), 0);
-        Creator held(c.held), other(c.free);
-        EXPECT_EQ(other.wait(10000), 0) << c.free;
-        EXPECT_EQ(held.wait(300), 1) << c.held;
+        std::future<int> held = creator(c.held), other = creator(c.free);
+        EXPECT_TRUE(created(other, 10000)) << c.free;
+        EXPECT_EQ(held.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout) << c.held;
         EXPECT_FALSE(has_row(c.held)) << c.held;
         mboxlist_unlock_create(locker);
-        EXPECT_EQ(held.wait(10000), 0) << c.held;
+        EXPECT_TRUE(created(held, 10000)) << c.held;
     }
 }
 
