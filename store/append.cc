@@ -134,7 +134,7 @@ static int partition_check(const struct mailbox *mailbox) {
 
 // What append_msg must undo when a later step fails.
 struct append_undo {
-    off_t index_end;              // end of "store.idx" before the cache entry
+    off_t index_end;              // where the message's cache entry goes in "store.idx"
     uint32_t cache_offset;        // the cache area's offset that index_end refers to
     struct mboxdata mbd;          // the folder's counters before the message
     uint64_t added_bytes;
@@ -571,7 +571,6 @@ static int note_peruser(struct append_state *as, int kind, const char *userid, u
 // ---------------------------------------------------------------------------
 // One message
 
-
 // Frees the flag names that a failed message brought.
 static void drop_new_flags(struct mailbox *mailbox, const struct append_undo *undo) {
     for (int i = 0; i < undo->nnewflags; i++) {
@@ -695,8 +694,8 @@ static int make_record_room(struct append_state *as) {
         r = mboxlist_updatedata(mailbox, 1);
         if (r) return r;
     }
-    // One record, and what the caller expects to come (within reason: the
-    // slots are holes in the file until records fill them).
+    // One record, and what the caller expects to come (within reason: each
+    // slot takes 76 bytes of the file, held from the first delivery on).
     unsigned expected = as->room_hint < APPEND_ROOM_HINT_MAX ? as->room_hint : APPEND_ROOM_HINT_MAX;
     r = mailbox_expunge(mailbox, EXPUNGE_LOCKED, 1 + (int)expected, expungenone, nullptr);
     mailbox->open_mode |= OPEN_APPEND;
