@@ -154,17 +154,21 @@ struct append_undo {
 static void forget_file(struct append_state *as) {
     as->index_end = -1;
     as->room_end = -1;
-    as->slots_held = 0;
+    if (as->slots_held > 0) as->slots_held = 0;
 }
 
 // Allocates the folder's free record slots, once per file. 1 when held.
+// A file system that can't allocate ahead is not asked again in the
+// session (slots_held -1): its messages are written one by one.
 static int hold_slots(struct append_state *as) {
     struct mailbox *mailbox = as->mailbox;
-    if (as->slots_held) return 1;
+    if (as->slots_held) return as->slots_held > 0;
     off_t first = (off_t)mailbox->hdr.start_offset + (off_t)mailbox->mbd.exists * INDEX_RECORD_SIZE;
     off_t end = (off_t)mailbox->hdr.cache_offset;
-    if (end > first && fallocate(mailbox->index_fd, FALLOC_FL_KEEP_SIZE, first, end - first) != 0)
+    if (end > first && fallocate(mailbox->index_fd, FALLOC_FL_KEEP_SIZE, first, end - first) != 0) {
+        if (errno == EOPNOTSUPP) as->slots_held = -1;
         return 0;
+    }
     as->slots_held = 1;
     return 1;
 }

@@ -96,7 +96,7 @@ struct append_state {
     uint64_t batch_added_bytes;      // the session's counters before the batch
     unsigned batch_added_messages;
     off_t room_end;                  // the file has room allocated up to here, -1 unknown
-    int slots_held;                  // the free record slots are allocated
+    int slots_held;                  // free record slots allocated: 1 yes, 0 not yet, -1 can't
     dev_t message_dev;  // device of the folder's message files, 0 until a file tells it
     // Messages the caller still expects to deliver in this session after
     // the current one, 0 when unknown. When the record area is full, the
