@@ -23,7 +23,6 @@ class CacheFile {
     CacheFile() {
         path_ = tmp_.file("store.idx");
         write_file(path_, std::string(kCacheOffset, 'h'));
-        memset(&mb_, 0, sizeof(mb_));
         mb_.index_fd = open(path_.c_str(), O_RDWR);
         mb_.name = (char *)"user/joe/box";
         mb_.hdr.cache_offset = kCacheOffset;
@@ -32,8 +31,7 @@ class CacheFile {
 
     // Delivers text from an exact-size heap copy; the record ends the file.
     Delivery deliver(const std::string &text, const char *cache_text = nullptr, uint32_t flags = 0) {
-        Delivery d;
-        memset(&d.record, 0, sizeof(d.record));
+        Delivery d{};
         d.record.system_flags = flags;
         off_t before = lseek(mb_.index_fd, 0, SEEK_END);
         char *copy = static_cast<char *>(malloc(text.size() ? text.size() : 1));
@@ -49,12 +47,11 @@ class CacheFile {
         return d;
     }
     struct mailbox *mailbox() { return &mb_; }
-    const std::string &path() const { return path_; }
 
   private:
     TempDir tmp_;
     std::string path_;
-    struct mailbox mb_;
+    struct mailbox mb_ = {};
 };
 
 // One element at i (list, quoted string, literal, NIL or number); i ends
@@ -253,21 +250,12 @@ TEST(MessageCache, RecordFlags) {
         EXPECT_EQ(cf.deliver(c.msg, nullptr, c.given).record.system_flags, c.want) << c.msg;
 }
 
-struct HookSeen {
-    void *context;
-    const char *base;
-    uint32_t len;
-    std::string subject;
-    int calls;
-} hook_seen;
+// What the message type hook was called with last, and how often.
+struct HookSeen { void *context; const char *base; uint32_t len; std::string subject; int calls; } hook_seen;
 uint32_t hook_result;
 
 uint32_t test_examine(void *context, const char *base, uint32_t len, struct body *top) {
-    hook_seen.context = context;
-    hook_seen.base = base;
-    hook_seen.len = len;
-    hook_seen.subject = top && top->subject ? top->subject : "";
-    hook_seen.calls++;
+    hook_seen = {context, base, len, top && top->subject ? top->subject : "", hook_seen.calls + 1};
     return hook_result;
 }
 
@@ -288,15 +276,13 @@ TEST(MessageCache, MessageTypeHookAndFailures) {
     struct mailbox mb = *cf.mailbox();
     mb.index_fd = open("/dev/null", O_RDONLY);
     hook_result = 0x02000000u;
-    struct index_record rec;
-    memset(&rec, 0, sizeof(rec));
+    struct index_record rec = {};
     StderrCapture cap;
     EXPECT_EQ(message_parse_mapped(msg.data(), msg.size(), &mb, nullptr, &rec), IMAP_IOERROR);
     close(mb.index_fd);
     EXPECT_TRUE(rec.size == msg.size() && rec.header_size == 18u && hook_seen.calls == 3);
     EXPECT_EQ(rec.system_flags & FLAG_MSGTYPE_MASK, 0x02000000u);
-    msgtype_examineMessage = nullptr;
-    msgtype_plugin = nullptr;
+    msgtype_examineMessage = nullptr, msgtype_plugin = nullptr;
 }
 
 TEST(MessageCache, Corpus) {

@@ -63,7 +63,6 @@ TEST_F(ImportmailCli, RefusedBeforeTheStoreIsTouched) {
         EXPECT_NE(err.find("USAGE:"), std::string::npos) << args;
     }
     EXPECT_EQ(run("-s /nonexistent/file"), 64);  // a missing -u is found before the file
-
     EXPECT_EQ(run("-u joe -s /nonexistent/file.mbox"), 66);
     EXPECT_EQ(run("-u joe -s " + inst.path("config")), 66);  // a directory
     // A FIFO without a writer: refused at once, not waited on.
@@ -71,7 +70,6 @@ TEST_F(ImportmailCli, RefusedBeforeTheStoreIsTouched) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_EQ(run("-u joe -s " + fifo, nullptr, &err, 10), 66) << "killed after 10 s: " << err;
     EXPECT_NE(err.find(fifo), std::string::npos) << err;
-
     EXPECT_EQ(run_command("STORE_INSTANCEDIR=/nonexistent/instance " + binary_dir() +
                                     "/bin/importmail -u joe -s " + in), 69);
 }
@@ -85,11 +83,9 @@ TEST_F(ImportmailCli, FormatChecksAndFolderNames) {
                             "From joe 2002-11-05 10:20:30 +0000 somewhere\n\nx\n"})
         EXPECT_EQ(run("-u joe -s " + mbox("bad.mbox", bad)), 65) << bad;
     EXPECT_EQ(run("-v 0 -u joe -s " + mbox("empty.mbox", "")), 0);
-
     std::string in = mbox("in.mbox", F + "\nx\n\n" + F + "\ny\n");
     EXPECT_EQ(run("-v 0 -u joe -d " + std::string(1100, 'f') + " -s " + in, nullptr, &err), 64);
     EXPECT_NE(err.find("too long"), std::string::npos) << err;
-
     // Progress names the folder (leading slashes dropped) and each message;
     // without -d the file name is the folder name.
     ASSERT_EQ(run("-u joe -d //Archive/2002 -s " + in, nullptr, &err), 0) << err;
@@ -114,14 +110,12 @@ TEST_F(ImportmailCli, MessageTooLargeForTheStore) {
                 pwrite(fd, tail.data(), tail.size(), tailAt) == (ssize_t)tail.size() && fstat(fd, &st) == 0);
     close(fd);
     if (st.st_blocks > 1024) GTEST_SKIP() << "the file system here keeps no sparse files";
-
     std::string out, err;
     EXPECT_EQ(run("-g -c y -v 0 -u joe -d inbox -s " + path, &out, &err), 0) << err;
     // "Subject: one" CRLF CRLF "first" CRLF, and a blank line and "last".
     EXPECT_EQ(debug_sizes(out), (Sizes{{23, head.find("From", 1)}, {7, (unsigned long)st.st_size}})) << out << err;
     EXPECT_NE(err.find("message 2 "), std::string::npos) << err;
     EXPECT_NE(err.find(std::to_string(MESSAGE_SIZE_MAX)), std::string::npos) << err;
-
     EXPECT_EQ(run("-g -c n -v 0 -u joe -d inbox -s " + path, &out, &err), 65) << err;
     EXPECT_EQ(debug_sizes(out).size(), 1u) << out;
 }

@@ -116,7 +116,6 @@ TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
     auto full = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0);
     EXPECT_TRUE(folder("joe", "Whole") == want);
     ASSERT_EQ(run("-u joe -d Crash -s " + input("empty.mbox", "")), 0);  // makes the folder
-
     unsigned seed = (unsigned)time(nullptr);
     std::mt19937 rng(seed);
     RecordProperty("seed", (int)seed);
@@ -145,7 +144,6 @@ TEST_F(ImportFaults, KilledLoaderLeavesWholeMessages) {
     }
     EXPECT_GT(kills, 10);
     RecordProperty("restarts", restarts);
-
     ASSERT_EQ(wait_child(start("joe", "Crash", big)), 0);
     Texts end = folder("joe", "Crash");
     EXPECT_EQ(end.size(), before + want.size());
@@ -258,7 +256,6 @@ TEST_F(ImportFaults, PartitionFillsUp) {
         ASSERT_TRUE(next != more.end()) << "message " << i << " is no message of the file, or out of order";
         ++next;
     }
-
     ASSERT_EQ(mount("tmpfs", part.c_str(), "tmpfs", MS_REMOUNT, "size=64m"), 0);
     EXPECT_EQ(run("-u joe -d Full -s " + big, &err), 0) << err;
     Texts after = folder("joe", "Full");

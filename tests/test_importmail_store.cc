@@ -181,7 +181,6 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
         w.insert(w.end(), msgs.begin(), msgs.end());
     }
     time_t after = time(nullptr);
-
     ctx = new BkContext("storetest", 0);
     ASSERT_TRUE(ctx->isvalid());
     std::map<std::string, std::string> dirs;
@@ -198,7 +197,6 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     ASSERT_FALSE(renamed.empty()) << "no time-stamped folder; progress said: " << err;
     EXPECT_NE(err.find("  -> /export/user/joe/" + renamed.substr(9)), std::string::npos) << err;
     check_folder(renamed, wants[""]);
-
     // showfolder -m: the folder, then each message in uid order with its
     // date, size, flags and file.
     const std::vector<Expected> &twice = wants["user/joe/Flagged"];

@@ -97,13 +97,9 @@ class FullDisk : public ::testing::Test {
 };
 
 int cmp(const std::string &a, const std::string &b) {
-    DBT x, y;
-    memset(&x, 0, sizeof x);
-    memset(&y, 0, sizeof y);
-    x.data = const_cast<char *>(a.data());
-    x.size = (uint32_t)a.size();
-    y.data = const_cast<char *>(b.data());
-    y.size = (uint32_t)b.size();
+    DBT x = {}, y = {};
+    x.data = const_cast<char *>(a.data()), x.size = (uint32_t)a.size();
+    y.data = const_cast<char *>(b.data()), y.size = (uint32_t)b.size();
     return mboxlist_key_compare(nullptr, &x, &y);
 }
 
@@ -545,7 +541,6 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
     EXPECT_EQ(mboxlist_lookup("user/fred/old", &mbd, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(mboxlist_lookup("user/fred/old", nullptr, nullptr, &path, nullptr, nullptr),
               IMAP_PARTITION_UNKNOWN);
-
     // Rows too short for their fields, or without their NULs, are damage,
     // reported as such and never read beyond their end.
     std::string summary(60, '\0');

@@ -12,8 +12,7 @@ using namespace testutil;
 const int BAD = IMAP_MAILBOX_BADNAME;
 
 // tointernal and toexternal as a string, or "<bad>".
-std::string internal(const std::string &name, int view, const char *userid)
-{
+std::string internal(const std::string &name, int view, const char *userid) {
     char out[MAX_MAILBOX_NAME];
     memset(out, 'X', sizeof out);
     int rc = mboxname_tointernal(name.c_str(), view, userid, out);
@@ -24,16 +23,14 @@ std::string internal(const std::string &name, int view, const char *userid)
 
 // getpath into a buffer of exactly MAX_MAILBOX_PATH bytes on the heap, so
 // that the sanitizer build sees any write beyond it; "<bad>" on failure.
-std::string getpath(const std::string &name, const std::string &root)
-{
+std::string getpath(const std::string &name, const std::string &root) {
     std::vector<char> out(MAX_MAILBOX_PATH);
     int rc = mboxname_getpath(name.c_str(), root.c_str(), out.data());
     EXPECT_TRUE(rc == 0 || rc == BAD) << rc;
     return rc == 0 ? std::string(out.data()) : "<bad>";
 }
 
-std::string frompath(const std::string &path)
-{
+std::string frompath(const std::string &path) {
     std::vector<char> out(MAX_MAILBOX_NAME);
     int rc = mboxname_frompath(path.c_str(), out.data());
     EXPECT_TRUE(rc == 0 || rc == BAD) << rc;
@@ -43,8 +40,7 @@ std::string frompath(const std::string &path)
 // Encodes name under root and decodes it again as the store's directory
 // walkers do: strip the root, and for a user's folder the "=user" marker
 // and the fan-out, which must be the hash of the id.
-void expect_roundtrip(const std::string &name, const std::string &root)
-{
+void expect_roundtrip(const std::string &name, const std::string &root) {
     std::string path = getpath(name, root);
     ASSERT_EQ(root + "/", path.substr(0, root.size() + 1)) << name;
     std::string encoded = path.substr(root.size() + 1), front;
@@ -61,25 +57,18 @@ void expect_roundtrip(const std::string &name, const std::string &root)
     EXPECT_EQ(name, front + frompath(encoded)) << path;
 }
 
-struct NameCase {
-    std::string name;
-    int view;
-    const char *userid;
-    std::string want;
-};
+struct NameCase { std::string name; int view; const char *userid; std::string want; };
 
 // store_canonifyid or store_canonifymboxname on a copy, which must be
 // changed in place.
-std::string canon(char *(*fn)(char *), const char *text)
-{
+std::string canon(char *(*fn)(char *), const char *text) {
     std::vector<char> buf(text, text + strlen(text) + 1);
     EXPECT_EQ(buf.data(), fn(buf.data()));
     return buf.data();
 }
 
 // The names of the partition table, or "-" for none; checks the count.
-std::string read_table(int want_count)
-{
+std::string read_table(int want_count) {
     char **names = (char **)1;
     int n = store_readpartitionId(&names);
     EXPECT_EQ(want_count, n);
@@ -121,8 +110,7 @@ int owner_keeps(void *rock, const char *identifier, int mask) {
 
 }  // namespace
 
-TEST(Mboxname, ToInternal)
-{
+TEST(Mboxname, ToInternal) {
     Instance inst("service.defaultdomain: example.com\n");
     std::string id250(250, 'u'), id251(251, 'u'), n247(247, 'n'), n248(248, 'n');
     std::string p248 = "public/" + std::string(248, 'p'), u255 = "user/b/" + std::string(248, 'x');
@@ -173,8 +161,7 @@ TEST(Mboxname, ToInternal)
     EXPECT_EQ(nullptr, mboxname_prefix(3, 0));  // no such kind of prefix
 }
 
-TEST(Mboxname, PathsAndBack)
-{
+TEST(Mboxname, PathsAndBack) {
     // Folder directories: users fanned out by the hash of their id, each
     // component behind "=", capitals behind "+", the characters that file
     // systems or the store's own file names use written as "%" codes.
@@ -205,8 +192,7 @@ TEST(Mboxname, PathsAndBack)
     }
 }
 
-TEST(Mboxname, PolicyCheck)
-{
+TEST(Mboxname, PolicyCheck) {
     const std::string n256 = "public/" + std::string(249, 'x');
     const std::string accepted[] = {
         "user/bob", "user/bob/inboxes", "user/bob/x/inbox", "public/news", n256,
@@ -237,8 +223,7 @@ TEST(Mboxname, PolicyCheck)
         EXPECT_EQ(BAD, mboxname_policycheck(name.c_str())) << name;
 }
 
-TEST(Mboxname, Owners)
-{
+TEST(Mboxname, Owners) {
     char buf[MBOXNAME_OWNER_SIZE];
     const char *owners[][2] = {{"public/x", "-"}, {"userx/bob", "-"}, {"user/bob", "bob"},
                                {"user/bob/x/y", "bob"}};
@@ -263,8 +248,7 @@ TEST(Mboxname, Owners)
     EXPECT_EQ(0, strncmp(out, "user/bob/ppp", 12));
 }
 
-TEST(StoreUtil, CanonicalIdsAndFolderNames)
-{
+TEST(StoreUtil, CanonicalIdsAndFolderNames) {
     {
         Instance inst("service.defaultdomain: Example.COM\n");
         const char *ids[][2] = {
@@ -301,12 +285,10 @@ TEST(StoreUtil, CanonicalIdsAndFolderNames)
     }
 }
 
-TEST(StoreUtil, PartitionTable)
-{
+TEST(StoreUtil, PartitionTable) {
     Instance inst;
     std::string file = inst.path("config/store.parts");
     EXPECT_EQ("primary", read_table(1));  // the table of a new instance
-
     // Names are looked up without regard to case.
     write_file(file, "4\nAlpha\nbeta\nDELTA\ngamma\n");
     char **names = nullptr;
@@ -316,7 +298,6 @@ TEST(StoreUtil, PartitionTable)
     for (const auto &l : lookups) EXPECT_EQ(l.second, store_partitionId(names, 4, l.first));
     EXPECT_EQ(-1, store_partitionId(names, 0, "alpha") + store_partitionId(nullptr, 0, "alpha") + 1);
     store_freepartition(names, 4);
-
     // A table with fewer names than it announces, or no count, gives no
     // names at all. The last line needs no line feed; lines behind the
     // count are ignored; a long name is one name.
@@ -331,7 +312,6 @@ TEST(StoreUtil, PartitionTable)
         write_file(file, f.content);
         EXPECT_EQ(f.names, read_table(f.count)) << f.content.substr(0, 20);
     }
-
     ASSERT_EQ(0, unlink(file.c_str()));
     EXPECT_EQ("-", read_table(-1));  // no file
 }
@@ -344,7 +324,6 @@ TEST_F(AuthTest, RightsTextsAndCanonicalIdentifiers) {
     for (const auto &c : masks) EXPECT_EQ(acl_strtomask(c.first), c.second) << c.first;
     char rights[ACL_MAXRIGHTS];
     for (int m = 0; m <= ACL_ALL; m++) ASSERT_EQ(acl_strtomask(acl_masktostr(m, rights)), m) << m;
-
     // The default domain is dropped, another one lowered; null: refused.
     std::string longest(AUTH_MAXIDENTIFIER - 1, 'a'), toolong = longest + "a";
     const std::pair<const char *, const char *> ids[] = {
@@ -363,7 +342,6 @@ TEST_F(AuthTest, StatesAdministratorsAndGroups) {
     EXPECT_EQ(g, "fred,fred,group:staff,anyone");
     EXPECT_FALSE(auth_newstate("bad id", nullptr, 0) || auth_newstate(nullptr, nullptr, 0) ||
                  auth_newstate("x", nullptr, 3));
-
     // Without an owner: the level. With one: the site administers all, a
     // tenant its own domain; owning folders makes nobody an administrator.
     const struct { const auth_state *who; const char *owner; int level; } cases[] = {
@@ -423,7 +401,6 @@ TEST_F(AuthTest, AclEditsKeepTheOwnersRights) {
             << c.id << " on " << str(c.start);
         EXPECT_EQ(take(acl), c.want ? c.want : c.start) << c.id << " on " << str(c.start);
     }
-
     // Through the callback the owner keeps lookup, create and administer,
     // whether lowered or taken away, named in canonical form or not; others
     // (fred isn't the owner of fred2's folders) are not protected.

@@ -24,15 +24,10 @@ struct Tree {
         free(b.ids);
         end = m.offset;
     }
-    ~Tree() {
-        message_free_body(&top);
-        free(data);
-    }
+    ~Tree() { message_free_body(&top), free(data); }
     Tree(const Tree &) = delete;
     Tree &operator=(const Tree &) = delete;
-    std::string content(const struct body &b) const {
-        return std::string(data + b.content_offset, b.content_size);
-    }
+    std::string content(const struct body &b) const { return std::string(data + b.content_offset, b.content_size); }
 };
 
 // A multipart/mixed message with boundary b and the given body.

@@ -194,13 +194,11 @@ TEST(ParseAddr, HandMadeFields) {
         {"@x", "- - '' 'x'\n"}, {"<@a.org:>", "- '@a.org' '' ''\n"},
     };
     for (const auto &c : cases) EXPECT_EQ(parse(c.in), c.out) << c.in;
-
     // Records of a second field go behind those of the first.
     address *list = nullptr;
     for (const char *f : {"a@x\r\n", "g: b@y;\r\n", (const char *)nullptr}) parseaddr_list(f, &list);
     EXPECT_EQ(render(list), "- - 'a' 'x'\n- - 'g' -\n- - 'b' 'y'\n- - - -\n");
     parseaddr_free(list);
-
     // Every cut of a tricky field: groups open and close in pairs.
     const std::string tricky = "\"Q\\\"x\" (c (n) \\) ) <@r1,@r2:l.p@[d.l]>, g:a@b,(x;\"y\r\n z\";, c <d";
     int open = -1;

@@ -36,11 +36,8 @@ TempDir::TempDir() {
     if (mkdtemp(&tmpl[0])) path_ = tmpl;
 }
 
-static int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-    return remove(path);
-}
-
 TempDir::~TempDir() {
+    auto remove_entry = [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); };
     if (!path_.empty()) nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
@@ -84,23 +81,18 @@ std::string StderrCapture::text() {
 void StderrCapture::restore() {
     if (saved_ < 0) return;
     fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    saved_ = -1;
+    dup2(saved_, 2), close(saved_), saved_ = -1;
 }
 
 bool Instance::startStored() {
     if (storedPid_ > 0) return true;
-    std::string bin = binary_dir() + "/bin/stored";
-    std::string ready = tmp_.path() + "/data/store/stored.ready";
-    std::string log = tmp_.path() + "/log/stored.out";
+    std::string bin = binary_dir() + "/bin/stored", ready = path("data/store/stored.ready"), log = path("log/stored.out");
     fflush(nullptr);
     int pid = fork();
     if (pid == 0) {
         setenv("STORE_INSTANCEDIR", tmp_.path().c_str(), 1);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(fd, 1);
-        dup2(fd, 2);
+        dup2(fd, 1), dup2(fd, 2);
         execl(bin.c_str(), "stored", (char *)nullptr);
         _exit(127);
     }
