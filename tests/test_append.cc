@@ -38,10 +38,7 @@ void note_barrier(sync_event e, const char *) {
 // A description of text that append_freemsg leaves in place.
 appendmsg desc(const std::string &text, unsigned flags = APPENDMSG_STATIC, char *fname = nullptr) {
     appendmsg m = zeroappendmsg;
-    m.flags = flags;
-    m.base = text.data();
-    m.size = (unsigned)text.size();
-    m.fname = fname;
+    m.flags = flags, m.base = text.data(), m.size = (unsigned)text.size(), m.fname = fname;
     return m;
 }
 
@@ -247,8 +244,7 @@ TEST_F(Append, QuotaDecision) {
                  {2, 1, 1, none, now - 121 * 3600, IMAP_QUOTA_EXCEEDED_PERSISTENT}};
     for (const auto &c : cases) {
         quotadata q = {};
-        q.limit_messages = c.limit_messages;
-        q.over_since = c.over_since;
+        q.limit_messages = c.limit_messages, q.over_since = c.over_since;
         EXPECT_EQ(append_quota_eval(c.used, c.limit, c.messages, &q), c.result) << c.used << " " << c.messages;
     }
 }
@@ -268,8 +264,7 @@ TEST_F(Append, StreamRepairsAndRefusals) {
     };
     ASSERT_EQ(begin("user/fred"), 0);
     astream st = {};
-    st.state = &as;
-    st.destfd = -1;
+    st.state = &as, st.destfd = -1;
     std::vector<size_t> sizes;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.chunks[0]);

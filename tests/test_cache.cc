@@ -23,8 +23,7 @@ class CacheFile {
     CacheFile() {
         path_ = tmp_.file("store.idx");
         write_file(path_, std::string(kCacheOffset, 'h'));
-        mb_.index_fd = open(path_.c_str(), O_RDWR);
-        mb_.name = (char *)"user/joe/box";
+        mb_.index_fd = open(path_.c_str(), O_RDWR), mb_.name = (char *)"user/joe/box";
         mb_.hdr.cache_offset = kCacheOffset;
     }
     ~CacheFile() { close(mb_.index_fd); }

@@ -36,7 +36,6 @@ Sizes debug_sizes(const std::string &out) {
     return r;
 }
 
-
 // The date of a separator line in a buffer of its exact size (a read
 // beyond it shows under the address sanitizer); -1 if it is no separator.
 time_t date_of(const std::string &line) {

@@ -140,13 +140,10 @@ std::vector<std::string> sample_items(unsigned uid) {
 }
 index_record make_record(uint32_t uid, uint32_t rec_cache_offset) {
     index_record r = {};
-    r.uid = r.orig_uid = uid;
-    r.internaldate = (int32_t)(1000000 + uid);
-    r.size = r.header_size = 500 + uid;
+    r.uid = r.orig_uid = uid, r.internaldate = (int32_t)(1000000 + uid), r.size = r.header_size = 500 + uid;
     r.rec_cache_offset = rec_cache_offset;
     r.system_flags = (uid & 1) ? FLAG_ANSWERED : FLAG_FLAGGED | 0x05000000u;
-    r.user_flags[2] = 0x80000000u | uid;
-    r.orig_uidvalidity = 1234;
+    r.user_flags[2] = 0x80000000u | uid, r.orig_uidvalidity = 1234;
     return r;
 }
 
@@ -159,8 +156,7 @@ struct IndexFile {
     unsigned reserve = 100;  // free record slots behind the records
     std::string cache;
     explicit IndexFile(unsigned messages = 0) {
-        mbd.version = MAILBOX_VERSION;
-        mbd.uidvalidity = 1234;
+        mbd.version = MAILBOX_VERSION, mbd.uidvalidity = 1234;
         for (uint32_t uid = 1; uid <= messages; uid++) {
             records.push_back(make_record(uid, (uint32_t)cache.size()));
             cache += cache_entry(sample_items(uid));
@@ -174,8 +170,7 @@ struct IndexFile {
         mboxdata m = mbd;
         m.exists = (uint32_t)records.size();
         index_header hdr = {};
-        hdr.start_offset = start_offset;
-        hdr.cache_offset = cache_offset();
+        hdr.start_offset = start_offset, hdr.cache_offset = cache_offset();
         std::string s = bytes_of(m) + bytes_of(hdr) + varhdr;
         s.resize(start_offset, '\0');
         for (const index_record &r : records) s += bytes_of(r);
@@ -188,9 +183,7 @@ struct Handle {
     mailbox mb;
     Handle(const std::string &dir, unsigned mode = 0) {
         mb = zeromailbox;
-        mb.path = mb.mpath = xstrdup(dir.c_str());
-        mb.name = xstrdup("user/fred/box");
-        mb.open_mode = mode;
+        mb.path = mb.mpath = xstrdup(dir.c_str()), mb.name = xstrdup("user/fred/box"), mb.open_mode = mode;
         mb.index_fd = open((dir + "/store.idx").c_str(), O_RDWR);
     }
     ~Handle() {
@@ -256,8 +249,7 @@ TEST_F(FolderOpen, LockWaitsForTheHolderNestsAndIsTried) {
     Pipe p;
     pid_t pid = holder(p, [&](mailbox &other) {
         usleep(300 * 1000);
-        other.mbd.last_uid = 77;
-        other.flagname[3] = xstrdup("Urgent");
+        other.mbd.last_uid = 77, other.flagname[3] = xstrdup("Urgent");
         if (mailbox_write_index_variable_header(&other) || mailbox_write_index_fixed_header(&other))
             return 2;
         return send_byte(p.w, 'W') ? 0 : 3;
@@ -450,8 +442,7 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
     if (getenv("MAILBOX_SYNC_CHILD")) {
         TempDir tmp;
         mailbox mb = zeromailbox;
-        mb.index_fd = open(tmp.file("store.idx").c_str(), O_RDWR | O_CREAT, 0600);
-        mb.index_lock_count = 1;
+        mb.index_fd = open(tmp.file("store.idx").c_str(), O_RDWR | O_CREAT, 0600), mb.index_lock_count = 1;
         for (const char *more : {"", "local.store.indexsynclevel: 3\nlocal.store.synclevel: 3\n"}) {
             std::string conf = std::string(getenv("STORE_INSTANCEDIR")) + "/config/store.conf";
             write_file(conf, read_file(conf) + more);
@@ -559,9 +550,7 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
     int fd = open(idx.c_str(), O_RDWR | O_CREAT, 0666);
     ASSERT_EQ(lock_blocking(fd), 0);
     struct { mboxdata mbd; index_header hdr; } h = {};
-    h.mbd.version = MAILBOX_VERSION;
-    h.mbd.uidvalidity = 4242;
-    h.hdr.start_offset = 256;
+    h.mbd.version = MAILBOX_VERSION, h.mbd.uidvalidity = 4242, h.hdr.start_offset = 256;
     h.hdr.cache_offset = 256 + 7600;
     ASSERT_EQ(write(fd, &h, sizeof h), (ssize_t)sizeof h);
     Pipe done;
@@ -610,8 +599,7 @@ TEST_F(MailboxFiles, DeleteRemovesEverything) {
     EXPECT_TRUE(file_exists(inst.path("partitions/spool")) && file_exists(inst.path("messages/spool")));
     // A folder whose directories are gone already is no failure.
     mailbox ghost = zeromailbox;
-    ghost.name = strdup("user/ghost");
-    ghost.path = ghost.mpath = strdup(dir("user/ghost").c_str());
+    ghost.name = strdup("user/ghost"), ghost.path = ghost.mpath = strdup(dir("user/ghost").c_str());
     EXPECT_EQ(mailbox_delete(&ghost, 0), 0);
 }
 
@@ -619,8 +607,7 @@ TEST_F(MailboxIndex, VariableHeaderMostEntriesAndReservedNames) {
     // Names in the even slots and the last one: the most entries the
     // gather write can need, each name with its NUL, each gap one NUL.
     mailbox mb = zeromailbox;
-    mb.index_lock_count = 1;
-    mb.acl = const_cast<char *>("a\tl\t");
+    mb.index_lock_count = 1, mb.acl = const_cast<char *>("a\tl\t");
     std::string want;
     for (int i = 0; i < MAX_USER_FLAGS; i++)
         want += (mb.flagname[i] = const_cast<char *>(i % 2 && i < MAX_USER_FLAGS - 1 ? nullptr : "f"))
@@ -805,13 +792,10 @@ struct OldFolder {
     std::vector<index_record> records;
     OldFolder(uint32_t generation, unsigned count) {
         mboxdata mbd = {};
-        mbd.version = MAILBOX_VERSION_OLD;
-        mbd.exists = count;
-        mbd.uidvalidity = 777;
+        mbd.version = MAILBOX_VERSION_OLD, mbd.exists = count, mbd.uidvalidity = 777;
         mbd.last_uid = 10 * count;
         index_header hdr = {};
-        hdr.cache_offset = generation;
-        hdr.start_offset = 256;
+        hdr.cache_offset = generation, hdr.start_offset = 256;
         idx = bytes_of(mbd) + bytes_of(hdr) + std::string("old1\0\0old3\0\nfred\tlrs\t\0", 22);
         idx.resize(256, '\0');
         cch = bytes_of(generation);
@@ -877,8 +861,7 @@ TEST(MessageFiles, MapsAndDirectories) {
     // Maps under the message directory, with or without a "/" at its end,
     // else under the folder directory; a missing file is its errno.
     mailbox mb = zeromailbox;
-    mb.mbd.version = MAILBOX_VERSION;
-    mb.path = const_cast<char *>(mdir.c_str());
+    mb.mbd.version = MAILBOX_VERSION, mb.path = const_cast<char *>(mdir.c_str());
     for (std::string mp : {mdir + "/", std::string()}) {
         mb.mpath = mp.empty() ? nullptr : const_cast<char *>(mp.c_str());
         struct map *m = nullptr;

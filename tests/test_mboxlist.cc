@@ -113,10 +113,8 @@ struct Folder {
         : name(n), path(dir) {
         if (!dir.empty()) run_command("mkdir -p '" + dir + "'");
         mb = zeromailbox;
-        mb.name = const_cast<char *>(name.c_str());
-        mb.path = const_cast<char *>(path.c_str());
-        mb.mbd.last_uid = last_uid;
-        mb.mbd.exists = exists;
+        mb.name = const_cast<char *>(name.c_str()), mb.path = const_cast<char *>(path.c_str());
+        mb.mbd.last_uid = last_uid, mb.mbd.exists = exists;
     }
     std::string name, path;
     struct mailbox mb;
@@ -554,9 +552,7 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
     }
     // Quota rows of every size.
     struct quotadata full = {};
-    full.used_low = 77;
-    full.limit_messages = 50;
-    full.last_dbrepair = 99;
+    full.used_low = 77, full.limit_messages = 50, full.last_dbrepair = 99;
     DB *quotas = mboxlist_db(MBOXLIST_QUOTADB);
     std::string bytes((char *)&full, 56);
     // A short row of 36 bytes: the message limit reads as none. A longer

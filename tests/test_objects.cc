@@ -118,7 +118,6 @@ TEST(BkSessionTest, FoldersAndMessagesFromPathsExitCodesAndSignals) {
     signals_reset(SIGTERM);
 }
 
-
 TEST(Vdata, PackedListsAndCopies) {
     Vdata v, out;
     v += "abc";

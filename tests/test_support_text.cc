@@ -320,5 +320,3 @@ TEST(ImapErr, InstalledOnceAndTranslated) {
                   0);
     }
 }
-
-

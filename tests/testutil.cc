@@ -312,9 +312,7 @@ bool has_row(const char *name) {
 
 static void set_dbt(DBT *dbt, const std::string &s) {
     memset(dbt, 0, sizeof *dbt);
-    dbt->data = const_cast<char *>(s.data());
-    dbt->size = (uint32_t)s.size();
-    dbt->flags = DB_DBT_READONLY;
+    dbt->data = const_cast<char *>(s.data()), dbt->size = (uint32_t)s.size(), dbt->flags = DB_DBT_READONLY;
 }
 
 bool db_put(DB *db, const std::string &k, const std::string &v) {
@@ -369,8 +367,7 @@ void deliver(struct ::mailbox *mb, unsigned n) {
     for (unsigned i = 0; i < n; i++) {
         index_record &rec = recs[i];
         memset(&rec, 0, sizeof rec);
-        rec.uid = mb->mbd.last_uid + 1 + i;
-        rec.internaldate = 1000000 + (int)rec.uid;
+        rec.uid = mb->mbd.last_uid + 1 + i, rec.internaldate = 1000000 + (int)rec.uid;
         std::string text = "Subject: " + std::to_string(rec.uid) + "\r\n\r\nbody\r\n";
         rec.size = (uint32_t)text.size();
         struct stat st;
