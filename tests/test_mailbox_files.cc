@@ -186,10 +186,7 @@ struct Handle {
         mb.path = mb.mpath = xstrdup(dir.c_str()), mb.name = xstrdup("user/fred/box"), mb.open_mode = mode;
         mb.index_fd = open((dir + "/store.idx").c_str(), O_RDWR);
     }
-    ~Handle() {
-        mb.mpath = nullptr;
-        mailbox_close(&mb);
-    }
+    ~Handle() { mb.mpath = nullptr; mailbox_close(&mb); }
     int read() { return mailbox_read_index_fixed_header(&mb); }
 };
 

@@ -71,9 +71,7 @@ struct Attempt {
     const char *row_partition = "primary";
 };
 
-std::string who(const Attempt &a) {
-    return std::string(a.name) + " by " + (a.userid ? a.userid : "-");
-}
+std::string who(const Attempt &a) { return std::string(a.name) + " by " + (a.userid ? a.userid : "-"); }
 
 // A create in a thread of its own.
 std::future<int> creator(const char *name) {

@@ -8,7 +8,7 @@ namespace {
 using namespace testutil;
 
 // A message parsed into its tree.
-struct Tree {
+struct Tree : testutil::NoCopy {
     char *data;
     size_t len;
     uint32_t end;  // where the parse stopped
@@ -25,8 +25,6 @@ struct Tree {
         end = m.offset;
     }
     ~Tree() { message_free_body(&top), free(data); }
-    Tree(const Tree &) = delete;
-    Tree &operator=(const Tree &) = delete;
     std::string content(const struct body &b) const { return std::string(data + b.content_offset, b.content_size); }
 };
 

@@ -73,10 +73,7 @@ StderrCapture::StderrCapture() : path_(tmp_.file("stderr")) {
     close(fd);
 }
 
-std::string StderrCapture::text() {
-    fflush(stderr);
-    return read_file(path_);
-}
+std::string StderrCapture::text() { fflush(stderr); return read_file(path_); }
 
 void StderrCapture::restore() {
     if (saved_ < 0) return;
@@ -150,9 +147,7 @@ std::string source_dir() {
 
 std::string binary_dir() { return STORE_BINARY_DIR; }
 
-std::string corpus_path(const std::string &name) {
-    return source_dir() + "/../shared/corpus/" + name;
-}
+std::string corpus_path(const std::string &name) { return source_dir() + "/../shared/corpus/" + name; }
 
 std::string read_file(const std::string &path) {
     std::ostringstream ss;
@@ -237,10 +232,7 @@ ScopedTZ::ScopedTZ(const char *tz) {
     tzset();
 }
 
-ScopedTZ::~ScopedTZ() {
-    had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ");
-    tzset();
-}
+ScopedTZ::~ScopedTZ() { had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ"); tzset(); }
 
 std::string crlf(const std::string &s) {
     std::string out;

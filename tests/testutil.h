@@ -34,13 +34,18 @@
 
 namespace testutil {
 
+// A base for the helpers that own a resource and must not be copied.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy &) = delete;
+    NoCopy &operator=(const NoCopy &) = delete;
+};
+
 // A fresh directory under $TMPDIR (or /tmp), removed with its content at the end.
-class TempDir {
+class TempDir : NoCopy {
   public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
     const std::string &path() const { return path_; }
     std::string file(const std::string &name) const { return path_ + "/" + name; }
 
@@ -82,12 +87,10 @@ class Instance {
 };
 
 // Sends file descriptor 2 to a file while it lives.
-class StderrCapture {
+class StderrCapture : NoCopy {
   public:
     StderrCapture();
     ~StderrCapture() { restore(); }
-    StderrCapture(const StderrCapture &) = delete;
-    StderrCapture &operator=(const StderrCapture &) = delete;
     std::string text();  // what was written so far
     void restore();      // gives standard error back
 
@@ -118,10 +121,7 @@ template <typename F> pid_t spawn(F fn) {
 }
 
 // Runs fn in a child as spawn does and gives wait_child's result.
-template <typename F> int in_child(F fn) {
-    pid_t pid = spawn(fn);
-    return pid < 0 ? -1 : wait_child(pid);
-}
+template <typename F> int in_child(F fn) { pid_t pid = spawn(fn); return pid < 0 ? -1 : wait_child(pid); }
 
 // The lines of s without their ends; an unterminated last one ends in "<no newline>".
 std::vector<std::string> split_lines(const std::string &s);
@@ -137,22 +137,18 @@ inline std::string str(const char *s) { return s ? s : "<null>"; }
 int read_byte(int fd, int ms);
 
 // A pipe closed when the object goes away.
-struct Pipe {
+struct Pipe : NoCopy {
     int r = -1, w = -1;
     Pipe();
     ~Pipe();
-    Pipe(const Pipe &) = delete;
-    Pipe &operator=(const Pipe &) = delete;
     static void shut(int &end) { close(end), end = -1; }  // closes one end early
 };
 
 // Sets TZ while it lives; the former value comes back afterwards.
-class ScopedTZ {
+class ScopedTZ : NoCopy {
   public:
     explicit ScopedTZ(const char *tz);
     ~ScopedTZ();
-    ScopedTZ(const ScopedTZ &) = delete;
-    ScopedTZ &operator=(const ScopedTZ &) = delete;
 
   private:
     bool had_ = false;
@@ -261,12 +257,10 @@ std::string message_file(const struct ::mailbox &mb, unsigned uid);
 // A tmpfs mounted over dir (made if missing) with the mount options given
 // ("size=2m", "size=2m,nr_inodes=64") while it lives; error holds the errno
 // of a refused mount, and a test skips then.
-class Tmpfs {
+class Tmpfs : NoCopy {
   public:
     Tmpfs(const std::string &dir, const std::string &options);
     ~Tmpfs();
-    Tmpfs(const Tmpfs &) = delete;
-    Tmpfs &operator=(const Tmpfs &) = delete;
     void fill() const;  // writes a file until no room is left
     std::string dir;
     int error = 0;
