@@ -184,8 +184,7 @@ TEST_F(Append, SetupRefusals) {
     const struct { const char *config, *name; long quotasize; const auth_state *auth; unsigned long rights;
                    int result; uint64_t reserved; } cases[] = {
         {"", "user/q0", 0, all, 0, 0, 0},  // no test at all
-        {"", "user/q0", 1, all, 0, IMAP_QUOTA_EXCEEDED, 0},
-        {"", "user/qm", 1, all, 0, IMAP_QUOTA_EXCEEDED, 0},
+        {"", "user/q0", 1, all, 0, IMAP_QUOTA_EXCEEDED, 0}, {"", "user/qm", 1, all, 0, IMAP_QUOTA_EXCEEDED, 0},
         {"", "user/q1", -2048, all, 0, IMAP_MESSAGE_TOO_LARGE, 0},
         {"", "user/q1", 2048, all, 0, IMAP_QUOTA_EXCEEDED, 0}, {"", "user/q1", -1024, all, 0, 0, 1024},
         {"", "user/fred/shared", 0, bob, 0x10, IMAP_PERMISSION_DENIED, 0},

@@ -146,8 +146,7 @@ TEST(MessageCache, EnvelopeAndSearchAddresses) {
         "Bcc: \"Quote \\\" Name\" <q@q>\nSubject:\nIn-Reply-To: <r@x>\n\n"));
     ASSERT_EQ(d.rc, 0);
     EXPECT_EQ(d.items[0], "(NIL \"\" ((\"=?utf-8?q?J=C3=B6rg?=\" NIL \"Joerg\" \"Example.DE\")) "
-              "((\"Boss\" NIL \"BOSS\" \"x.org\")) "
-              "((\"=?utf-8?q?J=C3=B6rg?=\" NIL \"Joerg\" \"Example.DE\")) "
+              "((\"Boss\" NIL \"BOSS\" \"x.org\")) ((\"=?utf-8?q?J=C3=B6rg?=\" NIL \"Joerg\" \"Example.DE\")) "
               "((NIL NIL \"Friends\" NIL)(\"Ann\" NIL \"Ann\" \"X.org\")(NIL NIL \"bob\" \"Y.org\")"
               "(NIL NIL NIL NIL)(NIL NIL \"Carl\" \"Z\")) ((NIL \"@Relay.ORG\" \"User\" \"Host.ORG\")) "
               "(({12}\r\nQuote \" Name NIL \"q\" \"q\")) \"<r@x>\" NIL)");
@@ -189,10 +188,8 @@ TEST(MessageCache, MultipartItemsAndSections) {
     CacheFile cf;
     const std::string msg = crlf("Content-Type: multipart/mixed; boundary=b\n\n"
         "--b\nContent-Type: text/plain; charset=UTF-8\nContent-Transfer-Encoding: quoted-printable\n"
-        "Content-Disposition: attachment; filename=a.txt\n"
-        "Content-Language: en, fr\nContent-MD5: sum\n\none\n"
-        "--b\nContent-Type: text/html; charset=x-unknown\n"
-        "Content-Transfer-Encoding: base64\n\ntwo\n--b--\n");
+        "Content-Disposition: attachment; filename=a.txt\nContent-Language: en, fr\nContent-MD5: sum\n\none\n"
+        "--b\nContent-Type: text/html; charset=x-unknown\nContent-Transfer-Encoding: base64\n\ntwo\n--b--\n");
     Delivery d = cf.deliver(msg);
     ASSERT_EQ(d.rc, 0);
     EXPECT_EQ(d.items[2], "((\"TEXT\" \"PLAIN\" (\"CHARSET\" \"UTF-8\") NIL NIL \"QUOTED-PRINTABLE\" 3 0)"
@@ -221,8 +218,7 @@ TEST(MessageCache, MultipartItemsAndSections) {
     // A multipart without parts is empty plain text; a message part carries
     // the inner envelope and body.
     EXPECT_NE(n.items[2].find(kPlain + "0 0)(\"MESSAGE\" \"PARTIAL\""), std::string::npos);
-    EXPECT_NE(n.items[2].find("(\"MESSAGE\" \"RFC822\" NIL NIL NIL \"7BIT\" 16 (NIL \"in\" "),
-              std::string::npos);
+    EXPECT_NE(n.items[2].find("(\"MESSAGE\" \"RFC822\" NIL NIL NIL \"7BIT\" 16 (NIL \"in\" "), std::string::npos);
     EXPECT_NE(n.items[2].find(kPlain + "1 0) 2)"), std::string::npos);
     // The top is a multipart without BOUNDARY: plain text with no sizes.
     Delivery nb = cf.deliver(crlf("Content-Type: multipart/mixed\n\nsome text\n"));

@@ -159,8 +159,7 @@ TEST(ScannerDates, SeparatorAndHeaderDatesUnderTwoZones) {
         for (const auto &l : lines)
             EXPECT_EQ(date_of(l.text), utc || !l.newYork ? l.utc : l.newYork) << zone << ": " << l.text;
         for (const auto &f : fields)
-            EXPECT_EQ(message_parse_date(f.text), utc || !f.newYork ? f.utc : f.newYork)
-                << zone << ": " << f.text;
+            EXPECT_EQ(message_parse_date(f.text), utc || !f.newYork ? f.utc : f.newYork) << zone << ": " << f.text;
         // Dates that are no good: the separator gives none (and reads no
         // byte beyond its line), the header parser gives the current time.
         for (const char *bad : {"From joe Tue NOV  5 10:20:30 2002", "From bob Tue Mar  7 17:42:10 2002 -T0",

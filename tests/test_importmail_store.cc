@@ -158,8 +158,7 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     } loads[] = {{corpus_path("list-archive.mbox"), "-d Lists", "user/joe/Lists", 53},
                  {corpus_path("kernel-list.mbox"), "-d Kernel", "user/joe/Kernel", 210},
                  {corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
-                 {flagged, "-d Flagged", "user/joe/Flagged", 53},
-                 {flagged, "-d Flagged", "user/joe/Flagged", 53},
+                 {flagged, "-d Flagged", "user/joe/Flagged", 53}, {flagged, "-d Flagged", "user/joe/Flagged", 53},
                  {big, "-d Big", "user/joe/Big", 283}, {big, "-d Big", "user/joe/Big", 283},
                  {big, "-d Big", "user/joe/Big", 283}, {big, "-d Big", "user/joe/Big", 283},
                  {flagged, "-n -d Flagged", "", 53}};

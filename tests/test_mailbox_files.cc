@@ -417,8 +417,7 @@ TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
     EXPECT_EQ(file_size(idx), (off_t)mb.hdr.cache_offset);
     // The whole file was flushed while the row still said it had none.
     ASSERT_FALSE(barriers.empty());
-    EXPECT_EQ(barriers.back(), std::to_string(mb.hdr.cache_offset) + " " +
-                                   std::to_string(MAILBOX_VERSION_DBONLY));
+    EXPECT_EQ(barriers.back(), std::to_string(mb.hdr.cache_offset) + " " + std::to_string(MAILBOX_VERSION_DBONLY));
     EXPECT_TRUE(lockable_by_other(idx));
     uint32_t uidvalidity = mb.mbd.uidvalidity;
     mailbox_close(&mb);
@@ -745,8 +744,7 @@ TEST_F(MailboxIndex, PartlyCreatedEmptyFolderIsExtended) {
         const std::string full = f.build();
         for (unsigned mode : {0u, (unsigned)OPEN_APPEND, (unsigned)OPEN_REPAIR}) {
             for (uint32_t cut : {f.start_offset, f.start_offset + 100, f.cache_offset() - 1}) {
-                SCOPED_TRACE(std::to_string(reserve) + " " + std::to_string(mode) + " " +
-                             std::to_string(cut));
+                SCOPED_TRACE(std::to_string(reserve) + " " + std::to_string(mode) + " " + std::to_string(cut));
                 write_file(idx_, full.substr(0, cut));
                 inst.newLog();
                 Handle h(dir_, mode);

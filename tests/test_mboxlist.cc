@@ -292,8 +292,7 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
                              Attempt{"user/fred/pub", "bob", bob, IMAP_PERMISSION_DENIED},
                              Attempt{"user/fred/x", "bob", bob, IMAP_MAILBOX_NONEXISTENT},
                              Attempt{"user/fred/none", "fred", fred, IMAP_MAILBOX_NONEXISTENT},
-                             Attempt{"user/fred/none", nullptr, auth_dontCheckAcl,
-                                     IMAP_MAILBOX_NONEXISTENT}}) {
+                             Attempt{"user/fred/none", nullptr, auth_dontCheckAcl, IMAP_MAILBOX_NONEXISTENT}}) {
         EXPECT_EQ(mboxlist_deletemailbox(a.name, a.userid, a.auth), a.want) << who(a);
         EXPECT_EQ(has_row(a.name), strcmp(a.name, "user/fred/none") != 0) << who(a);
     }
@@ -311,8 +310,7 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     for (const Attempt &a : {Attempt{"user/fred/sent", nullptr, fred, IMAP_MAILBOX_PINNED},
                              Attempt{"user/fred/sent", nullptr, site, 0},
                              Attempt{"user/fred/sent/old", nullptr, fred, 0},
-                             Attempt{"user/fred/Sent", nullptr, fred, 0},
-                             Attempt{"user/fred", nullptr, fred, 0}})
+                             Attempt{"user/fred/Sent", nullptr, fred, 0}, Attempt{"user/fred", nullptr, fred, 0}})
         EXPECT_EQ(mboxlist_deletemailboxcheck(a.name, a.auth), a.want) << who(a);
     EXPECT_EQ(mboxlist_deletemailbox("user/fred/sent", "fred", fred), IMAP_MAILBOX_PINNED);
     // A user whose subfolder is pinned can't be deleted by a tenant
@@ -532,16 +530,13 @@ TEST_F(OpenStore, LookupsPathsDamagedRowsAndQuotaRows) {
     put_row("user/fred/old", MAILBOX_VERSION, 0, "", 77, "version3");
     struct mboxdata mbd;
     char *part = nullptr, *path = nullptr, *acl = nullptr;
-    EXPECT_EQ(mboxlist_lookup("user/nobody", nullptr, &part, nullptr, nullptr, nullptr),
-              IMAP_MAILBOX_NONEXISTENT);
+    EXPECT_EQ(mboxlist_lookup("user/nobody", nullptr, &part, nullptr, nullptr, nullptr), IMAP_MAILBOX_NONEXISTENT);
     EXPECT_EQ(mboxlist_lookup("user/fred/old", &mbd, nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(mboxlist_lookup("user/fred/old", nullptr, nullptr, &path, nullptr, nullptr),
-              IMAP_PARTITION_UNKNOWN);
+    EXPECT_EQ(mboxlist_lookup("user/fred/old", nullptr, nullptr, &path, nullptr, nullptr), IMAP_PARTITION_UNKNOWN);
     // Rows too short for their fields, or without their NULs, are damage,
     // reported as such and never read beyond their end.
     std::string summary(60, '\0');
-    for (const std::string &bad : {summary, summary + "p", summary + "primary\0acl" + "x",
-                                   std::string(20, 'x')}) {
+    for (const std::string &bad : {summary, summary + "p", summary + "primary\0acl" + "x", std::string(20, 'x')}) {
         ASSERT_TRUE(db_put(mboxlist_db(MBOXLIST_FOLDERDB), key("user/bad"), bad));
         char *row = nullptr;
         EXPECT_EQ(mboxlist_lookup_data("user/bad", &row, nullptr), IMAP_MAILBOX_BADFORMAT);

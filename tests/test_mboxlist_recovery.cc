@@ -11,8 +11,7 @@ namespace {
 // Recovers the store in a child as the daemon does and gives what it
 // logged. With put, that folder's row is written; with ask, *status is 10 if
 // that folder has a row, else 11; 91 if the recovery failed.
-std::string recover_in_child(Instance &inst, int *status, const char *put = nullptr,
-                             const char *ask = nullptr) {
+std::string recover_in_child(Instance &inst, int *status, const char *put = nullptr, const char *ask = nullptr) {
     inst.newLog();
     *status = in_child([&] {
         if (start_store("stored") != 0) return 91;

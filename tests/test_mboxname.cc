@@ -269,8 +269,7 @@ TEST(StoreUtil, CanonicalIdsAndFolderNames) {
             {"user/Bob@example.com", "user/Bob"}, {"user/Bob@example.com/", "user/Bob/"},
             {"user/Bob@Other.COM/X@Example.COM", "user/Bob@other.com/X@Example.COM"},
             {"user/Bob/a@Example.com/b", "user/Bob/a@Example.com/b"},
-            {"public/A@Example.com", "public/A@Example.com"},
-            {"userx/Bob@Example.com", "userx/Bob@Example.com"},
+            {"public/A@Example.com", "public/A@Example.com"}, {"userx/Bob@Example.com", "userx/Bob@Example.com"},
             {"User/Bob@Example.com", "User/Bob@Example.com"},
         };
         for (const auto &c : names) EXPECT_EQ(c[1], canon(store_canonifymboxname, c[0])) << c[0];
@@ -392,8 +391,7 @@ TEST_F(AuthTest, AclEditsKeepTheOwnersRights) {
         {"fred\tl\tx\tl\tfred\tr\t", "fred", ACL_MODE_ADD, ACL_SEEN, "fred\tlrs\tx\tl\t"},
         {"fred\tlr\t", "-fred", ACL_MODE_SET, ACL_READ, "fred\tlr\t-fred\tr\t"},
         {"fred\tlr\t-fred\tr\t", "-fred", ACL_MODE_REMOVE, ACL_READ, "fred\tlr\t"},
-        {"a\tl\t", "bad id", ACL_MODE_SET, ACL_ALL, nullptr},
-        {"a\tl\t", "--x", ACL_MODE_SET, ACL_ALL, nullptr},
+        {"a\tl\t", "bad id", ACL_MODE_SET, ACL_ALL, nullptr}, {"a\tl\t", "--x", ACL_MODE_SET, ACL_ALL, nullptr},
         {"a\tl\t", "b", 3, ACL_ALL, nullptr}};
     for (const auto &c : cases) {
         char *acl = c.start ? strdup(c.start) : nullptr;

@@ -153,13 +153,11 @@ TEST(MessageParse, HeaderFields) {
         {"Content-Disposition: inline junk\nContent-Disposition: Attachment", "disposition", "ATTACHMENT "},
         // The list of the last header with a tag wins; a bad tag ends the list.
         {"Content-Language: de\nContent-Language: en, x1, fr\nContent-Language: 42", "language", "EN"},
-        {"Content-Language: en (English) , fr", "language", "EN,FR"},
-        {"Content-Language: en fr", "language", ""},
+        {"Content-Language: en (English) , fr", "language", "EN,FR"}, {"Content-Language: en fr", "language", ""},
         // No blank behind the colon: the value starts right behind it.
         {"Content-Transfer-Encoding:base64", "encoding", "BASE64"},
         {"Content-Description:x", "description", "x"}, {"Content-Language:en", "language", "EN"},
-        {"Content-Disposition:inline", "disposition", "INLINE "},
-        {"Content-Type:text/html", "type", "TEXT/HTML "},
+        {"Content-Disposition:inline", "disposition", "INLINE "}, {"Content-Type:text/html", "type", "TEXT/HTML "},
     };
     for (const auto &c : cases) {
         Tree t(crlf(std::string(c.headers) + "\n\nbody\n"));
@@ -250,8 +248,7 @@ TEST(MessageParse, BrokenMultiparts) {
         // boundary on: the inner boundary's own delimiters are taken as the
         // outer's non-closing ones, and "--abc--" closes both.
         {"a boundary that is a prefix of another", "abc",
-         "--abc\nContent-Type: multipart/mixed; boundary=abcdef\n\n"
-         "--abcdef\n\nfirst\n--abcdef--\n--abc--\n",
+         "--abc\nContent-Type: multipart/mixed; boundary=abcdef\n\n--abcdef\n\nfirst\n--abcdef--\n--abc--\n",
          {0, 0}, "first", -1, 2 + 12, 2, -1, 1},
         {"only two dashes behind the boundary close it", "b",
          "--b\n\none\n--b-\n\ntwo\n--b--\nepilogue\n", {1}, "two", -1, 2 + 7, 2, 0, 2},
@@ -277,9 +274,7 @@ TEST(MessageParse, BrokenMultiparts) {
                                                   {c.boundary_size, b->boundary_size},
                                                   {c.container_boundary_size, container->boundary_size}};
         for (const auto &s : sizes) {
-            if (s.first >= 0) {
-                EXPECT_EQ(s.second, (uint32_t)s.first);
-            }
+            if (s.first >= 0) { EXPECT_EQ(s.second, (uint32_t)s.first); }
         }
     }
     // The cut inner multipart: the closing delimiter's lines go with it.

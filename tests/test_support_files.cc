@@ -178,8 +178,8 @@ TEST(SupportRetry, CopyFile) {
     std::string src = tmp.file("src"), content = pattern((3 << 20) + 17, 5);
     write_file(src, content);
     // A byte copy is a file of its own with the same content (hard links:
-    // MailboxFiles.CopyingMessageFiles); a file that reports no length still
-    // has its bytes copied.
+    // Append.OneFileForTwoFolders); a file that reports no length still has
+    // its bytes copied.
     ASSERT_EQ(0, copy_file(src.c_str(), tmp.file("copy").c_str(), 0));
     EXPECT_NE(inode_of(src), inode_of(tmp.file("copy")));
     EXPECT_EQ(content, read_file(tmp.file("copy")));
@@ -197,7 +197,7 @@ TEST(SupportRetry, CopyFile) {
     }
     EXPECT_EQ("keep", read_file(tmp.file("exists")));
     EXPECT_FALSE(file_exists(tmp.file("t1")));
-    // Across file systems: MailboxFiles.CopyingMessageFiles.
+    // Across file systems: Append.FailedMessagesLeaveNoTrace.
 }
 
 TEST(SupportProt, StreamsWriteWhatTheyAreGivenAndReportErrors) {

@@ -30,8 +30,7 @@ TEST(Decode1522, WordsTextAroundThemAndBrokenWords) {
         {"=?utf-8?Q?a?= =?utf-8?Q?b?=\r\n\t=?utf-8?Q?_c?=", "ab c"},
         {"Essai =?iso-8859-1?Q?accentu=E9?= done", "Essai accentu\xC3\xA9 done"},
         {"plain\r\n text\n\tmore", "plain text\tmore"},
-        {"=?utf-8?Q?a?= =?bogus-cs?Q?b?= =?utf-8?Q?c?=", "a =?bogus-cs?Q?b?= c"},
-        {"", ""}, {nullptr, "<null>"},
+        {"=?utf-8?Q?a?= =?bogus-cs?Q?b?= =?utf-8?Q?c?=", "a =?bogus-cs?Q?b?= c"}, {"", ""}, {nullptr, "<null>"},
         {"=?utf-8?Q?x=FFy?=", "x\xEF\xBF\xBDy"},  // invalid in the charset: U+FFFD
     };
     for (const auto &c : cases) EXPECT_EQ(decode(c.in), c.out) << (c.in ? c.in : "null");
@@ -316,7 +315,6 @@ TEST(ImapErr, InstalledOnceAndTranslated) {
         EXPECT_EQ(in_child([c] {
                       c ? translations(c == 2) : installed_once();
                       return ::testing::Test::HasFailure() ? 1 : 0;
-                  }),
-                  0);
+                  }), 0);
     }
 }

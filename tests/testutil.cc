@@ -378,8 +378,7 @@ void deliver(struct ::mailbox *mb, unsigned n) {
     mailbox_unlock_index(mb);
 }
 
-void make_folder(const char *name, const std::string &dir, const char *acl,
-                 uint32_t uidvalidity, unsigned n) {
+void make_folder(const char *name, const std::string &dir, const char *acl, uint32_t uidvalidity, unsigned n) {
     struct ::mailbox mb = zeromailbox;
     ASSERT_EQ(mailbox_create(name, "primary", dir.c_str(), nullptr, acl, MAILBOX_VERSION, &mb, uidvalidity),
               0) << name;
