@@ -229,10 +229,8 @@ TEST(MessageCache, MultipartItemsAndSections) {
 TEST(MessageCache, RecordFlags) {
     CacheFile cf;
     const std::string plain = crlf("A: b\n\nx\n");
-    const struct {
-        std::string msg;
-        uint32_t given, want;  // other bits of the caller stay
-    } cases[] = {
+    // Other bits that the caller gives stay.
+    const struct { std::string msg; uint32_t given, want; } cases[] = {
         {plain, 0, FLAG_NODOTS_CRLF}, {plain, FLAG_ANSWERED, FLAG_ANSWERED | FLAG_NODOTS_CRLF},
         // A line that starts with a dot, in the body or in any header.
         {crlf("A: b\n\n.x\n"), FLAG_NODOTS_CRLF, 0}, {crlf("A: b\n.odd: header\n\nx\n"), 0, 0},

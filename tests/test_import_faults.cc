@@ -191,12 +191,8 @@ TEST_F(ImportFaults, BadInputLosesNothing) {
     Texts want = scan_texts(list);
     ASSERT_TRUE(folder("joe", "Kept", &dir) == want);
     const std::string idx = dir + "/store.idx";
-    const struct {
-        const char *what;
-        std::string data;
-        std::function<void()> before, after;
-        const char *say;
-    } cases[] = {
+    const struct { const char *what; std::string data; std::function<void()> before, after; const char *say; }
+    cases[] = {
         // The scanner gives a message at least the blank line that ends
         // its header, so bare separators make no empty message.
         {"bare separators", F + "\n" + F + F + "Subject: b\n\nbody\n\n" + F, [] {}, [] {}, ""},

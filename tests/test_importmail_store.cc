@@ -151,17 +151,14 @@ TEST_F(ImportmailStore, CorpusFilesLandAsTheScannerCutsThem) {
     // area grows in several loads.
     std::string big = inst.path("big.mbox");
     write_file(big, corpus_all(1));
-    const struct {
-        std::string path;
-        const char *args, *folder;
-        size_t count;
-    } loads[] = {{corpus_path("list-archive.mbox"), "-d Lists", "user/joe/Lists", 53},
-                 {corpus_path("kernel-list.mbox"), "-d Kernel", "user/joe/Kernel", 210},
-                 {corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
-                 {flagged, "-d Flagged", "user/joe/Flagged", 53}, {flagged, "-d Flagged", "user/joe/Flagged", 53},
-                 {big, "-d Big", "user/joe/Big", 283}, {big, "-d Big", "user/joe/Big", 283},
-                 {big, "-d Big", "user/joe/Big", 283}, {big, "-d Big", "user/joe/Big", 283},
-                 {flagged, "-n -d Flagged", "", 53}};
+    const struct { std::string path; const char *args, *folder; size_t count; } loads[] = {
+        {corpus_path("list-archive.mbox"), "-d Lists", "user/joe/Lists", 53},
+        {corpus_path("kernel-list.mbox"), "-d Kernel", "user/joe/Kernel", 210},
+        {corpus_path("broken.mbox"), "-d INBOX", "user/joe", 20},
+        {flagged, "-d Flagged", "user/joe/Flagged", 53}, {flagged, "-d Flagged", "user/joe/Flagged", 53},
+        {big, "-d Big", "user/joe/Big", 283}, {big, "-d Big", "user/joe/Big", 283},
+        {big, "-d Big", "user/joe/Big", 283}, {big, "-d Big", "user/joe/Big", 283},
+        {flagged, "-n -d Flagged", "", 53}};
     std::map<std::string, std::vector<Expected>> wants;
     std::string out, err;
     time_t before = time(nullptr);
