@@ -85,8 +85,11 @@ void expect_whole(const Tree &t) {
 }
 
 TEST(MessageParse, MissingHeaderAndLastLine) {
-    const struct { std::string text; uint32_t header_size, header_lines, content_size, content_lines; const char *subject; }
-    cases[] = {
+    const struct {
+        std::string text;
+        uint32_t header_size, header_lines, content_size, content_lines;
+        const char *subject;
+    } cases[] = {
         // No header at all: the first line has no colon before its first blank.
         {crlf("Hello there: friend\nsecond line\n"), 0, 0, 34, 2, nullptr},
         // A header that runs into a line without a colon: that line starts

@@ -83,7 +83,8 @@ void StderrCapture::restore() {
 
 bool Instance::startStored() {
     if (storedPid_ > 0) return true;
-    std::string bin = binary_dir() + "/bin/stored", ready = path("data/store/stored.ready"), log = path("log/stored.out");
+    std::string bin = binary_dir() + "/bin/stored", ready = path("data/store/stored.ready");
+    std::string log = path("log/stored.out");
     fflush(nullptr);
     int pid = fork();
     if (pid == 0) {
