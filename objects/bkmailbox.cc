@@ -389,14 +389,9 @@ int Mailbox::getMsgByUid(Message *msg, unsigned uid) {
 }
 
 int Mailbox::getMsgFile(unsigned uid, DevIno *devIno, unsigned *nlink, char *path) {
-    const char *dir = mbox.mpath ? mbox.mpath : mbox.path;
     path[0] = '\0';
-    if (!dir) return 0;
-    char fname[MAILBOX_FNAME_SIZE];
-    size_t n = strlen(dir);
-    snprintf(path, MAX_MAILBOX_PATH + MAILBOX_FNAME_SIZE, "%s%s%s", dir,
-             n && (dir[n - 1] == '/' || dir[n - 1] == '\\') ? "" : "/",
-             mailbox_message_fname(&mbox, uid, fname));
+    if (!mbox.mpath && !mbox.path) return 0;
+    if (mailbox_message_path(&mbox, uid, path, MAX_MAILBOX_PATH + MAILBOX_FNAME_SIZE) != 0) return 0;
     struct stat st;
     if (stat(path, &st) != 0) return 0;
     *devIno = DevIno((uint64_t)st.st_dev, (uint64_t)st.st_ino);

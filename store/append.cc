@@ -197,10 +197,9 @@ static void release_room(struct append_state *as) {
 static void undo_batch(struct append_state *as) {
     struct mailbox *mailbox = as->mailbox;
     for (unsigned i = 0; i < as->batch_count; i++) {
-        char fname[MAILBOX_FNAME_SIZE], path[PATH_MAX];
-        mailbox_message_fname(mailbox, as->batch_records[i].uid, fname);
-        snprintf(path, sizeof path, "%s/%s", mailbox->mpath, fname);
-        if (unlink(path) < 0 && errno != ENOENT)
+        char path[PATH_MAX];
+        if (mailbox_message_path(mailbox, as->batch_records[i].uid, path, sizeof path) == 0 &&
+            unlink(path) < 0 && errno != ENOENT)
             svclog(nullptr, 59, "Unable to remove message file %s: %m", path);
     }
     svclog(nullptr, 59, "%u messages delivered to %s are taken back: their index data was not written",
@@ -827,16 +826,11 @@ int append_msg(struct append_state *as, struct appendmsg *msg, time_t internalda
     record.orig_uid = orig_uid ? orig_uid : record.uid;
     record.orig_uidvalidity = orig_uidvalidity ? orig_uidvalidity : mailbox->mbd.uidvalidity;
 
-    char fname[MAILBOX_FNAME_SIZE], destination[PATH_MAX];
-    mailbox_message_fname(mailbox, record.uid, fname);
-    size_t dirlen = strlen(mailbox->mpath), namelen = strlen(fname);
-    if (dirlen + 1 + namelen < sizeof destination) {
-        memcpy(destination, mailbox->mpath, dirlen);
-        destination[dirlen] = '/';
-        memcpy(destination + dirlen + 1, fname, namelen + 1);
-    } else {
-        errno = ENAMETOOLONG;
-        svclog(nullptr, 59, "Unable to create message file %s/%s: %m", mailbox->mpath, fname);
+    char destination[PATH_MAX];
+    if (mailbox_message_path(mailbox, record.uid, destination, sizeof destination) < 0) {
+        char fname[MAILBOX_FNAME_SIZE];
+        svclog(nullptr, 59, "Unable to create message file %s/%s: %m", mailbox->mpath,
+               mailbox_message_fname(mailbox, record.uid, fname));
         return IMAP_IOERROR;
     }
 

@@ -187,18 +187,19 @@ char *mailbox_message_fname(struct mailbox *mailbox, unsigned long uid, char *bu
     return buf;
 }
 
-// Path of the message file of uid in the message directory.
-static int message_path(struct mailbox *mailbox, unsigned long uid, char *buf, size_t size) {
+int mailbox_message_path(struct mailbox *mailbox, unsigned long uid, char *buf, size_t size) {
     const char *dir = mailbox->mpath ? mailbox->mpath : (mailbox->path ? mailbox->path : "");
     char fname[MAILBOX_FNAME_SIZE];
     mailbox_message_fname(mailbox, uid, fname);
-    size_t dl = strlen(dir);
-    const char *sep = (dl > 0 && (dir[dl - 1] == '/' || dir[dl - 1] == '\\')) ? "" : "/";
-    int n = snprintf(buf, size, "%s%s%s", dir, sep, fname);
-    if (n < 0 || (size_t)n >= size) {
+    size_t dl = strlen(dir), fl = strlen(fname);
+    size_t sep = (dl > 0 && (dir[dl - 1] == '/' || dir[dl - 1] == '\\')) ? 0 : 1;
+    if (dl + sep + fl >= size) {
         errno = ENAMETOOLONG;
         return -1;
     }
+    memcpy(buf, dir, dl);
+    if (sep) buf[dl] = '/';
+    memcpy(buf + dl + sep, fname, fl + 1);
     return 0;
 }
 
@@ -206,7 +207,7 @@ int mailbox_map_message(struct mailbox *mailbox, unsigned long uid, int *fdp, st
     char path[PATH_MAX];
     if (fdp) *fdp = -1;
     if (mapp) *mapp = nullptr;
-    if (message_path(mailbox, uid, path, sizeof path) < 0) return ENAMETOOLONG;
+    if (mailbox_message_path(mailbox, uid, path, sizeof path) < 0) return ENAMETOOLONG;
     int fd;
     do {
         fd = open(path, O_RDONLY | O_CLOEXEC);

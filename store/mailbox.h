@@ -147,6 +147,9 @@ int mailbox_message_sync_level(void);
 
 // "%02lu/%lu.msg" of uid into buf (MAILBOX_FNAME_SIZE bytes); gives buf.
 char *mailbox_message_fname(struct mailbox *mailbox, unsigned long uid, char *buf);
+// The path of uid's message file in the message directory into buf (size
+// bytes). 0, or -1 with errno ENAMETOOLONG when it doesn't fit.
+int mailbox_message_path(struct mailbox *mailbox, unsigned long uid, char *buf, size_t size);
 // Opens the message file of uid read-only. With fdp the descriptor is handed
 // out, otherwise closed; with mapp the file is mapped whole. 0, the errno of
 // a failed open, or IMAP_IOERROR if the map failed.
