@@ -1,0 +1,73 @@
+// A pool of connections to the directory of users and groups, over the
+// OpenLDAP client library.
+//
+// The pool hands each operation a connection that no other thread is using,
+// opening one (and binding with the pool's name and credential) when none is
+// free, up to a maximum. A connection that the server drops is opened and
+// bound again, and the operation repeated, a bounded number of times; an
+// operation never waits longer than the pool's time-out for the server, so a
+// dead or stalled directory gives LDAP_SERVER_DOWN or LDAP_TIMEOUT instead of
+// a hang.
+//
+// Results are the directory's own numbers (0 for success), which
+// ldap_err2string turns into text. Search results are LDAPMessage chains
+// that the caller releases with ldap_msgfree; value arrays are released with
+// ldap_value_free.
+#ifndef SUPPORT_LDAPPOOL_H
+#define SUPPORT_LDAPPOOL_H
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1  // the char ** value arrays of ldap_get_values
+#endif
+#include <ldap.h>
+
+typedef struct LdPoolCtx LdPoolCtx;
+
+// Creates a pool for host:port (ldaps when certdir is given: the directory
+// of the CA certificates that the server's certificate is checked against).
+// binddn and bindcred may be null for an anonymous bind; basedn is kept as
+// the default base of searches given a null base.
+//
+//   initconns  connections opened (and bound) at once; with 1 or more, a
+//              server that can't be reached or refuses the bind fails the
+//              creation, so a misconfigured directory is found at start
+//   maxconns   most connections open at one time; a caller beyond it waits
+//              for a free one (at most the time-out)
+//   timelimit  seconds the server may spend on a search (-1: the time-out)
+//   sizelimit  most entries of a search (-1: the server's limit)
+//   timeout    seconds to wait for the server on any network step: connect,
+//              bind, each operation (-1: local.ugldaptimeout, default 10)
+//   retries    times an operation is tried on a fresh connection after the
+//              server dropped the one it had
+//   idle       free connections kept open; more are closed when returned
+//   flags      0; reserved
+//
+// 0 and *out set, or a directory number (LDAP_PARAM_ERROR for a missing
+// host, LDAP_SERVER_DOWN, LDAP_TIMEOUT, LDAP_INVALID_CREDENTIALS, ...).
+int LdPoolCtx_New(const char *binddn, const char *bindcred, const char *host,
+                  const char *basedn, const char *certdir, int port, int initconns,
+                  int maxconns, int timelimit, int sizelimit, int timeout, int retries,
+                  int idle, int flags, LdPoolCtx **out);
+// Closes all connections and frees the pool. Null is allowed.
+void LdPoolCtx_Delete(LdPoolCtx *pool);
+
+// Synchronous search (scope: LDAP_SCOPE_BASE 0, ONELEVEL 1, SUBTREE 2) for
+// the attributes named (null: all user attributes). 0 with *res set, or a
+// directory number with *res null. A search that finds nothing is 0 with an
+// empty chain; a base that doesn't exist is LDAP_NO_SUCH_OBJECT.
+int LdPool_Search_S(LdPoolCtx *pool, const char *base, int scope, const char *filter,
+                    char **attrs, int attrsonly, LDAPMessage **res);
+// The number of entries in a search result.
+int LdPool_Count_Entries(LDAPMessage *res, int *count);
+// The first entry of a search result, or null. 0, or LDAP_NO_RESULTS_RETURNED.
+int LdPool_First_Entry(LDAPMessage *res, LDAPMessage **entry);
+// The values of attribute attr of the entry, as a null-terminated array of
+// strings (release with ldap_value_free), or null when the entry has none.
+// 0 or LDAP_NO_SUCH_ATTRIBUTE.
+int LdPool_Get_Values(LDAPMessage *entry, const char *attr, char ***values);
+// The entry's distinguished name (release with ldap_memfree). 0 or an error.
+int LdPool_Get_DN(LDAPMessage *entry, char **dn);
+// Synchronous modification of the entry dn. 0 or a directory number.
+int LdPool_Modify_S(LdPoolCtx *pool, const char *dn, LDAPMod **mods);
+
+#endif
