@@ -541,33 +541,172 @@ int MCV_TimeZoneToOffset(const char *zone, char *sign, int *hours, int *minutes)
     return 0;
 }
 
-// Generated messages. Their texts are UTF-8 and go out as UTF-8 whatever
-// the language: "us-ascii" and "7bit" when the text is plain ASCII with
-// lines a transport takes (998 bytes at most), else "utf-8" and
-// "quoted-printable". MCV_UTF8ToInternetMessageBody makes the same choice
-// on its own text, so header and body agree when they see the same text.
+// Generated messages. Their texts are UTF-8; they go out in the charset that
+// mail in the reader's language customarily uses, so that older readers
+// show them: plain ASCII as "us-ascii", text that the language's charset
+// can represent in that charset, anything else as UTF-8. One function
+// (choose) makes that decision from the text alone, and the charset name,
+// the transfer encoding and both converters all ask it, so a header and a
+// body made from the same text always agree.
 namespace {
-const size_t kMaxLine = 998;
+const size_t kMaxLine = 998;  // longest line a transport must take
 
-int body_needs_qp(const char *text)
+enum mail_encoding { ENC_7BIT, ENC_QP, ENC_BASE64 };
+
+// A language's mail charset (the MIME name, which iconv also knows), the
+// encoding of its header words ('Q' where most characters are ASCII, 'B'
+// where few are) and of a body in it. ISO-2022-JP is a 7-bit charset and
+// travels as it is; the 8-bit charsets of the East Asian languages are
+// mostly non-ASCII bytes, where base64 is the smaller encoding.
+struct lang_charset {
+    const char *lang;  // lower case, "-" between the parts
+    const char *charset;
+    char header;
+    mail_encoding body;
+};
+
+const lang_charset kLangCharsets[] = {
+    {"en", "iso-8859-1", 'Q', ENC_QP},     {"de", "iso-8859-1", 'Q', ENC_QP},
+    {"fr", "iso-8859-1", 'Q', ENC_QP},     {"es", "iso-8859-1", 'Q', ENC_QP},
+    {"it", "iso-8859-1", 'Q', ENC_QP},     {"nl", "iso-8859-1", 'Q', ENC_QP},
+    {"pt", "iso-8859-1", 'Q', ENC_QP},     {"sv", "iso-8859-1", 'Q', ENC_QP},
+    {"da", "iso-8859-1", 'Q', ENC_QP},     {"no", "iso-8859-1", 'Q', ENC_QP},
+    {"nb", "iso-8859-1", 'Q', ENC_QP},     {"nn", "iso-8859-1", 'Q', ENC_QP},
+    {"fi", "iso-8859-1", 'Q', ENC_QP},     {"is", "iso-8859-1", 'Q', ENC_QP},
+    {"ca", "iso-8859-1", 'Q', ENC_QP},     {"gl", "iso-8859-1", 'Q', ENC_QP},
+    {"eu", "iso-8859-1", 'Q', ENC_QP},     {"pl", "iso-8859-2", 'Q', ENC_QP},
+    {"cs", "iso-8859-2", 'Q', ENC_QP},     {"sk", "iso-8859-2", 'Q', ENC_QP},
+    {"hu", "iso-8859-2", 'Q', ENC_QP},     {"sl", "iso-8859-2", 'Q', ENC_QP},
+    {"hr", "iso-8859-2", 'Q', ENC_QP},     {"ro", "iso-8859-2", 'Q', ENC_QP},
+    {"el", "iso-8859-7", 'B', ENC_QP},     {"tr", "iso-8859-9", 'Q', ENC_QP},
+    {"ru", "koi8-r", 'B', ENC_QP},         {"uk", "koi8-u", 'B', ENC_QP},
+    {"bg", "windows-1251", 'B', ENC_QP},   {"ja", "iso-2022-jp", 'B', ENC_7BIT},
+    {"zh", "gb2312", 'B', ENC_BASE64},     {"zh-cn", "gb2312", 'B', ENC_BASE64},
+    {"zh-sg", "gb2312", 'B', ENC_BASE64},  {"zh-hans", "gb2312", 'B', ENC_BASE64},
+    {"zh-tw", "big5", 'B', ENC_BASE64},    {"zh-hk", "big5", 'B', ENC_BASE64},
+    {"zh-hant", "big5", 'B', ENC_BASE64},  {"ko", "euc-kr", 'B', ENC_BASE64},
+};
+
+// The entry of a language, in any case, "_" taken as "-"; a tag that has
+// none falls back to its shorter forms ("de-CH" to "de"). Null for none.
+const lang_charset *lang_lookup(const char *lang)
+{
+    if (!lang) return NULL;
+    char tag[32];
+    size_t n = 0;
+    for (; lang[n] && n < sizeof tag - 1; n++)
+        tag[n] = lang[n] == '_' ? '-' : (char)tolower((unsigned char)lang[n]);
+    if (lang[n]) return NULL;  // no language tag is that long
+    tag[n] = '\0';
+    for (;;) {
+        for (const lang_charset &e : kLangCharsets)
+            if (strcmp(tag, e.lang) == 0) return &e;
+        char *dash = strrchr(tag, '-');
+        if (!dash) return NULL;
+        *dash = '\0';
+    }
+}
+
+// Converts inlen bytes of UTF-8 to charset and appends them to out,
+// ending in the charset's initial shift state. 0, or -1 when iconv doesn't
+// know the charset or the text has a character it can't represent (or
+// isn't valid UTF-8); out is as before then.
+int from_utf8(const char *charset, const char *in, size_t inlen, obuf *out)
+{
+    iconv_t cd = iconv_open(charset, "UTF-8");
+    if (cd == (iconv_t)-1) return -1;
+    size_t start_len = out->len;
+    char *src = (char *)in;
+    size_t left = inlen;
+    int rc = 0, flushing = 0;
+    ob_room(out, left * 4 + 16);
+    for (;;) {
+        char *dst = out->p + out->len;
+        size_t room = out->cap - out->len - 1;
+        size_t r = flushing ? iconv(cd, NULL, NULL, &dst, &room)
+                            : iconv(cd, &src, &left, &dst, &room);
+        out->len = (size_t)(dst - out->p);
+        if (r == (size_t)-1 && errno == E2BIG) {
+            ob_room(out, out->cap - out->len + 64);  // forces growth
+            continue;
+        }
+        // iconv counts characters it could only approximate: not lossless.
+        if (r != 0) {
+            rc = -1;
+            break;
+        }
+        if (flushing) break;
+        flushing = 1;  // all input taken: back to the initial shift state
+    }
+    if (rc) out->len = start_len;
+    out->p[out->len] = '\0';
+    iconv_close(cd);
+    return rc;
+}
+
+int has_long_line(const char *text)
 {
     size_t line = 0;
     for (const char *p = text; *p; p++) {
-        unsigned char c = (unsigned char)*p;
-        if (c >= 0x80) return 1;
-        if (c == '\n') {
+        if (*p == '\n')
             line = 0;
-        } else if (c != '\r' && ++line > kMaxLine) {
+        else if (*p != '\r' && ++line > kMaxLine)
             return 1;
-        }
     }
     return 0;
+}
+
+// How a text goes out in a language. With conv set, the text is converted
+// to charset first; converted (when asked for) gets the converted bytes.
+struct choice {
+    const char *charset;
+    mail_encoding body;
+    char header;
+    int conv;
+};
+
+choice choose(const char *lang, const char *text, obuf *converted)
+{
+    if (!text || is_ascii(text))
+        return {"us-ascii", text && has_long_line(text) ? ENC_QP : ENC_7BIT, 'Q', 0};
+    const lang_charset *e = lang_lookup(lang);
+    if (e) {
+        obuf raw;
+        ob_init(&raw, strlen(text) + 16);
+        if (from_utf8(e->charset, text, strlen(text), &raw) == 0) {
+            choice c = {e->charset, e->body, e->header, 1};
+            // A 7-bit charset still has to respect the transport's lines.
+            if (c.body == ENC_7BIT && has_long_line(raw.p)) c.body = ENC_BASE64;
+            if (converted)
+                *converted = raw;
+            else
+                free(raw.p);
+            return c;
+        }
+        free(raw.p);
+    }
+    return {"utf-8", ENC_QP, 'Q', 0};
 }
 
 // Characters that stand for themselves in a "Q" word of a header.
 int q_plain(unsigned char c)
 {
     return isalnum(c) || c == '!' || c == '*' || c == '+' || c == '-' || c == '/';
+}
+
+const char kHex[] = "0123456789ABCDEF";
+const char kB64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+void add_base64(const unsigned char *s, size_t n, obuf *out)
+{
+    for (size_t i = 0; i < n; i += 3) {
+        unsigned int v = (unsigned int)s[i] << 16;
+        if (i + 1 < n) v |= (unsigned int)s[i + 1] << 8;
+        if (i + 2 < n) v |= s[i + 2];
+        char q[4] = {kB64[v >> 18], kB64[(v >> 12) & 63], i + 1 < n ? kB64[(v >> 6) & 63] : '=',
+                     i + 2 < n ? kB64[v & 63] : '='};
+        ob_add(out, q, 4);
+    }
 }
 
 // Length of the UTF-8 character that starts with c (1 for stray bytes).
@@ -579,51 +718,69 @@ size_t utf8_len(unsigned char c)
     return 1;
 }
 
-// Writes s[0..n) as one or more "Q" encoded words of at most 75 bytes,
-// separated by a space; characters are never split between words.
-void encode_words(const char *s, size_t n, obuf *out)
+// One encoded word of the UTF-8 text s[0..n) in the choice's charset,
+// converted on its own so that it ends in the initial shift state, as a
+// word of a stateful charset must.
+void encoded_word_of(const choice &c, const char *s, size_t n, obuf *out)
 {
-    static const char prefix[] = "=?utf-8?Q?";
-    const size_t maxword = 75, overhead = sizeof(prefix) - 1 + 2;
-    size_t used = 0;
-    size_t i = 0;
-    int open = 0;
-    while (i < n) {
-        size_t clen = utf8_len((unsigned char)s[i]);
-        if (i + clen > n) clen = n - i;
-        size_t elen = 0;
-        for (size_t j = 0; j < clen; j++) {
-            unsigned char c = (unsigned char)s[i + j];
-            elen += (c == ' ' || q_plain(c)) ? 1 : 3;
-        }
-        if (open && used + elen + overhead > maxword) {
-            ob_adds(out, "?= ");
-            open = 0;
-        }
-        if (!open) {
-            ob_adds(out, prefix);
-            open = 1;
-            used = 0;
-        }
-        for (size_t j = 0; j < clen; j++) {
-            unsigned char c = (unsigned char)s[i + j];
-            if (c == ' ') {
+    obuf raw;
+    ob_init(&raw, n * 4 + 16);
+    if (!c.conv || from_utf8(c.charset, s, n, &raw) != 0) ob_add(&raw, s, n);
+    ob_adds(out, "=?");
+    ob_adds(out, c.charset);
+    ob_addc(out, '?');
+    ob_addc(out, c.header);
+    ob_addc(out, '?');
+    if (c.header == 'B') {
+        add_base64((const unsigned char *)raw.p, raw.len, out);
+    } else {
+        for (size_t i = 0; i < raw.len; i++) {
+            unsigned char b = (unsigned char)raw.p[i];
+            if (b == ' ') {
                 ob_addc(out, '_');
-            } else if (q_plain(c)) {
-                ob_addc(out, (char)c);
+            } else if (q_plain(b)) {
+                ob_addc(out, (char)b);
             } else {
-                char hex[4];
-                static const char digits[] = "0123456789ABCDEF";
-                hex[0] = '=';
-                hex[1] = digits[c >> 4];
-                hex[2] = digits[c & 15];
+                char hex[3] = {'=', kHex[b >> 4], kHex[b & 15]};
                 ob_add(out, hex, 3);
             }
         }
-        used += elen;
-        i += clen;
     }
-    if (open) ob_adds(out, "?=");
+    ob_adds(out, "?=");
+    free(raw.p);
+}
+
+// Writes s[0..n) as encoded words of at most 75 bytes, separated by a
+// space; a word ends between characters. Each word takes as many
+// characters as fit, found by encoding one more at a time (words are short,
+// and a stateful charset gives no other measure).
+void encode_words(const choice &c, const char *s, size_t n, obuf *out)
+{
+    const size_t maxword = 75;
+    size_t i = 0;
+    while (i < n) {
+        obuf best;
+        ob_init(&best, 80);
+        size_t end = i;
+        while (end < n) {
+            size_t next = end + utf8_len((unsigned char)s[end]);
+            if (next > n) next = n;
+            obuf cand;
+            ob_init(&cand, 80);
+            encoded_word_of(c, s + i, next - i, &cand);
+            if (cand.len > maxword && end > i) {
+                free(cand.p);
+                break;
+            }
+            free(best.p);
+            best = cand;
+            end = next;
+        }
+        if (i > 0) ob_addc(out, ' ');
+        ob_add(out, best.p, best.len);
+        free(best.p);
+        i = end;
+    }
 }
 
 // A word of a header value must be encoded if it has 8-bit bytes, or if it
@@ -637,7 +794,7 @@ int word_needs_encoding(const char *s, size_t n)
     return 0;
 }
 
-void header_value(const char *text, obuf *out)
+void header_value(const choice &c, const char *text, obuf *out)
 {
     const char *p = text;
     while (*p) {
@@ -666,7 +823,7 @@ void header_value(const char *text, obuf *out)
             if (w2 == q || !word_needs_encoding(w2, (size_t)(q - w2))) break;
             run_end = q;
         }
-        encode_words(w, (size_t)(run_end - w), out);
+        encode_words(c, w, (size_t)(run_end - w), out);
         p = run_end;
     }
 }
@@ -675,7 +832,6 @@ void header_value(const char *text, obuf *out)
 // breaks "=" where a line is longer, white space before a line end encoded.
 void body_qp(const char *text, obuf *out)
 {
-    static const char digits[] = "0123456789ABCDEF";
     size_t col = 0;
     const char *p = text;
     while (*p) {
@@ -698,8 +854,8 @@ void body_qp(const char *text, obuf *out)
             elen = 1;
         } else {
             enc[0] = '=';
-            enc[1] = digits[c >> 4];
-            enc[2] = digits[c & 15];
+            enc[1] = kHex[c >> 4];
+            enc[2] = kHex[c & 15];
             elen = 3;
         }
         // Room for a soft break "=" at the end of the line, unless this is
@@ -715,6 +871,7 @@ void body_qp(const char *text, obuf *out)
     }
 }
 
+// Text with CRLF line ends (a CR or LF alone counts as a line end too).
 void body_7bit(const char *text, obuf *out)
 {
     for (const char *p = text; *p; p++) {
@@ -724,6 +881,21 @@ void body_7bit(const char *text, obuf *out)
         else
             ob_addc(out, *p);
     }
+}
+
+// Base64 of the text with CRLF line ends (the canonical form of text),
+// in lines of 76 characters, each ended by CRLF.
+void body_base64(const char *text, obuf *out)
+{
+    obuf canon;
+    ob_init(&canon, strlen(text) + 16);
+    body_7bit(text, &canon);
+    for (size_t i = 0; i < canon.len; i += 57) {
+        size_t n = canon.len - i < 57 ? canon.len - i : 57;
+        add_base64((const unsigned char *)canon.p + i, n, out);
+        ob_adds(out, "\r\n");
+    }
+    free(canon.p);
 }
 
 // Size protocol of the two converters: with buf null and size -1 the length
@@ -750,49 +922,54 @@ int deliver(obuf *out, char *buf, int size)
     free(out->p);
     return len;
 }
+
+const char *encoding_name(mail_encoding e)
+{
+    return e == ENC_7BIT ? "7bit" : e == ENC_BASE64 ? "base64" : "quoted-printable";
+}
 }  // namespace
 
 const char *MCV_InternetMessageCharset(const char *lang, const char *text, const char *def,
                                        int flags)
 {
-    (void)lang;
     (void)def;
     (void)flags;
-    if (!text || is_ascii(text)) return "us-ascii";
-    return "utf-8";
+    return choose(lang, text, NULL).charset;
 }
 
 const char *MCV_InternetMessageContentTransferEncoding(const char *lang, const char *text,
                                                        const char *def)
 {
-    (void)lang;
     (void)def;
-    if (!text || !body_needs_qp(text)) return "7bit";
-    return "quoted-printable";
+    return encoding_name(choose(lang, text, NULL).body);
 }
 
 int MCV_UTF8ToInternetMessageHeader(const char *lang, const char *text, char *buf, int size)
 {
-    (void)lang;
     obuf out;
     ob_init(&out, text ? strlen(text) * 3 + 16 : 16);
-    if (text) header_value(text, &out);
+    if (text) header_value(choose(lang, text, NULL), text, &out);
     return deliver(&out, buf, size);
 }
 
 int MCV_UTF8ToInternetMessageBody(const char *lang, const char *text, char *buf, int size,
-                                  int a, int b)
+                                  int flags, int reserved)
 {
-    (void)lang;
-    (void)a;
-    (void)b;
+    (void)flags;
+    (void)reserved;
     obuf out;
     ob_init(&out, text ? strlen(text) * 3 + 16 : 16);
     if (text) {
-        if (body_needs_qp(text))
-            body_qp(text, &out);
+        obuf raw = {NULL, 0, 0};
+        choice c = choose(lang, text, &raw);
+        const char *bytes = c.conv ? raw.p : text;
+        if (c.body == ENC_QP)
+            body_qp(bytes, &out);
+        else if (c.body == ENC_BASE64)
+            body_base64(bytes, &out);
         else
-            body_7bit(text, &out);
+            body_7bit(bytes, &out);
+        free(raw.p);
     }
     return deliver(&out, buf, size);
 }
