@@ -14,16 +14,26 @@
 //      domain in attr_domain1_schema2; that node is read instead (once: an
 //      alias of an alias is not followed).
 //
+// Several nodes found for one name (schema 1) are settled by the canonical
+// name: the one node whose domain_attr_canonical is the name wins; without
+// one the name is ambiguous and gives LDAP_MORE_RESULTS_TO_RETURN.
+//
 // The base of the domain's users is the first value of the node's
 // domain_attr_basedn (schema 1) or attr_domain2_schema2 (schema 2), and the
-// node's own name when it has none. With global_config_templates set (the
-// name of a node), attributes that a domain node lacks are read from that
-// node: it holds the defaults of all domains.
+// node's own name when it has none; it never comes from the defaults node.
+// The canonical name is, lower-cased, the node's domain_attr_canonical
+// (schema 1) or what an alias node names (schema 2), else the name asked for.
+// With global_config_templates set (the name of a node), attributes that a
+// domain node lacks are read from that node: it holds the defaults of all
+// domains. A defaults node that doesn't exist gives no defaults.
 //
-// A located domain is a snapshot of its node, read once with all its user
-// attributes (language options such as "attr;lang-de" included), so that
-// reading values needs no further round trip. Directory operations go
-// through the pool with the map's time-out.
+// A located domain is a snapshot of its node (and of the defaults node),
+// read once with all its user attributes (language options such as
+// "attr;lang-de" included), so that reading values needs no further round
+// trip; a change in the directory shows in the next location. Directory
+// operations go through the pool; timeout_ms bounds the wait for the answer
+// of each search (LdPool_Search_Timed), while connecting keeps the pool's
+// time-out. The map is not changed after it is made: threads may share it.
 #ifndef SUPPORT_DOMAINMAP_H
 #define SUPPORT_DOMAINMAP_H
 
@@ -44,10 +54,12 @@ struct dmap_params {
     char *attr_domain1_schema2;      // schema 2: canonical domain of an alias node
     char *attr_domain2_schema2;      // schema 2: base of the domain's users
     char *global_config_templates;   // name of the node of defaults, or null
-    char *domain_search_filter;      // matches every domain node (listing)
+    char *domain_search_filter;      // matches every domain node (kept for
+                                     // listings; the map itself doesn't list)
     char *domain_attr_basedn;        // schema 1: base of the domain's users
     char *domain_attr_canonical;     // schema 1: the canonical name
     char *domain_attr_alias;         // schema 1: further names of the domain
+                                     // (kept; domain_filter_schema1 names it)
     int debug_level;                 // 0: no debug output
     void (*debug)(const char *fmt, va_list ap);  // receives debug output
 };
@@ -70,11 +82,14 @@ void dmap_dispose_domain_map(domain_map *map, int flags);
 
 // Finds the node of domain (case does not matter). 0 with *out set (release
 // it with dmap_release_domain); LDAP_NO_SUCH_OBJECT for a domain that the
-// directory doesn't have; another directory number when the directory can't
-// be asked (LDAP_SERVER_DOWN, LDAP_TIMEOUT).
+// directory doesn't have (or a name with an empty label, under schema 2);
+// LDAP_MORE_RESULTS_TO_RETURN for an ambiguous name; LDAP_PARAM_ERROR for a
+// null or empty name; another directory number when the directory can't be
+// asked (LDAP_SERVER_DOWN, LDAP_TIMEOUT).
 int dmap_locate_domain(domain_map *map, const char *domain, dmap_domain **out);
 // *values gets up to max (0: all) values of the attribute (an attribute
-// description, with options such as ";lang-de"), as a null-terminated array
+// description, with options such as ";lang-de", matched whole and in any
+// case: "attr" doesn't find "attr;lang-de"), as a null-terminated array
 // that the caller releases with ldap_value_free. 0, or LDAP_NO_SUCH_ATTRIBUTE
 // with *values null when neither the node nor the defaults have it.
 int dmap_get_values(dmap_domain *domain, const char *attr, char ***values, int max, int flags);
@@ -83,6 +98,7 @@ int dmap_get_values(dmap_domain *domain, const char *attr, char ***values, int m
 const char *dmap_get_base_dn(dmap_domain *domain, int flags);
 // The canonical name of the domain (what an alias stands for).
 const char *dmap_get_canonical_name(dmap_domain *domain);
+// Frees a located domain; null is allowed.
 void dmap_release_domain(dmap_domain *domain, int flags);
 
 #endif
