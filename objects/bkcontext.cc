@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "objects/bkobj.h"
-#include "store/append.h"
+#include "store/autocreate.h"
 #include "store/mboxlist.h"
 #include "support/config.h"
 #include "support/log.h"
@@ -46,10 +46,14 @@ BkContext::BkContext(const char *progname, int dbg)
         svclog(nullptr, 3, "mboxlist_init failed");
         return;
     }
-    // The provisioning of users (autocreate_init: directory pool and domain
-    // map) joins the context here once the store has it. The check for full
-    // partitions that delivery makes is set up now: the tool delivers.
-    append_init();
+    // The directory of users (connection pool and domain map) and, with
+    // it, the check for full partitions that delivery makes. A directory
+    // that is configured but can't be reached ends the program here,
+    // before anything is stored.
+    if (autocreate_init(nullptr, nullptr) != 0) {
+        svclog(nullptr, 3, "autocreate_init failed");
+        exit(1);
+    }
     status = 0;
 }
 

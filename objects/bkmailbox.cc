@@ -8,10 +8,12 @@
 // delivery until the object is destroyed: only then do the folder's header,
 // its row and the quota count the delivered messages (append_finish).
 //
+// A missing inbox is provisioned from the directory (autocreate), with the
+// partition and quotas that the directory names for its owner.
+//
 // Not in this build of the store, each marked where it would be called:
-// provisioning of users from the directory (autocreate: an inbox is
-// created directly), subscriptions (mboxlist_lookup_subs and
-// mboxlist_changesub), and the owner rename of an ACL (acl_renameuser).
+// subscriptions (mboxlist_lookup_subs and mboxlist_changesub), and the
+// owner rename of an ACL (acl_renameuser).
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,6 +22,7 @@
 #include <sys/stat.h>
 
 #include "objects/bkobj.h"
+#include "store/autocreate.h"
 #include "store/imap_err.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
@@ -254,25 +257,32 @@ int Mailbox::appendSetup() {
 int Mailbox::createFolder(const char *acl) {
     int rc = 1;
     int isInbox = strcasecmp(basenamePtr, "INBOX") == 0;
-    // Provisioning from the directory (autocreate, with the owner's
-    // partition and quotas and no greeting) is not in this build of the
-    // store: the inbox is created directly below, and no "LDAP entry is
-    // missing" warning is due for a provisioning that can't run.
+    if (isInbox) {
+        // The user is provisioned with this folder from the directory: the
+        // partition and quotas are the directory's. A restored inbox gets
+        // no welcome message.
+        rc = autocreate(userid, nullptr, nullptr, nullptr, nullptr, 1, acl);
+        if (rc != 0) svclog(nullptr, 4, "%s LDAP entry is missing", userid);
+    }
     if (rc != 0)
         rc = mboxlist_createmailbox(name, MAILBOX_VERSION, nullptr, userid, auth_dontCheckAcl,
                                     0xFFFFFFFFu, 0xFFFFFFFFu, 0, acl);
     if (rc == IMAP_PERMISSION_DENIED && !isInbox) {
         // The owner may not exist yet: a folder of a user comes after the
-        // user's inbox.
+        // user's inbox, which a new user gets from the directory, with the
+        // welcome message.
         char inbox[MAX_MAILBOX_NAME];
         mboxname_toownedmailbox(nullptr, userid, inbox);
         int r = mboxlist_lookup(inbox, nullptr, nullptr, nullptr, nullptr, nullptr);
         if (r == IMAP_MAILBOX_NONEXISTENT) {
-            // autocreate with the greeting belongs here once provisioning
-            // exists; until then the inbox is created directly.
-            r = mboxlist_createmailbox(inbox, MAILBOX_VERSION, nullptr, userid,
-                                       auth_dontCheckAcl, 0xFFFFFFFFu, 0xFFFFFFFFu, 0, nullptr);
-            if (r == IMAP_MAILBOX_EXISTS) r = 0;
+            r = autocreate(userid, nullptr, nullptr, nullptr, nullptr, 0, nullptr);
+            if (r != 0) {
+                svclog(nullptr, 4, "%s LDAP entry is missing", userid);
+                r = mboxlist_createmailbox(inbox, MAILBOX_VERSION, nullptr, userid,
+                                           auth_dontCheckAcl, 0xFFFFFFFFu, 0xFFFFFFFFu, 0,
+                                           nullptr);
+                if (r == IMAP_MAILBOX_EXISTS) r = 0;
+            }
         }
         if (r == 0)
             rc = mboxlist_createmailbox(name, MAILBOX_VERSION, nullptr, userid,

@@ -47,8 +47,9 @@ extern const char *store_ldapattrs[USERATTR_COUNT + 1];
 
 // An attribute block: slot i holds the values of attribute i of the list
 // asked for (a null-terminated array), or null when the entry lacks it.
-// userattr_free releases it.
-typedef char **userattr_block;
+// The number of slots is kept in front of the first one, so that
+// userattr_free needs no count. userattr_free releases it.
+typedef char ***userattr_block;
 
 // Sets up the pool and the domain map, once per process. With both
 // arguments given, those are adopted instead. Also runs append_init once.
@@ -68,7 +69,8 @@ int autocreate_have_directory(void);
 int userattr_get(const char *userid, userattr_block *attrs, char **dn);
 // Finds the one directory entry of user: in its domain (after the last "@",
 // else service.defaultdomain), by uid. *attrs (if asked) gets one slot per
-// name of attrlist; *dn (if asked) the entry's name (free with free()).
+// name of attrlist; *dn (if asked) the entry's name. Release both with
+// userattr_free.
 // 0; LDAP_NO_SUCH_OBJECT for no entry, two entries or an unknown domain;
 // another directory number when the directory can't be asked;
 // IMAP_CONFIG_ERROR without a directory.

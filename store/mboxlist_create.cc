@@ -12,6 +12,7 @@
 #include "store/mailbox.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
+#include "store/mboxlist_quota.h"
 #include "store/mboxname.h"
 #include "store/seen_db.h"
 #include "store/storeassert.h"
@@ -460,20 +461,29 @@ static int delete_children(const char *name, int isadmin, const char *userid,
 // Removes the folder's rows in one transaction: its folder.db row, and for
 // a user's root the quota row and the owner's subscriptions as well.
 // 0 or IMAP_IOERROR (logged); nothing changed then.
-static int delete_rows(const char *name, const char *owner, int deleteuser)
+static int delete_rows(const char *name, const char *owner, int deleteuser, const char *row,
+                       struct quotadata *quota)
 {
     DB *folders = mboxlist_db(MBOXLIST_FOLDERDB), *quotas = mboxlist_db(MBOXLIST_QUOTADB);
+    struct mboxdata mbd;
+    memset(&mbd, 0, sizeof(mbd));
+    if (row) memcpy(&mbd, row, sizeof(mbd));
     int r;
     do {
         DB_TXN *txn;
         r = mboxlist_trans_setup(&txn, "delete", name);
         if (r) break;
-        // Taking the folder's usage off its quota root comes with the quota
-        // module, and removing it from lright.db with the access control
-        // module; the store has neither yet.
+        // A folder of a user who stays gives its usage back to the root.
+        // (Removing it from lright.db comes with the access control module.)
+        r = 0;
+        if (!deleteuser && row) {
+            r = mboxlist_changequota_internal(name, mbd.quota_used[0], mbd.quota_used[1],
+                                              mbd.exists, txn, 1, quota);
+            if (r == IMAP_QUOTAROOT_NONEXISTENT) r = 0;  // a name with no root
+        }
         DBT key;
         mboxlist_set_key(name, &key);
-        r = folders->del(folders, txn, &key, 0);
+        if (!r) r = folders->del(folders, txn, &key, 0);
         if (!r && deleteuser) {
             r = quotas->del(quotas, txn, &key, 0);
             if (r == DB_NOTFOUND || r == DB_KEYEMPTY) r = 0;
@@ -539,7 +549,11 @@ int mboxlist_deletemailbox_internal(const char *name, int isadmin, const char *u
     if (!r && deleteuser) r = delete_children(name, isadmin, userid, auth, path, mpath, child);
     // The rows go first: a crash from here on leaves only files, which a
     // later create of the name takes over.
-    if (!r) r = delete_rows(name, owner, deleteuser);
+    struct quotadata quota;
+    memset(&quota, 0, sizeof(quota));
+    if (!r) r = delete_rows(name, owner, deleteuser, row, &quota);
+    if (!r && !deleteuser && row)
+        mboxlist_adjustquotastatus(name, nullptr, &quota, 0, nullptr);
     if (!r) {
         // The removal of the rows must be on disk before the files go:
         // commits don't sync the database log by default, and a machine

@@ -6,3 +6,5 @@ void storenotify_append(struct mailbox *, int, const unsigned *, const char *con
                         const unsigned *, const unsigned *, const struct quotadata *) {}
 
 void storenotify_expunge(struct mailbox *, int, const unsigned *, const struct quotadata *) {}
+
+void storenotify_quota(const char *, const struct quotadata *, const char *) {}

@@ -1,7 +1,7 @@
 // Notifications of store events to an outside plug-in.
 //
 // The store modules call a storenotify function at each event (messages
-// appended, messages expunged). With no plug-in loaded every call returns
+// appended, messages expunged, a quota root crossing its threshold). With no plug-in loaded every call returns
 // at once; the programs of this store load none, so these calls cost
 // nothing on the delivery path. The plug-in loader and its entry points
 // join this module with the plug-in support.
@@ -19,5 +19,8 @@ void storenotify_append(struct mailbox *mailbox, int count, const unsigned *uids
 // count messages expunged from mailbox, by uid.
 void storenotify_expunge(struct mailbox *mailbox, int count, const unsigned *uids,
                          const struct quotadata *quota);
+// The quota root passed its threshold ("OverQuota") or fell below it
+// ("UnderQuota"); quota is its row.
+void storenotify_quota(const char *root, const struct quotadata *quota, const char *event);
 
 #endif

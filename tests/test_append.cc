@@ -218,7 +218,9 @@ TEST_F(Append, SetupRefusals) {
         append_finish(&as), mailbox_close(&mb);
     }
     // "partition.lck" holds one byte per partition id ("other" 0,
-    // "primary" 1); the check is set up once, until append_exit.
+    // "primary" 1); the check is set up once, until append_exit. (A quota
+    // warning above may have set it up already, for the directory.)
+    append_exit();
     const struct { const char *parts, *lck; bool exit_first; int result; } steps[] = {
         {"2\nother\nprimary\n", "10", false, 0}, {nullptr, "11", false, IMAP_PARTITION_FULL},
         {"1\nother\n", nullptr, false, IMAP_PARTITION_FULL}, {nullptr, nullptr, true, IMAP_PARTITION_UNKNOWN}};
