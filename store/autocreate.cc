@@ -294,13 +294,17 @@ uint32_t quota_to_kb(const char *text) {
     uint32_t kb = 0xFFFFFFFF;
     if (value != 0xFFFFFFFF && value != 0xFFFFFFFE) {
         const char *p = end;
-        int ok = 1;
-        switch (*p) {
-        case '\0': kb = (uint32_t)(((uint64_t)value + 1023) / 1024); break;
-        case 'K': case 'k': kb = value; p++; break;
-        case 'M': case 'm': kb = value * 1024u; p++; break;
-        case 'G': case 'g': kb = value * 1024u * 1024u; p++; break;
-        default: ok = 0;
+        // A unit with no digits ("M") is no number: a bad value is no
+        // limit, never a limit of 0.
+        int ok = end != t;
+        if (ok) {
+            switch (*p) {
+            case '\0': kb = (uint32_t)(((uint64_t)value + 1023) / 1024); break;
+            case 'K': case 'k': kb = value; p++; break;
+            case 'M': case 'm': kb = value * 1024u; p++; break;
+            case 'G': case 'g': kb = value * 1024u * 1024u; p++; break;
+            default: ok = 0;
+            }
         }
         if (ok && p != end && (*p == 'b' || *p == 'B')) p++;
         if (!ok || *p) {

@@ -211,6 +211,34 @@ TEST_F(Quota, Thresholds) {
     EXPECT_GE(q.access_other, (uint32_t)time(nullptr) - 5);
 }
 
+// Quota texts of the directory, the names of this host, partition names
+// from paths.
+TEST_F(Quota, TextsHostsAndPaths) {
+    restart("local.hostname: store1.a.example\nlocal.relay.hostnamealiases: mx.a.example,MX2\n"
+            "store.defaultmailboxquota: 2M\n");
+    const struct { const char *text; uint32_t kb; } quotas[] = {
+        {"10M", 10240}, {"10mb", 10240}, {"10240K", 10240}, {" +5G", 5242880}, {"7kB", 7}, {"1000", 1}, {"0", 0},
+        {"-1", QUOTA_UNLIMITED}, {"", 2048}, {nullptr, 2048}, {"-2", 2048}, {"4294967294", 2048},
+        {"10 M", QUOTA_UNLIMITED}, {"1.5M", QUOTA_UNLIMITED}, {"3Mx", QUOTA_UNLIMITED}, {"M", QUOTA_UNLIMITED},
+    };
+    for (const auto &c : quotas) EXPECT_EQ(quota_to_kb(c.text), c.kb) << str(c.text);
+    const struct { const char *a, *b; int result; } hosts[] = {
+        {"MAIL1", "mail1.a.test", 0}, {"mail1.a.test", "mail1.b.test", IMAP_WRONG_MAILHOST},
+        {"store1.a.example", "MX.A.EXAMPLE", 0}, {"mx2", "store1.a.example", 0},
+        {"mx", "mx.a.example", 0},  // the short name of a local one
+        {"localhost", "127.0.0.1", 0},  // neither local: the same address
+        {"mx.a.example", "localhost", IMAP_WRONG_MAILHOST},  // one local, one not
+        {"nothing.invalid", "localhost", IMAP_WRONG_MAILHOST},
+    };
+    for (const auto &c : hosts) EXPECT_EQ(compare_mailhosts(c.a, c.b), c.result) << c.a << " " << c.b;
+    EXPECT_EQ(islocalhost("mx.a.example,MX2"), 0);
+    for (auto p : {std::pair<const char *, const char *>{"/var/store/Part_1/", "part1"}, {"Plain", "plain"}, {"/a/b", "b"}}) {
+        char out[64];
+        UPGetPNameFromPath(p.first, out);
+        EXPECT_STREQ(out, p.second);
+    }
+}
+
 }  // namespace
 
 namespace {
