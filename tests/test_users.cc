@@ -158,7 +158,13 @@ TEST_F(Quota, UsageFollowsEveryChange) {
 // Thresholds: store.quotawarn percent of either limit, or the limit itself
 // with the overdraft or directory status switch; crossings both ways.
 TEST_F(Quota, Thresholds) {
-    const struct { const char *config; uint32_t limit, limit_messages; uint64_t bytes; uint32_t messages; int over; } cases[] = {
+    const struct {
+        const char *config;
+        uint32_t limit, limit_messages;
+        uint64_t bytes;
+        uint32_t messages;
+        int over;
+    } cases[] = {
         {"", 1000, QUOTA_UNLIMITED, 921600, 0, 1}, {"", 1000, QUOTA_UNLIMITED, 921599, 0, 0},
         {"", 0, QUOTA_UNLIMITED, 0, 0, 1},  // a zero limit is over at once
         {"", QUOTA_UNLIMITED, 10, 1ull << 40, 9, 1}, {"", QUOTA_UNLIMITED, 10, 1ull << 40, 8, 0},
@@ -232,7 +238,8 @@ TEST_F(Quota, TextsHostsAndPaths) {
     };
     for (const auto &c : hosts) EXPECT_EQ(compare_mailhosts(c.a, c.b), c.result) << c.a << " " << c.b;
     EXPECT_EQ(islocalhost("mx.a.example,MX2"), 0);
-    for (auto p : {std::pair<const char *, const char *>{"/var/store/Part_1/", "part1"}, {"Plain", "plain"}, {"/a/b", "b"}}) {
+    using Path = std::pair<const char *, const char *>;
+    for (auto p : {Path{"/var/store/Part_1/", "part1"}, Path{"Plain", "plain"}, Path{"/a/b", "b"}}) {
         char out[64];
         UPGetPNameFromPath(p.first, out);
         EXPECT_STREQ(out, p.second);
@@ -269,8 +276,9 @@ domainUidSeparator: _
 )";
 
 std::string user_entry(const std::string &uid, const std::string &domain_dn, const std::string &attrs) {
-    return "\ndn: uid=" + uid + "," + domain_dn + "\nobjectClass: inetOrgPerson\nobjectClass: mailStoreUser\nuid: " +
-           uid + "\ncn: " + uid + "\nsn: " + uid + "\n" + attrs;
+    return "\ndn: uid=" + uid + "," + domain_dn +
+           "\nobjectClass: inetOrgPerson\nobjectClass: mailStoreUser\nuid: " + uid + "\ncn: " + uid +
+           "\nsn: " + uid + "\n" + attrs;
 }
 
 const std::string kUsers =
@@ -282,7 +290,8 @@ const std::string kUsers =
     user_entry("bob_b.example", "dc=b,dc=example,o=store", "mailhost: store1.a.example\nmailquota: 2M\n");
 
 const char *const kStoreConfig =
-    "local.hostname: store1.a.example\nlocal.relay.hostnamealiases: mx.a.example\nservice.defaultdomain: a.example\n"
+    "local.hostname: store1.a.example\nlocal.relay.hostnamealiases: mx.a.example\n"
+    "service.defaultdomain: a.example\n"
     "store.partition.secondpart.path: %s/partitions/secondpart\nstore.defaultmailboxquota: 5M\n";
 
 std::string store_config(const Slapd &ldap, const std::string &dir) {
@@ -413,7 +422,8 @@ TEST_F(Users, ProvisionedFromTheDirectory) {
 // Passing the threshold: over_since, one warning message per interval, the
 // directory status both ways; a delivery over the hard limit is refused.
 TEST_F(Users, QuotaWarningAndDirectoryStatus) {
-    restart("local.store.overquotastatus: 1\nstore.quotaexceededmsg: Subject: Over quota$$[ID]: [DISKUSAGE] of [QUOTA], "
+    restart("local.store.overquotastatus: 1\n"
+            "store.quotaexceededmsg: Subject: Over quota$$[ID]: [DISKUSAGE] of [QUOTA], "
             "[NUMMSG] of [MSGQUOTA] messages.\n");
     ASSERT_EQ(autocreate("fred", nullptr, nullptr, nullptr, nullptr, 1, nullptr), 0);
     ASSERT_EQ(mboxlist_setquota("user/fred", 100, 30), 0);
@@ -475,7 +485,14 @@ TEST(UsersImport, ProvisioningAndADeadDirectory) {
     const std::string mbox = corpus_path("list-archive.mbox");
     const size_t count = scan_texts(read_file(mbox)).size();
     std::string err;
-    ASSERT_EQ(inst.run("importmail", "-u fred -d Archive -s " + mbox, nullptr, &err), 0) << err;
+    // Two imports into two new folders of one new user at once: one of them
+    // provisions the inbox, and the root is charged for both.
+    pid_t kids[2];
+    for (int i = 0; i < 2; i++)
+        kids[i] = spawn([&, i] {
+            return inst.run("importmail", std::string("-u fred -d ") + (i ? "Lists" : "Archive") + " -s " + mbox);
+        });
+    for (pid_t k : kids) ASSERT_EQ(wait_child(k), 0);
     ASSERT_EQ(inst.run("importmail", "-u plain -d INBOX -s " + mbox, nullptr, &err), 0) << err;
     ASSERT_EQ(inst.run("importmail", "-u ghost -d INBOX -s " + mbox, nullptr, &err), 0) << err;
     EXPECT_TRUE(matches("ghost LDAP entry is missing", inst.newLog()));
@@ -494,13 +511,13 @@ TEST(UsersImport, ProvisioningAndADeadDirectory) {
     EXPECT_FALSE(has_row("user/newbie"));
     quotadata q = row_of("user/fred");
     EXPECT_EQ(q.limit, 100u);
-    EXPECT_EQ(q.used_messages, count + 1);
+    EXPECT_EQ(q.used_messages, 2 * count + 1);
     EXPECT_EQ(row_of("user/plain").limit, 5u * 1024u);
     EXPECT_EQ(row_of("user/ghost").limit, QUOTA_UNLIMITED);
     EXPECT_EQ(partition_of("user/fred"), "secondpart");
     mailbox mb = zeromailbox;
     for (const auto &f : {std::pair<const char *, size_t>{"user/fred", 1}, {"user/fred/Archive", count},
-                          {"user/plain", count}}) {
+                          {"user/fred/Lists", count}, {"user/plain", count}}) {
         ASSERT_EQ(mailbox_open(f.first, 0, auth_dontCheckAcl, &mb), 0) << f.first;
         auto texts = message_texts(mb);
         mailbox_close(&mb);
