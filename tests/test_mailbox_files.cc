@@ -37,18 +37,55 @@ bool is_zero(const mailbox &mb) {
            mb.index_lock_count + mb.open_mode + mb.myrights == 0;
 }
 
-// The ACL of a folder's row, its summary into mbd; "<no row>" if none.
-std::string row_acl(const char *name, mboxdata *mbd) {
-    char *acl = nullptr;
-    if (mboxlist_lookup(name, mbd, nullptr, nullptr, nullptr, &acl) != 0) return "<no row>";
-    return take(acl);
+// The uidvalidity in the index of the folder at dir (0 if unreadable).
+uint32_t uidvalidity_of(const std::string &dir) {
+    mboxdata mbd = {};
+    return index_entries(dir, &mbd), mbd.uidvalidity;
 }
 
-// A store brought up in this process; folder "test/box" lives at dir_
-// without a row.
-class FolderOpen : public StoreTest {
+using Events = std::vector<std::string>;
+
+// The flushes and renames of the careful writes, in order: "rename FILE",
+// and "barrier SIZE" with the size that "index.new" had when the barrier
+// had flushed (-1: no such file). While a folder is watched, barriers gets
+// at each barrier the size of its "store.idx" and the version in its row
+// ("-" for none), as a write of the row would find them.
+Events events, barriers;
+std::string index_new;
+const char *watched;
+void note_event(sync_event e, const char *path) {
+    events.push_back(e == SYNC_EVENT_RENAME ? "rename " + std::string(strrchr(path, '/') + 1)
+                                            : "barrier " + std::to_string(file_size(index_new)));
+    mboxdata row = {};
+    if (e == SYNC_EVENT_BARRIER && watched)
+        barriers.push_back(std::to_string(file_size(folder_dir(watched) + "/store.idx")) + " " +
+                           (mboxlist_lookup(watched, &row, 0, 0, 0, 0) ? "-" : std::to_string(row.version)));
+}
+// The whole new file of size flushed, then renamed into place: the last
+// events of a replacement of "store.idx".
+void expect_flushed_then_renamed(off_t size) {
+    Events want = {"barrier " + std::to_string(size), "rename store.idx"};
+    EXPECT_EQ(Events(events.end() - std::min<size_t>(2, events.size()), events.end()), want);
+}
+
+// A store brought up in this process, the careful writes observed.
+// Partition "spool" keeps its messages apart from its folder directories;
+// folder "test/box" lives at dir_ without a row (a conversion of the old
+// layout writes one).
+class MailboxFiles : public StoreTest {
   protected:
-    ~FolderOpen() override { auth_freestate(fred_), auth_freestate(bob_); }
+    void SetUp() override {
+        inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool") +
+                       "\nstore.partition.spool.messagepath: " + inst.path("messages/spool"));
+        StoreTest::SetUp();
+        inst.newLog();
+        ASSERT_EQ(mailbox_makedirs(dir_.c_str()), 0);
+        index_new = dir_ + "/index.new";
+        events.clear(), barriers.clear(), watched = nullptr;
+        sync_set_observer(note_event);
+    }
+    void TearDown() override { sync_set_observer(nullptr), StoreTest::TearDown(); }
+    ~MailboxFiles() override { auth_freestate(fred_), auth_freestate(bob_); }
     int openBox(mailbox *mb, unsigned mode = 0) {
         return mailbox_open_path("test/box", mode, "primary", dir_.c_str(), nullptr,
                                  "anyone\tlr\t", auth_dontCheckAcl, mb);
@@ -70,29 +107,6 @@ class FolderOpen : public StoreTest {
         mailbox_unlock_index(mb);
         EXPECT_TRUE(lockable_by_other(idx_));
     }
-    const std::string dir_ = inst.path("partitions/primary/box"), idx_ = dir_ + "/store.idx";
-    auth_state *fred_ = auth_newstate("fred", nullptr, 0), *bob_ = auth_newstate("bob", nullptr, 0);
-};
-
-// The uidvalidity in the index of the folder at dir (0 if unreadable).
-uint32_t uidvalidity_of(const std::string &dir) {
-    mboxdata mbd = {};
-    return index_entries(dir, &mbd), mbd.uidvalidity;
-}
-
-bool has_peruser(const char *name) { return db_has(userflagdb, name); }
-
-// Partition "spool" keeps its messages apart from its folder directories.
-class MailboxFiles : public StoreTest {
-  protected:
-    void SetUp() override {
-        inst.addConfig("store.partition.spool.path: " + inst.path("partitions/spool") +
-                       "\nstore.partition.spool.messagepath: " + inst.path("messages/spool"));
-        StoreTest::SetUp();
-    }
-    std::string dir(const char *name, const char *partition = "primary") {
-        return folder_dir(name, partition);
-    }
     // The message directory of name on "spool"; "" elsewhere.
     std::string mdir(const char *name, const char *partition = "spool") {
         char path[MBOXLIST_PATH_BUFFER], mpath[MBOXLIST_PATH_BUFFER];
@@ -105,27 +119,19 @@ class MailboxFiles : public StoreTest {
     int create(const char *name, mailbox *mb, uint32_t uidvalidity = 1, const char *acl = "",
                const char *partition = "primary") {
         std::string m = mdir(name, partition);
-        return mailbox_create(name, partition, dir(name, partition).c_str(),
+        return mailbox_create(name, partition, folder_dir(name, partition).c_str(),
                               m.empty() ? nullptr : m.c_str(), acl, MAILBOX_VERSION, mb, uidvalidity);
     }
     int openFolder(const char *name, mailbox *mb, const char *partition = "primary") {
-        return mailbox_open_path(name, 0, partition, dir(name, partition).c_str(),
+        return mailbox_open_path(name, 0, partition, folder_dir(name, partition).c_str(),
                                  mdir(name, partition).c_str(), "", auth_dontCheckAcl, mb);
     }
+    const std::string dir_ = inst.path("partitions/primary/fred/box"), idx_ = dir_ + "/store.idx";
+    auth_state *fred_ = auth_newstate("fred", nullptr, 0), *bob_ = auth_newstate("bob", nullptr, 0);
 };
-
-// At each barrier: the size of the watched folder's "store.idx" and the
-// version in its row ("-" for none), as a write of the row would find them.
-std::vector<std::string> barriers;
-const char *watched;
-void note_barrier(sync_event e, const char *) {
-    mboxdata row = {};
-    if (e == SYNC_EVENT_BARRIER)
-        barriers.push_back(std::to_string(file_size(folder_dir(watched) + "/store.idx")) + " " +
-                           (mboxlist_lookup(watched, &row, 0, 0, 0, 0) ? "-" : std::to_string(row.version)));
-}
-
-using Events = std::vector<std::string>;
+// The same store: opening folders and their index lock; the index file alone.
+using FolderOpen = MailboxFiles;
+using MailboxIndex = MailboxFiles;
 
 template <typename T> std::string bytes_of(const T &v) {
     return std::string(reinterpret_cast<const char *>(&v), sizeof v);
@@ -178,6 +184,32 @@ struct IndexFile {
     }
 };
 
+// A version 257 folder: "store.idx" with 68-byte records whose word at
+// offset 60 is a generation number, and "store.cch" that starts with it;
+// records as they must read after conversion.
+struct OldFolder {
+    std::string idx, cch;
+    std::vector<index_record> records;
+    OldFolder(uint32_t generation, unsigned count) {
+        mboxdata mbd = {};
+        mbd.version = MAILBOX_VERSION_OLD, mbd.exists = count, mbd.uidvalidity = 777;
+        mbd.last_uid = 10 * count;
+        index_header hdr = {};
+        hdr.cache_offset = generation, hdr.start_offset = 256;
+        idx = bytes_of(mbd) + bytes_of(hdr) + std::string("old1\0\0old3\0\nfred\tlrs\t\0", 22);
+        idx.resize(256, '\0');
+        cch = bytes_of(generation);
+        for (unsigned uid = 10; uid <= 10 * count; uid += 10) {
+            index_record r = make_record(uid, (uint32_t)cch.size());
+            idx += bytes_of(r).substr(0, INDEX_RECORD_SIZE_OLD);
+            cch += cache_entry(sample_items(uid));
+            r.rec_cache_offset -= 4;
+            r.orig_uidvalidity = 777;
+            records.push_back(r);
+        }
+    }
+};
+
 // A handle over "<dir>/store.idx" filled the way the open code fills it.
 struct Handle {
     mailbox mb;
@@ -205,37 +237,6 @@ void expect_messages(Handle &h, const std::vector<index_record> &want, bool chec
         }
     }
 }
-
-// The flushes and renames of the careful writes, in order: "rename FILE",
-// and "barrier SIZE" with the size that "index.new" had when the barrier
-// had flushed (-1: no such file).
-Events events;
-std::string index_new;
-void note_event(sync_event e, const char *path) {
-    events.push_back(e == SYNC_EVENT_RENAME ? "rename " + std::string(strrchr(path, '/') + 1)
-                                            : "barrier " + std::to_string(file_size(index_new)));
-}
-// The whole new file of size flushed, then renamed into place: the last
-// events of a replacement of "store.idx".
-void expect_flushed_then_renamed(off_t size) {
-    Events want = {"barrier " + std::to_string(size), "rename store.idx"};
-    EXPECT_EQ(Events(events.end() - std::min<size_t>(2, events.size()), events.end()), want);
-}
-
-// The conversion of the old layout writes the folder's row too: the store is up.
-class MailboxIndex : public StoreTest {
-  protected:
-    void SetUp() override {
-        StoreTest::SetUp();
-        inst.newLog();
-        ASSERT_EQ(mailbox_makedirs(dir_.c_str()), 0);
-        index_new = dir_ + "/index.new";
-        events.clear();
-        sync_set_observer(note_event);
-    }
-    void TearDown() override { sync_set_observer(nullptr), StoreTest::TearDown(); }
-    const std::string dir_ = inst.path("partitions/primary/fred/box"), idx_ = dir_ + "/store.idx";
-};
 
 }  // namespace
 
@@ -344,12 +345,11 @@ TEST_F(FolderOpen, OpenModesAndRepair) {
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
     EXPECT_FALSE(file_exists(idx_));
-    // The old two-file layout (version 257, generation 31): a repair open
-    // looks at it, a plain open converts it.
-    std::string old = std::string("\x01\x01\0\0", 4) + std::string(56, '\0') + "\x1f" +
-                      std::string(3, '\0') + std::string("\0\x01\0\0", 4) + std::string(16, '\0') + "\n";
-    write_file(idx_, old + std::string(256 - old.size(), '\0'));
-    write_file(dir_ + "/store.cch", std::string("\x1f\0\0\0", 4));
+    // An empty folder of the old two-file layout: a repair open looks at
+    // it, a plain open converts it.
+    OldFolder old(31, 0);
+    write_file(idx_, old.idx);
+    write_file(dir_ + "/store.cch", old.cch);
     for (unsigned mode : {(unsigned)OPEN_REPAIR, 0u}) {
         ASSERT_EQ(openBox(&mb, mode), 0);
         EXPECT_EQ(mb.mbd.version, mode ? MAILBOX_VERSION_OLD : MAILBOX_VERSION);
@@ -370,7 +370,10 @@ TEST(FolderAcl, CleanAclForcesTheOwnersRights) {
     for (const auto &c : cases) EXPECT_EQ(take(cleanacl(c[0], c[1])), c[2]) << c[1];
 }
 
-TEST_F(FolderOpen, FolderOnDiskOnlyIsTakenUpAgain) {
+// Files without a row are taken up again; a row without files opens as a
+// new folder, and a create makes one: either way the whole file is on disk
+// before the row counts it.
+TEST_F(FolderOpen, FilesOrRowAloneBecomeAWholeFolder) {
     make_folder("user/fred/found", folder_dir("user/fred/found"), "bob\tlr\t", 9, 2);
     mailbox mb;
     // Without the owner's inbox in the database the disk is not looked at;
@@ -387,33 +390,27 @@ TEST_F(FolderOpen, FolderOnDiskOnlyIsTakenUpAgain) {
     EXPECT_EQ(mb.mbd.exists, 2u);
     mailbox_close(&mb);
     mboxdata row;
-    EXPECT_EQ(row_acl("user/fred/found", &row), acl);
+    EXPECT_EQ(row_acl("user/fred/found", nullptr, &row), acl);
     EXPECT_EQ(row.exists, 2u);
-}
-
-TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
+    // A row alone, with an ACL too long for a new variable header.
     std::string longacl = "fred\tlrswipcda\t";
     for (int i = 0; i < 30; i++) longacl += "reader" + std::to_string(i) + "\tlr\t";
-    put_row("user/fred", MAILBOX_VERSION_DBONLY, 0, longacl.c_str());
+    put_row("user/joe", MAILBOX_VERSION_DBONLY, 0, longacl.c_str());
     uint32_t t0 = (uint32_t)time(nullptr);
-    mailbox mb;
     // A repair open looks and makes nothing.
-    ASSERT_EQ(mailbox_open("user/fred", OPEN_REPAIR, bob_, &mb), 0);
+    ASSERT_EQ(mailbox_open("user/joe", OPEN_REPAIR, bob_, &mb), 0);
     EXPECT_EQ(mb.index_fd, -1);
     mailbox_close(&mb);
-    EXPECT_FALSE(file_exists(folder_dir("user/fred")));
-    watched = "user/fred";
-    sync_set_observer(note_barrier);
-    ASSERT_EQ(mailbox_open("user/fred", OPEN_APPEND, bob_, &mb), 0);
-    sync_set_observer(nullptr);
+    EXPECT_FALSE(file_exists(folder_dir("user/joe")));
+    watched = "user/joe";
+    ASSERT_EQ(mailbox_open("user/joe", OPEN_APPEND, bob_, &mb), 0);
     EXPECT_EQ(mb.mbd.version, (uint32_t)MAILBOX_VERSION);
     EXPECT_TRUE(mb.mbd.uidvalidity >= t0 && mb.mbd.uidvalidity <= (uint32_t)time(nullptr));
     EXPECT_TRUE(mb.index_lock_count == 0 && mb.open_mode == (unsigned)OPEN_APPEND);
     EXPECT_EQ(mb.myrights, 0u);  // bob has no entry
-    // The ACL needed more than the 176 bytes of a new variable header.
-    EXPECT_GT(mb.hdr.start_offset, 256u);
+    EXPECT_GT(mb.hdr.start_offset, 256u);  // the header grew for the ACL
     EXPECT_EQ(mb.hdr.cache_offset, mb.hdr.start_offset + 7600);
-    std::string idx = folder_dir("user/fred") + "/store.idx";
+    std::string idx = folder_dir("user/joe") + "/store.idx";
     EXPECT_EQ(file_size(idx), (off_t)mb.hdr.cache_offset);
     // The whole file was flushed while the row still said it had none.
     ASSERT_FALSE(barriers.empty());
@@ -421,13 +418,17 @@ TEST_F(FolderOpen, RowWithoutFilesOpensAsANewFolder) {
     EXPECT_TRUE(lockable_by_other(idx));
     uint32_t uidvalidity = mb.mbd.uidvalidity;
     mailbox_close(&mb);
-    mboxdata row;
-    EXPECT_EQ(row_acl("user/fred", &row), longacl);
+    EXPECT_EQ(row_acl("user/joe", nullptr, &row), longacl);
     EXPECT_TRUE(row.version == MAILBOX_VERSION && row.uidvalidity == uidvalidity);
     // The next open finds the file and makes nothing new.
-    ASSERT_EQ(mailbox_open("user/fred", 0, fred_, &mb), 0);
+    ASSERT_EQ(mailbox_open("user/joe", 0, fred_, &mb), 0);
     EXPECT_TRUE(mb.mbd.uidvalidity == uidvalidity && mb.myrights == (unsigned long)ACL_ALL);
     mailbox_close(&mb);
+    // A create through the folder database.
+    watched = "user/fred/new";
+    ASSERT_EQ(mboxlist_createmailbox("user/fred/new", MAILBOX_VERSION, nullptr, "fred", auth_dontCheckAcl,
+                                     QUOTA_UNLIMITED, QUOTA_UNLIMITED, 0, nullptr), 0);
+    EXPECT_EQ(barriers.back(), std::to_string(file_size(folder_dir("user/fred/new") + "/store.idx")) + " -");
 }
 
 // The sync levels are read once per process: each case runs this test again
@@ -468,8 +469,8 @@ TEST(MailboxSync, GeneralAndSpecificKeys) {
     }
 }
 
-// The path and 16 bytes more may reach 1024: 1008 bytes is the longest.
-TEST_F(MailboxFiles, LongestFolderPath) {
+TEST_F(MailboxFiles, CreateOverExistingFiles) {
+    // The path and 16 bytes more may reach 1024: 1008 bytes is the longest.
     std::string ok = inst.path("partitions/primary");
     while (ok.size() < 900) ok += "/" + std::string(100, 'x');
     ok += "/" + std::string(1007 - ok.size(), 'y');
@@ -477,26 +478,8 @@ TEST_F(MailboxFiles, LongestFolderPath) {
         EXPECT_EQ(mailbox_create("user/x", "primary", p.c_str(), nullptr, "", MAILBOX_VERSION, nullptr, 1),
                   p == ok ? 0 : IMAP_MAILBOX_BADNAME);
     EXPECT_FALSE(file_exists(ok + "z"));
-}
-
-TEST_F(MailboxFiles, FilesAreFlushedBeforeTheRowCountsThem) {
-    for (const char *name : {"user/fred", "user/fred/new"}) {
-        barriers.clear();
-        watched = name;
-        sync_set_observer(note_barrier);
-        int r = mboxlist_createmailbox(name, MAILBOX_VERSION, nullptr, "fred", auth_dontCheckAcl,
-                                       QUOTA_UNLIMITED, QUOTA_UNLIMITED, 0, nullptr);
-        sync_set_observer(nullptr);
-        ASSERT_EQ(r, 0) << name;
-    }
-    EXPECT_TRUE(has_row("user/fred/new"));
-    ASSERT_FALSE(barriers.empty());
-    EXPECT_EQ(barriers.back(), "7856 -");
-}
-
-TEST_F(MailboxFiles, CreateOverExistingFiles) {
     const char *name = "user/fred/box";
-    std::string d = dir(name), idx = d + "/store.idx";
+    std::string d = folder_dir(name), idx = d + "/store.idx";
     mailbox mb;
     ASSERT_EQ(create(name, nullptr, 100), 0);
     // A folder without messages is replaced, with a new uidvalidity.
@@ -524,7 +507,7 @@ TEST_F(MailboxFiles, CreateOverExistingFiles) {
     }
     // An index shared with another folder by a hard link is replaced by a
     // file of its own; the other folder's file stays whole.
-    std::string other = dir("user/fred/other") + "/store.idx";
+    std::string other = folder_dir("user/fred/other") + "/store.idx";
     ASSERT_EQ(create("user/fred/other", nullptr, 500), 0);
     std::string otherbytes = read_file(other);
     ASSERT_EQ(unlink(idx.c_str()), 0);
@@ -541,33 +524,30 @@ TEST_F(MailboxFiles, SecondCreatorWaitsAndDoesNotCutTheFirst) {
     // second must wait for it, leave its bytes alone and report the folder
     // as existing.
     const char *name = "user/race/a";
-    std::string d = dir(name), idx = d + "/store.idx";
+    std::string d = folder_dir(name), idx = d + "/store.idx";
     ASSERT_EQ(mailbox_makedirs(d.c_str()), 0);
     int fd = open(idx.c_str(), O_RDWR | O_CREAT, 0666);
     ASSERT_EQ(lock_blocking(fd), 0);
-    struct { mboxdata mbd; index_header hdr; } h = {};
-    h.mbd.version = MAILBOX_VERSION, h.mbd.uidvalidity = 4242, h.hdr.start_offset = 256;
-    h.hdr.cache_offset = 256 + 7600;
-    ASSERT_EQ(write(fd, &h, sizeof h), (ssize_t)sizeof h);
+    const std::string whole = IndexFile().build();
+    ASSERT_EQ(write(fd, whole.data(), INDEX_HEADER_SIZE), INDEX_HEADER_SIZE);  // the fixed header first
     Pipe done;
     pid_t pid = spawn([&] {
         int r = create(name, nullptr);
         return send_byte(done.w, r == IMAP_MAILBOX_EXISTS ? 'E' : 'X') ? 0 : 2;
     });
     EXPECT_EQ(read_byte(done.r, 400), -1);  // it waits for the lock
-    std::string rest(7856 - sizeof h, '\0');
-    ASSERT_EQ(write(fd, rest.data(), rest.size()), (ssize_t)rest.size());
-    std::string written = read_file(idx);
+    ASSERT_EQ(write(fd, whole.data() + INDEX_HEADER_SIZE, whole.size() - INDEX_HEADER_SIZE),
+              (ssize_t)(whole.size() - INDEX_HEADER_SIZE));
     ASSERT_EQ(lock_unlock(fd), 0);
     EXPECT_EQ(read_byte(done.r, 5000), 'E');
     EXPECT_EQ(wait_child(pid), 0);
     close(fd);
-    EXPECT_EQ(read_file(idx), written);
+    EXPECT_EQ(read_file(idx), whole);
 }
 
 TEST_F(MailboxFiles, DeleteRemovesEverything) {
     const char *name = "user/fred/gone", *child = "user/fred/gone/child";
-    std::string d = dir(name, "spool"), m = mdir(name);
+    std::string d = folder_dir(name, "spool"), m = mdir(name);
     mailbox mb;
     ASSERT_EQ(create("user/fred", nullptr, 1, "", "spool"), 0);
     ASSERT_EQ(create(name, &mb, 1, "", "spool"), 0);
@@ -580,14 +560,14 @@ TEST_F(MailboxFiles, DeleteRemovesEverything) {
     EXPECT_TRUE(mb.index_fd == -1 && mb.name == nullptr);
     for (const std::string &gone : {m + "/00", m + "/01", d + "/store.idx", d + "/store.usr", d + "/stray"})
         EXPECT_FALSE(file_exists(gone)) << gone;
-    EXPECT_FALSE(has_peruser(name));
+    EXPECT_FALSE(db_has(userflagdb, name));
     // The child's directory keeps the folder's directories in place.
-    EXPECT_TRUE(file_exists(dir(child, "spool") + "/store.idx") && has_peruser(child));
+    EXPECT_TRUE(file_exists(folder_dir(child, "spool") + "/store.idx") && db_has(userflagdb, child));
     // Deleting the child (keeping its per-user data) and the root empties
     // the trees, but the partition directories stay.
     ASSERT_EQ(openFolder(child, &mb, "spool"), 0);
     mailbox_delete(&mb, 1);
-    EXPECT_TRUE(has_peruser(child) && !file_exists(d));
+    EXPECT_TRUE(db_has(userflagdb, child) && !file_exists(d));
     ASSERT_EQ(openFolder("user/fred", &mb, "spool"), 0);
     mailbox_delete(&mb, 0);
     EXPECT_FALSE(file_exists(inst.path("partitions/spool/=user")) ||
@@ -595,7 +575,7 @@ TEST_F(MailboxFiles, DeleteRemovesEverything) {
     EXPECT_TRUE(file_exists(inst.path("partitions/spool")) && file_exists(inst.path("messages/spool")));
     // A folder whose directories are gone already is no failure.
     mailbox ghost = zeromailbox;
-    ghost.name = strdup("user/ghost"), ghost.path = ghost.mpath = strdup(dir("user/ghost").c_str());
+    ghost.name = strdup("user/ghost"), ghost.path = ghost.mpath = strdup(folder_dir("user/ghost").c_str());
     EXPECT_EQ(mailbox_delete(&ghost, 0), 0);
 }
 
@@ -696,7 +676,7 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
     uint32_t co = 256 + INDEX_RECORD_SIZE;  // 2 messages announced, the cache after 1 record
     memcpy(&overlap[60], &co, 4);
     // The variable header without its line feed, and without the ACL's NUL.
-    IndexFile noflags, noacl;
+    IndexFile noflags, noacl, empty, one(1);
     noflags.varhdr = std::string(176, 'x');
     noacl.varhdr = "\n" + std::string(175, 'a');
     const int logs = -1;  // in repair mode too: a bad version, or a variable header error
@@ -711,12 +691,16 @@ TEST_F(MailboxIndex, DamagedIndexesAreRefused) {
         {whole.substr(0, good.cache_offset() + cache_entry(sample_items(1)).size() + 43), OPEN_APPEND,
          IMAP_MAILBOX_BADFORMAT},
         {noflags.build(), 0, logs}, {noacl.build(), 0, logs},
+        // Cut below start_offset, or with a message: no partial create.
+        {empty.build().substr(0, 255), 0, logs},
+        {one.build().substr(0, one.cache_offset() - 1), 0, IMAP_MAILBOX_BADFORMAT},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
         write_file(idx_, c.bytes);
         inst.newLog();
         EXPECT_EQ(Handle(dir_, c.mode).read(), IMAP_MAILBOX_BADFORMAT);
+        EXPECT_EQ(file_size(idx_), (off_t)c.bytes.size());  // damage is refused, not repaired
         std::string log = inst.newLog();  // one entry, naming the folder
         EXPECT_TRUE(matches("^[^\n]* critical: [^\n]*user/fred/box\n$", log)) << log;
         if (c.repair == logs) continue;
@@ -769,41 +753,7 @@ TEST_F(MailboxIndex, PartlyCreatedEmptyFolderIsExtended) {
                   return Handle(dir_).read() == IMAP_IOERROR ? 0 : 1;
               }), 0);
     EXPECT_EQ(file_size(idx_), 300);
-    // Cut below start_offset, or with a message, it is no partial create.
-    IndexFile one(1);
-    for (const std::string &cut :
-         {f.build().substr(0, 255), one.build().substr(0, one.cache_offset() - 1)}) {
-        write_file(idx_, cut);
-        EXPECT_EQ(Handle(dir_).read(), IMAP_MAILBOX_BADFORMAT);
-        EXPECT_EQ(file_size(idx_), (off_t)cut.size());
-    }
 }
-
-// A version 257 folder: "store.idx" with 68-byte records whose word at
-// offset 60 is a generation number, and "store.cch" that starts with it;
-// records as they must read after conversion.
-struct OldFolder {
-    std::string idx, cch;
-    std::vector<index_record> records;
-    OldFolder(uint32_t generation, unsigned count) {
-        mboxdata mbd = {};
-        mbd.version = MAILBOX_VERSION_OLD, mbd.exists = count, mbd.uidvalidity = 777;
-        mbd.last_uid = 10 * count;
-        index_header hdr = {};
-        hdr.cache_offset = generation, hdr.start_offset = 256;
-        idx = bytes_of(mbd) + bytes_of(hdr) + std::string("old1\0\0old3\0\nfred\tlrs\t\0", 22);
-        idx.resize(256, '\0');
-        cch = bytes_of(generation);
-        for (unsigned uid = 10; uid <= 10 * count; uid += 10) {
-            index_record r = make_record(uid, (uint32_t)cch.size());
-            idx += bytes_of(r).substr(0, INDEX_RECORD_SIZE_OLD);
-            cch += cache_entry(sample_items(uid));
-            r.rec_cache_offset -= 4;
-            r.orig_uidvalidity = 777;
-            records.push_back(r);
-        }
-    }
-};
 
 TEST_F(MailboxIndex, Version257ConvertsTo258) {
     OldFolder o(42, 3);

@@ -23,17 +23,6 @@ using namespace testutil;
 
 const uint32_t NOQUOTA = QUOTA_UNLIMITED;
 
-// The row's ACL, partition and summary; false if there is no row.
-bool row_of(const char *name, std::string *acl, std::string *partition = nullptr, mboxdata *mbd = nullptr) {
-    char *row = nullptr;
-    bool found = mboxlist_lookup_data(name, &row, nullptr) == 0;
-    if (found && acl) *acl = mboxlist_acl(row);
-    if (found && partition) *partition = mboxlist_partition(row);
-    if (found && mbd) memcpy(mbd, row, sizeof *mbd);
-    free(row);
-    return found;
-}
-
 int opens(const char *name) {
     mailbox mb;
     int r = mailbox_open(name, 0, auth_dontCheckAcl, &mb);
@@ -80,6 +69,33 @@ std::future<int> creator(const char *name) {
 // Whether it is done within ms milliseconds, with result 0.
 bool created(std::future<int> &f, int ms) {
     return f.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready && f.get() == 0;
+}
+
+// The check after a crash, as an exit code: every row of names has its
+// index and opens (31, 32); every name whose files lie there without a row
+// is taken over by a create (33; names list roots first, and a user's
+// folders wait for their root's row); then the rows are checked again.
+// found and rows count for the report.
+int check_store(const std::vector<std::string> &names, int *found, int *rows) {
+    for (int pass = 0; pass < 2; pass++) {
+        *rows = 0;
+        for (const std::string &s : names) {
+            if (!has_row(s.c_str())) continue;
+            (*rows)++;
+            if (!file_exists(folder_dir(s.c_str()) + "/store.idx")) return 31;
+            if (opens(s.c_str()) != 0) return 32;
+        }
+        for (const std::string &s : names) {
+            const char *n = s.c_str();
+            std::string root = s.substr(0, s.find('/', 5));
+            if (pass || has_row(n) || !file_exists(folder_dir(n) + "/store.idx")) continue;
+            if (!s.compare(0, 5, "user/") && root != s && !has_row(root.c_str())) continue;
+            (*found)++;
+            int c = create(n, nullptr, auth_dontCheckAcl);
+            if ((c != 0 && c != IMAP_MAILBOX_EXISTS) || !has_row(n) || opens(n) != 0) return 33;
+        }
+    }
+    return 0;
 }
 
 // A full disk under the database: its log can't be written.
@@ -165,21 +181,23 @@ RangeList ranges(const seen_range *a, int n) {
     return v;
 }
 
+// Folder "user/bob/a" with 20 messages, as the records see it.
 class SeenStore : public StoreTest {
   protected:
     std::string dir(const std::string &rel) { return inst.path("partitions/primary/" + rel); }
+    Folder a{"user/bob/a", dir("bob/a"), 20};
 };
 
 }  // namespace
 
-TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
+TEST_F(MboxlistCreate, RightsInheritancePartitionsVersionsAndLeftoverFiles) {
     // A new user's root with the uidvalidity given; its quota row:
     // Append.SetupRefusals.
     ASSERT_EQ(mboxlist_createmailbox("user/fred", MAILBOX_VERSION, nullptr, "fred", auth_dontCheckAcl,
                                      1000, 50, 4711, nullptr), 0);
-    std::string a, part;
+    std::string part;
     mboxdata mbd;
-    ASSERT_TRUE(row_of("user/fred", &a, &part, &mbd));
+    std::string a = row_acl("user/fred", &part, &mbd);
     EXPECT_TRUE(a + part == "fred\tlrswipcda\tprimary" && mbd.uidvalidity == 4711u) << a << part;
     const char *all = "fred\tlrswipcda\t", *pub = "fred\tlrswipcda\tanyone\tl\t",
                *shared = "fred\tlrswipcda\tbob\tlc\t";
@@ -227,7 +245,7 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
             EXPECT_EQ(has_row(c.name), had);
             continue;
         }
-        ASSERT_TRUE(row_of(c.name, &a, &part, &mbd));
+        a = row_acl(c.name, &part, &mbd);
         EXPECT_EQ(a + "|" + part, std::string(c.acl) + "|" + c.row_partition);
         EXPECT_EQ(mbd.version, c.version);
         EXPECT_TRUE(c.version != DBONLY || mbd.uidvalidity == 0);  // no files, none yet
@@ -252,34 +270,27 @@ TEST_F(MboxlistCreate, RightsInheritancePartitionsAndVersions) {
         EXPECT_EQ(create(bad, "fred", auth_dontCheckAcl), IMAP_MAILBOX_BADNAME) << bad;
         EXPECT_FALSE(has_row(bad)) << bad;
     }
+    // Files with messages and no row are registered with their counters
+    // (empty ones are made new: MailboxFiles.CreateOverExistingFiles).
+    make_folder("user/fred/old", folder_dir("user/fred/old"), "stale\tl\t", 999, 3);
+    EXPECT_EQ(create("user/fred/old", "fred", fred), IMAP_MAILBOX_EXISTS);
+    a = row_acl("user/fred/old", nullptr, &mbd);
+    EXPECT_EQ(mbd.exists + mbd.last_uid + mbd.uidvalidity, 3u + 3u + 999u);
+    EXPECT_EQ(acl_myrights(fred, a.c_str()), ACL_ALL);  // the owner holds all rights
+    EXPECT_EQ(opens("user/fred/old"), 0);
 }
 
 TEST_F(MboxlistCreate, PublicFoldersAndDefaultAcl) {
     // The configured default ACL and partition of folders without a parent.
     restart("store.defaultacl:  anyone lr\tgroup:staff  lrswi bob\nstore.defaultpartition: spool");
     EXPECT_EQ(create("public/odd", nullptr, auth_dontCheckAcl), 0);
-    std::string a, part;
-    ASSERT_TRUE(row_of("public/odd", &a, &part));
-    EXPECT_EQ(a, "anyone\tlr\tgroup:staff\tlrswi\t");  // the lone last word is dropped
+    std::string part;
+    EXPECT_EQ(row_acl("public/odd", &part), "anyone\tlr\tgroup:staff\tlrswi\t");  // the lone last word is dropped
     EXPECT_EQ(part, "spool");
     EXPECT_TRUE(file_exists(folder_dir("public/odd", "spool") + "/store.idx"));
     restart("store.defaultacl:");
     EXPECT_EQ(create("public/empty", nullptr, auth_dontCheckAcl), 0);
-    EXPECT_TRUE(row_of("public/empty", &a) && a.empty()) << a;
-}
-
-TEST_F(MboxlistCreate, LeftoverFilesAreTakenOver) {
-    ASSERT_EQ(create("user/fred", "fred", auth_dontCheckAcl), 0);
-    // Files with messages and no row are registered with their counters
-    // (empty ones are made new: MailboxFiles.CreateOverExistingFiles).
-    make_folder("user/fred/old", folder_dir("user/fred/old"), "stale\tl\t", 999, 3);
-    EXPECT_EQ(create("user/fred/old", "fred", fred), IMAP_MAILBOX_EXISTS);
-    std::string a;
-    mboxdata mbd;
-    ASSERT_TRUE(row_of("user/fred/old", &a, nullptr, &mbd));
-    EXPECT_EQ(mbd.exists + mbd.last_uid + mbd.uidvalidity, 3u + 3u + 999u);
-    EXPECT_EQ(acl_myrights(fred, a.c_str()), ACL_ALL);  // the owner holds all rights
-    EXPECT_EQ(opens("user/fred/old"), 0);
+    EXPECT_EQ(row_acl("public/empty"), "");
 }
 
 TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
@@ -301,10 +312,6 @@ TEST_F(MboxlistCreate, DeleteRightsPinsAndWholeUsers) {
     EXPECT_EQ(mboxlist_deletemailbox("user/fred/x", "fred", fred), 0);
     EXPECT_FALSE(has_row("user/fred/x") || file_exists(xd + "/store.idx"));
     EXPECT_TRUE(has_row("user/fred/x/y") && file_exists(folder_dir("user/fred/x/y") + "/store.idx"));
-    // A row whose files are lost goes all the same.
-    ASSERT_EQ(unlink((folder_dir("user/fred/pub") + "/store.idx").c_str()), 0);
-    EXPECT_EQ(mboxlist_deletemailbox("user/fred/pub", "fred", fred), 0);
-    EXPECT_FALSE(has_row("user/fred/pub"));
     // Pinned folders: only a site administrator deletes them.
     restart("local.store.pin: Trash%sent");
     for (const Attempt &a : {Attempt{"user/fred/sent", nullptr, fred, IMAP_MAILBOX_PINNED},
@@ -408,48 +415,17 @@ TEST_F(FullDisk, DeleteKeepsTheFilesWhileTheLogCantBeWritten) {
     unlink((dir + "/filler").c_str());
     ASSERT_EQ(run_command("rm -f '" + dir + "'/__db.*"), 0);
     ASSERT_EQ(start_store("fulltest"), 0);
-    for (size_t i = 0; i < names.size(); i++) {
-        const char *n = names[i].c_str();
-        bool files = file_exists(folder_dir(n) + "/store.idx");
-        EXPECT_EQ(files, got[i] == 'E') << n;
-        if (has_row(n)) {
-            EXPECT_TRUE(files) << n;
-        } else if (files) {
-            EXPECT_TRUE(create(n, nullptr, auth_dontCheckAcl) == 0 && opens(n) == 0) << n;
-        }
-    }
+    for (size_t i = 0; i < names.size(); i++)
+        EXPECT_EQ(file_exists(folder_dir(names[i].c_str()) + "/store.idx"), got[i] == 'E') << names[i];
+    int found = 0, rows = 0;
+    EXPECT_EQ(check_store(names, &found, &rows), 0);
 }
 
 // Crash safety: a child creates and deletes folders at random and is killed
 // at a random moment, again and again; after every kill the store checks out.
-const char *const CRASH_NAMES[] = {"user/crash",   "user/crash/a", "user/crash/a/b", "user/crash/b",
-                                   "user/crash/c", "user/crash/d", "user/crash/e",   "user/crash/f",
-                                   "public/crash", "public/crash/x"};
-const int NCRASH = sizeof CRASH_NAMES / sizeof CRASH_NAMES[0];
-
-// The check after a crash, as an exit code: every row has its index and
-// opens (31, 32); every name whose files lie there without a row is taken
-// over by a create (33; roots first, since the names are in that order);
-// then the rows are checked again. found and rows count for the report.
-static int check_store(int *found, int *rows) {
-    for (int pass = 0; pass < 2; pass++) {
-        *rows = 0;
-        for (const char *n : CRASH_NAMES) {  // the only names the child writes
-            if (!has_row(n)) continue;
-            (*rows)++;
-            if (!file_exists(folder_dir(n) + "/store.idx")) return 31;
-            if (opens(n) != 0) return 32;
-        }
-        for (const char *n : CRASH_NAMES) {
-            if (pass || has_row(n) || !file_exists(folder_dir(n) + "/store.idx")) continue;
-            if (strchr(n + 5, '/') && !strncmp(n, "user/", 5) && !has_row("user/crash")) continue;
-            (*found)++;
-            int c = create(n, nullptr, auth_dontCheckAcl);
-            if ((c != 0 && c != IMAP_MAILBOX_EXISTS) || !has_row(n) || opens(n) != 0) return 33;
-        }
-    }
-    return 0;
-}
+const std::vector<std::string> CRASH_NAMES = {"user/crash",   "user/crash/a", "user/crash/a/b", "user/crash/b",
+                                              "user/crash/c", "user/crash/d", "user/crash/e",   "user/crash/f",
+                                              "public/crash", "public/crash/x"};
 
 TEST(MboxlistCrash, KilledCreatesAndDeletesLeaveRowsWithFiles) {
     Instance inst;
@@ -466,13 +442,13 @@ TEST(MboxlistCrash, KilledCreatesAndDeletesLeaveRowsWithFiles) {
         pid_t pid = spawn([&] {
             int rows = 0, found = 0;
             if (start_store("crashtest") != 0) return 30;
-            if (int r = check_store(&found, &rows)) return r;
+            if (int r = check_store(CRASH_NAMES, &found, &rows)) return r;
             char report[2] = {(char)found, (char)rows};
             if (write(ready.w, report, 2) != 2) return 30;
             if (round == rounds) return 0;  // the last one only checks
             std::mt19937 crng(childseed);
             for (;;) {
-                const char *n = CRASH_NAMES[crng() % NCRASH];
+                const char *n = CRASH_NAMES[crng() % CRASH_NAMES.size()].c_str();
                 int res = has_row(n) ? mboxlist_deletemailbox(n, nullptr, auth_dontCheckAcl)
                                      : create(n, nullptr, auth_dontCheckAcl);
                 // Only a user's folder before its root is refused.
@@ -572,11 +548,7 @@ TEST(MboxlistFailedReads, AreNoMissingFolders) {
     ASSERT_TRUE(inst.startStored());
     auto join = [] { return join_store("rowtest"); };
     auto lookup = [] { return mboxlist_lookup("user/bob", nullptr, nullptr, nullptr, nullptr, nullptr); };
-    ASSERT_EQ(in_child([&] {
-                  return join() && mboxlist_createmailbox("user/bob", MAILBOX_VERSION, nullptr, nullptr,
-                                                          auth_dontCheckAcl, QUOTA_UNLIMITED,
-                                                          QUOTA_UNLIMITED, 0, nullptr) == 0 ? 0 : 1;
-              }), 0);
+    ASSERT_EQ(in_child([&] { return join() && create("user/bob", nullptr, auth_dontCheckAcl) == 0 ? 0 : 1; }), 0);
     Pipe held, done;
     pid_t holder = spawn([&] {
         DB_TXN *txn;
@@ -595,8 +567,7 @@ TEST(MboxlistFailedReads, AreNoMissingFolders) {
         auth_state *site = auth_newstate("root", nullptr, AUTH_ADMIN_SITE);
         std::string dir = folder_dir("user/bob/x");
         int found = lookup();
-        int created = mboxlist_createmailbox("user/bob/x", MAILBOX_VERSION, nullptr, "root", site,
-                                             QUOTA_UNLIMITED, QUOTA_UNLIMITED, 0, nullptr);
+        int created = create("user/bob/x", "root", site);
         // A delete is left out here: its writes wait as long as the lock is
         // held and are repeated while the library calls them deadlocked, so
         // on a loaded host it may rightly succeed once the holder gives up.
@@ -611,13 +582,12 @@ TEST(MboxlistFailedReads, AreNoMissingFolders) {
     EXPECT_EQ(in_child([&] { return join() && lookup() == 0 ? 0 : 1; }), 0);
 }
 
-TEST_F(SeenStore, RecordTextAndLockedReadWrite) {
-    Folder f("user/bob/a", dir("bob/a"), 20);
+TEST_F(SeenStore, RecordTextLockedReadWriteAndRanges) {
     struct seen *h = nullptr;
-    ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
+    ASSERT_EQ(seen_open(&a.mb, "fred", &h), 0);
     EXPECT_EQ(raw("user/bob/a"), "#1");  // no record, no "store.usr": made new
     EXPECT_EQ(lockread(h), "0 0 0 0| ");  // a user without a record: two empty lists
-    EXPECT_EQ(f.mb.peruser_lock_count, 1u);
+    EXPECT_EQ(a.mb.peruser_lock_count, 1u);
     time_t before = time(nullptr);
     ASSERT_EQ(seen_write(h, 5, 3, 9, "1:3,7 "), 0);
     EXPECT_EQ(raw("user/bob/a\tfred"), "5 3 9 1:3,7 ");  // no terminators anywhere
@@ -626,48 +596,18 @@ TEST_F(SeenStore, RecordTextAndLockedReadWrite) {
     // The mutex stays held: a second read must not take it again.
     EXPECT_EQ(lockread(h), "0 5 3 9|1:3,7 ");
     seen_unlock(h);
-    EXPECT_EQ(f.mb.peruser_lock_count, 0u);
+    EXPECT_EQ(a.mb.peruser_lock_count, 0u);
     seen_close(h);
     // The text is the two lists and the white space between them only; a
     // record cut short is read within its size.
     put("user/bob/a\tjoe", "12 4 4000000001 ,,2:4,9 ,5:6 tail\nmore");
-    ASSERT_EQ(seen_open(&f.mb, "joe", &h), 0);
+    ASSERT_EQ(seen_open(&a.mb, "joe", &h), 0);
     EXPECT_EQ(lockread(h), "0 12 4 4000000001|,,2:4,9 ,5:6");
     put("user/bob/a\tjoe", "7 1");
     EXPECT_EQ(lockread(h), "0 7 1 0|");
     seen_close(h);
-}
-
-TEST_F(SeenStore, MutexIsPerPairAndReleasedByClose) {
-    Folder f("user/bob/a", dir("bob/a"), 20);
-    struct seen *h;
-    ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
-    ASSERT_EQ(seen_lockread(h, nullptr, nullptr, nullptr, nullptr), 0);
-    // Another process asks for the mutex of a pair by its name and says on
-    // the pipe when it has it.
-    auto contender = [](Pipe &p, const char *name) {
-        return spawn([&p, name]() {
-            return db_globalmutex_hold(db_globalmutex_open(name)) == 0 && write(p.w, "x", 1) == 1 ? 0 : 1;
-        });
-    };
-    Pipe other, same;
-    pid_t o = contender(other, "user/bob/a\tjoe peruser");
-    EXPECT_EQ(read_byte(other.r, 5000), 'x');  // another user: no wait
-    EXPECT_EQ(wait_child(o), 0);
-    pid_t s = contender(same, "user/bob/a\tfred peruser");
-    EXPECT_EQ(read_byte(same.r, 400), -1);
-    seen_close(h);  // without seen_unlock
-    EXPECT_EQ(f.mb.peruser_lock_count, 0u);
-    int got = read_byte(same.r, 5000);
-    EXPECT_EQ(got, 'x');
-    if (got != 'x') kill(s, SIGKILL);
-    EXPECT_EQ(wait_child(s), 0);
-}
-
-TEST_F(SeenStore, RangesAndLookups) {
-    Folder f("user/bob/a", dir("bob/a"), 20);
     PerUserFlags fl;
-    ASSERT_EQ(getPerUserFlags(&f.mb, "nobody", &fl), 0);  // never used
+    ASSERT_EQ(getPerUserFlags(&a.mb, "nobody", &fl), 0);  // never used
     EXPECT_EQ(ranges(fl.seen, fl.nseen), RangeList({kEnd}));
     EXPECT_FALSE(fl.deleted || isSeen(&fl, 1) || isDeleted(&fl, 1) || isSeen(&fl, SEEN_RANGE_END));
     freeUserFlags(&fl);
@@ -685,7 +625,7 @@ TEST_F(SeenStore, RangesAndLookups) {
         SCOPED_TRACE(c.stored);
         inst.newLog();
         put("user/bob/a\tfred", c.stored);
-        ASSERT_EQ(getPerUserFlags(&f.mb, "fred", &fl), 0);
+        ASSERT_EQ(getPerUserFlags(&a.mb, "fred", &fl), 0);
         EXPECT_EQ(std::to_string(fl.lastread) + " " + std::to_string(fl.recentuid) + " " +
                       std::to_string(fl.lastchange), std::string(c.stored).substr(0, 5));
         EXPECT_EQ(ranges(fl.seen, fl.nseen), c.seen);
@@ -697,9 +637,33 @@ TEST_F(SeenStore, RangesAndLookups) {
     // A growing range array, every uid looked up: SeenProcesses.ConcurrentWritersLoseNoRange.
 }
 
-TEST_F(SeenStore, CreateAndDeleteTouchTheFolderOnly) {
-    Folder a("user/bob/a", dir("bob/a"), 20), ab("user/bob/ab", dir("bob/ab"), 20);
-    Folder o("user/bob/o", dir("bob/o"), 20);
+TEST_F(SeenStore, MutexIsPerPairAndReleasedByClose) {
+    struct seen *h;
+    ASSERT_EQ(seen_open(&a.mb, "fred", &h), 0);
+    ASSERT_EQ(seen_lockread(h, nullptr, nullptr, nullptr, nullptr), 0);
+    // Another process asks for the mutex of a pair by its name and says on
+    // the pipe when it has it.
+    auto contender = [](Pipe &p, const char *name) {
+        return spawn([&p, name]() {
+            return db_globalmutex_hold(db_globalmutex_open(name)) == 0 && write(p.w, "x", 1) == 1 ? 0 : 1;
+        });
+    };
+    Pipe other, same;
+    pid_t o = contender(other, "user/bob/a\tjoe peruser");
+    EXPECT_EQ(read_byte(other.r, 5000), 'x');  // another user: no wait
+    EXPECT_EQ(wait_child(o), 0);
+    pid_t s = contender(same, "user/bob/a\tfred peruser");
+    EXPECT_EQ(read_byte(same.r, 400), -1);
+    seen_close(h);  // without seen_unlock
+    EXPECT_EQ(a.mb.peruser_lock_count, 0u);
+    int got = read_byte(same.r, 5000);
+    EXPECT_EQ(got, 'x');
+    if (got != 'x') kill(s, SIGKILL);
+    EXPECT_EQ(wait_child(s), 0);
+}
+
+TEST_F(SeenStore, CreateDeleteAndRebuildFromCheckpointFile) {
+    Folder ab("user/bob/ab", dir("bob/ab"), 20), o("user/bob/o", dir("bob/o"), 20);
     ASSERT_EQ(seen_create(&a.mb), 0);
     EXPECT_EQ(raw("user/bob/a"), "#1");
     // The user records of a/b and o are left without their folder's record.
@@ -720,15 +684,13 @@ TEST_F(SeenStore, CreateAndDeleteTouchTheFolderOnly) {
     EXPECT_EQ(records("user/bob/ab"), Keys());
     EXPECT_TRUE(file_exists(ab.path + "/store.usr"));
     EXPECT_EQ(seen_delete(&a.mb, 1), 0);  // nothing left: no failure
-}
-
-TEST_F(SeenStore, RebuildFromCheckpointFile) {
-    Folder f("user/bob/r", dir("bob/r"), 50);
-    write_file(f.path + "/store.usr", "fred\t5 3 9 1:3,7 \nno tab here 1 2 3\n"
+    // A folder without records is rebuilt from its checkpoint file.
+    Folder r("user/bob/r", dir("bob/r"), 50);
+    write_file(r.path + "/store.usr", "fred\t5 3 9 1:3,7 \nno tab here 1 2 3\n"
                          "joe\t1 2 3 1:2:3,0,60 ,4\ngone\t1 99 3  \n"  // recentuid above last_uid
                          "last\t1 2 3  ");   // no line feed
     struct seen *h;
-    ASSERT_EQ(seen_open(&f.mb, "fred", &h), 0);
+    ASSERT_EQ(seen_open(&r.mb, "fred", &h), 0);
     seen_close(h);
     EXPECT_EQ(records("user/bob/r"),
               Keys({"user/bob/r=#0", "user/bob/r\tfred=5 3 9 1:3,7 ", "user/bob/r\tjoe=1 2 3 1:2,3 4"}));
@@ -737,7 +699,7 @@ TEST_F(SeenStore, RebuildFromCheckpointFile) {
 TEST(SeenFixdata, RepairsAndRemovals) {
     const char *cases[][2] = {
         // value, repaired text ("=": good as it is, "-": removed)
-        // "1:2:3", a 0 and a recentuid above last_uid: RebuildFromCheckpointFile.
+        // "1:2:3", a 0 and a recentuid above last_uid: CreateDeleteAndRebuildFromCheckpointFile.
         {"5 3 9 1:3,7 4:6", "="}, {"5 3 9  ", "="}, {"1 2 3 3:99 ", "1 2 3 3 "},
         {"1 2 3 ,5 8: junk", "1 2 3 5 8"}, {"1 2 3 1:3", "-"}, {"1 2 3 1x 4", "-"}, {"1 2 3", "-"}};
     for (const auto &c : cases) {

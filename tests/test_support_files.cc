@@ -152,10 +152,7 @@ TEST(SupportRetry, SyncLevelsAndRenamesIntoPlace) {
     ASSERT_EQ(0, lock_blocking(fd));
     EXPECT_EQ(0, sync_file(fd, 1));
     EXPECT_EQ(0, sync_file_barrier());
-    EXPECT_EQ(0, in_child([&] {
-                  int cfd = open(path.c_str(), O_RDWR);
-                  return cfd >= 0 && lock_nonblocking(cfd) != 0 ? 0 : 1;
-              }));
+    EXPECT_FALSE(lockable_by_other(path));
     close(fd);
     // Level 1 leaves the directory of a rename to the next barrier, levels 2
     // and 3 flush it at once (the barrier before each rename:
@@ -282,36 +279,16 @@ TEST(Config, ParsesLinesOverridesBadLinesAndValueForms) {
     for (const auto &k : ints) EXPECT_EQ(config_get_int(c, k.key, 99), k.want) << k.key;
 }
 
-TEST(Config, EmptyFileWorksAndMissingInstanceFails) {
-    {
-        Instance inst;
-        write_file(inst.path("config/store.conf"), "");
-        ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
-        EXPECT_EQ(str(configmsg_get_storedir()) + " " + take(configmsg_partitiondir("primary")),
-                  inst.path("data/store") + " " + inst.path("partitions/primary"));
-    }
-    TempDir tmp;
-    setenv("STORE_INSTANCEDIR", tmp.file("no-such-instance").c_str(), 1);
-    configmsg_reset();
-    StderrCapture err;
-    EXPECT_NE(configmsg_init(nullptr, 16, "t"), 0);
-    EXPECT_NE(err.text().find(tmp.file("no-such-instance")), std::string::npos) << err.text();
-    err.restore();
-    // Readers still get their defaults, and nothing that isn't known.
-    EXPECT_TRUE(config_get_int(nullptr, "x", 5) == 5 && !configmsg_get_storedir() && !configmsg_partitiondir("primary"));
-    // The instance appears later: a second attempt reads it.
-    Instance inst("local.late: yes\n");
-    ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
-    EXPECT_EQ(config_get_switch(nullptr, "local.late", 0), 1);
-}
-
-TEST(Config, PartitionsAndStoredFiles) {
+TEST(Config, DefaultsPartitionsStoredFilesAndModes) {
     Instance inst;
+    write_file(inst.path("config/store.conf"), "");
+    ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);  // an empty file is no error
+    EXPECT_EQ(str(configmsg_get_storedir()), inst.path("data/store"));
     write_file(inst.path("config/store.conf"),
-                         "local.store.dir: " + inst.path("data/elsewhere") + "\nstore.partition.zeta.path: /p/zeta\n"
-                         "store.partition.alpha.path: /p/alpha\nstore.partition.alpha.messagepath: /m/alpha\n"
-                         "store.partition.orphan.messagepath: /m/orphan\nstore.partition.mid.path: /p/mid-old\n"
-                         "store.partition.mid.path: /p/mid\n");
+               "local.store.dir: " + inst.path("data/elsewhere") + "\nstore.partition.zeta.path: /p/zeta\n"
+               "store.partition.alpha.path: /p/alpha\nstore.partition.alpha.messagepath: /m/alpha\n"
+               "store.partition.orphan.messagepath: /m/orphan\nstore.partition.mid.path: /p/mid-old\n"
+               "store.partition.mid.path: /p/mid\n");
     configmsg_reset();
     ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
     ASSERT_EQ(mkdir(inst.path("data/elsewhere").c_str(), 0700), 0);
@@ -321,27 +298,25 @@ TEST(Config, PartitionsAndStoredFiles) {
         {"alpha", "/p/alpha", "/m/alpha"}, {"mid", "/p/mid", "<null>"}, {"orphan", "<null>", "<null>"},
         {"primary", inst.path("partitions/primary"), "<null>"}};
     for (const auto &p : parts)
-        EXPECT_EQ(take(configmsg_partitiondir(p.name)) + take(configmsg_partitionmsgdir(p.name)), p.dir + p.msgdir);
+        EXPECT_EQ(take(configmsg_partitiondir(p.name)) + take(configmsg_partitionmsgdir(p.name)),
+                  p.dir + p.msgdir);
     // Stored numbers: 2 for a missing file, written through "<name>.new";
     // a malformed file is an error that leaves the value alone.
     long v = 777;
     EXPECT_EQ(configmsg_readstoredfile("eve", &v), 2);
     for (long n : {1718000000L, -5L})
-        EXPECT_TRUE(configmsg_writestoredfile("eve", n) == 0 && configmsg_readstoredfile("eve", &v) == 0 && v == n);
+        EXPECT_TRUE(configmsg_writestoredfile("eve", n) == 0 && configmsg_readstoredfile("eve", &v) == 0 &&
+                    v == n);
     EXPECT_NE(access(inst.path("data/elsewhere/eve.new").c_str(), F_OK), 0);
     write_file(inst.path("data/elsewhere/eve"), "12 junk\n");
     int rc = configmsg_readstoredfile("eve", &v);
     EXPECT_TRUE(rc != 0 && rc != 2 && v == -5) << rc;
-}
-
-TEST(Config, FileModesAndServerUser) {
-    Instance inst;
-    ASSERT_EQ(configmsg_init(nullptr, 16, "t"), 0);
-    std::string f = inst.path("data/store/somefile"), d = inst.path("data/store/somedir");
+    // File modes: the store's own, for a file and a directory.
+    std::string f = inst.path("data/elsewhere/somefile"), d = inst.path("data/elsewhere/somedir");
     write_file(f, "x");
     chmod(f.c_str(), 0644);
     mkdir(d.c_str(), 0755);
-    EXPECT_NE(configmsg_fixfilemode(inst.path("data/store/absent").c_str(), 0), 0);
+    EXPECT_NE(configmsg_fixfilemode(inst.path("data/elsewhere/absent").c_str(), 0), 0);
     struct stat st, sd;
     EXPECT_TRUE(configmsg_fixfilemode(f.c_str(), 0) == 0 && configmsg_fixfilemode(d.c_str(), 0) == 0);
     ASSERT_TRUE(stat(f.c_str(), &st) == 0 && stat(d.c_str(), &sd) == 0);
@@ -365,12 +340,24 @@ TEST(Config, FileModesAndServerUser) {
               }), 0);
 }
 
-TEST(Config, FirstReadersLoadTheCacheTogether) {
+TEST(Config, MissingInstanceFailsAndFirstReadersLoadTheCache) {
+    TempDir tmp;
+    setenv("STORE_INSTANCEDIR", tmp.file("no-such-instance").c_str(), 1);
+    configmsg_reset();
+    StderrCapture err;
+    EXPECT_NE(configmsg_init(nullptr, 16, "t"), 0);
+    EXPECT_NE(err.text().find(tmp.file("no-such-instance")), std::string::npos) << err.text();
+    err.restore();
+    // Readers still get their defaults, and nothing that isn't known.
+    EXPECT_TRUE(config_get_int(nullptr, "x", 5) == 5 && !configmsg_get_storedir() &&
+                !configmsg_partitiondir("primary"));
+    // The instance appears; nobody calls configmsg_init: the first readers
+    // load it, all at once.
     Instance inst("local.n: 31\n");
-    // Nobody called configmsg_init: the first readers load it, all at once.
     std::vector<int> seen(8, 0);
     std::vector<std::thread> threads;
-    for (int t = 0; t < 8; t++) threads.emplace_back([t, &seen] { seen[t] = config_get_int(nullptr, "local.n", -1); });
+    for (int t = 0; t < 8; t++)
+        threads.emplace_back([t, &seen] { seen[t] = config_get_int(nullptr, "local.n", -1); });
     for (auto &t : threads) t.join();
     EXPECT_EQ(seen, std::vector<int>(8, 31));
     EXPECT_TRUE(configmsg_init(nullptr, 16, "late") == 0 && str(config_processname()) == "late");

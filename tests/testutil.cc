@@ -303,6 +303,16 @@ bool has_row(const char *name) {
     return n == 0;
 }
 
+std::string row_acl(const char *name, std::string *partition, mboxdata *mbd) {
+    char *row = nullptr;
+    if (mboxlist_lookup_data(name, &row, nullptr) != 0) return "<no row>";
+    std::string acl = mboxlist_acl(row);
+    if (partition) *partition = mboxlist_partition(row);
+    if (mbd) memcpy(mbd, row, sizeof *mbd);
+    free(row);
+    return acl;
+}
+
 static void set_dbt(DBT *dbt, const std::string &s) {
     memset(dbt, 0, sizeof *dbt);
     dbt->data = const_cast<char *>(s.data()), dbt->size = (uint32_t)s.size(), dbt->flags = DB_DBT_READONLY;

@@ -203,6 +203,8 @@ std::string folder_dir(const char *name, const char *partition = "primary");
 
 // Whether the folder database has a row for name.
 bool has_row(const char *name);
+// The ACL in name's row, its partition and summary where asked; "<no row>" if none.
+std::string row_acl(const char *name, std::string *partition = nullptr, mboxdata *mbd = nullptr);
 
 // Writes key with value into one of the store's databases in a transaction of its own.
 bool db_put(DB *db, const std::string &key, const std::string &value);
