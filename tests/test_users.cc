@@ -16,12 +16,6 @@ namespace {
 
 using namespace testutil;
 
-appendmsg desc(const std::string &text) {
-    appendmsg m = zeroappendmsg;
-    m.flags = APPENDMSG_STATIC, m.base = text.data(), m.size = (unsigned)text.size();
-    return m;
-}
-
 quotadata row_of(const char *root) {
     quotadata q;
     EXPECT_EQ(mboxlist_getquotaroot(root, &q, nullptr), 0) << root;
@@ -38,7 +32,8 @@ int deliver_texts(const char *name, const std::vector<std::string> &texts, long 
     int r = append_setup(&as, name, 0, MAILBOX_VERSION, auth_dontCheckAcl, 0, quotasize);
     if (r) return r;
     for (const auto &t : texts) {
-        appendmsg m = desc(t);
+        appendmsg m = zeroappendmsg;
+        m.flags = APPENDMSG_STATIC, m.base = t.data(), m.size = (unsigned)t.size();
         EXPECT_EQ(append_msg(&as, &m, 1000, nullptr, 0, "fred", 0, 0, 0, 0), 0);
     }
     append_finish(&as);
@@ -305,10 +300,14 @@ void add_second_partition(const Instance &inst) {
     mkdir(inst.path("partitions/secondpart").c_str(), 0777);
 }
 
-// The texts of the messages of an open folder, by uid order.
-std::vector<std::string> message_texts(mailbox &mb) {
+// The texts of the messages of folder name, by uid; with acl, its ACL.
+std::vector<std::string> message_texts(const char *name, std::string *acl = nullptr) {
     std::vector<std::string> texts;
+    mailbox mb = zeromailbox;
+    EXPECT_EQ(mailbox_open(name, 0, auth_dontCheckAcl, &mb), 0) << name;
     for (const auto &e : index_entries(mb.path)) texts.push_back(read_file(message_file(mb, e.rec.uid)));
+    if (acl) *acl = str(mb.acl);
+    mailbox_close(&mb);
     return texts;
 }
 
@@ -365,16 +364,14 @@ TEST_F(Users, ProvisionedFromTheDirectory) {
     quotadata q = row_of("user/fred");
     EXPECT_EQ(q.limit, 100u);
     EXPECT_EQ(q.limit_messages, 30u);
-    mailbox mb = zeromailbox;
-    ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
-    auto texts = message_texts(mb);
+    std::string acl;
+    auto texts = message_texts("user/fred", &acl);
     ASSERT_EQ(texts.size(), 1u);
     EXPECT_NE(texts[0].find("Subject: Willkommen\r\n"), std::string::npos) << texts[0];
     EXPECT_NE(texts[0].find("To: fred@a.example\r\n"), std::string::npos) << texts[0];
     EXPECT_NE(texts[0].find("Hallo fred, Gr=FC=DFe."), std::string::npos) << texts[0];
     EXPECT_NE(texts[0].find("charset=iso-8859-1"), std::string::npos) << texts[0];
-    EXPECT_NE(std::string(mb.acl).find("fred\t"), std::string::npos) << mb.acl;
-    mailbox_close(&mb);
+    EXPECT_NE(acl.find("fred\t"), std::string::npos) << acl;
 
     // An existing user: the limits follow the directory, no second message.
     ASSERT_TRUE(ldap->modify("dn: uid=fred,dc=a,dc=example,o=store\nchangetype: modify\nreplace: mailquota\n"
@@ -384,36 +381,33 @@ TEST_F(Users, ProvisionedFromTheDirectory) {
     ASSERT_EQ(autocreate("fred", nullptr, nullptr, nullptr, attrs, 0, nullptr), 0);
     userattr_free(attrs, nullptr);
     EXPECT_EQ(row_of("user/fred").limit, 1024u * 1024u);
-    ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
-    EXPECT_EQ(message_texts(mb).size(), 1u);
-    mailbox_close(&mb);
+    EXPECT_EQ(message_texts("user/fred").size(), 1u);
 
-    // Refusals create nothing. An alias of the domain and the separator of
-    // another domain find their entries.
+    // Refusals create nothing.
     ASSERT_EQ(userattr_get("far", &attrs, nullptr), 0);
     EXPECT_EQ(autocreate("far", "mx.a.example", nullptr, nullptr, attrs, 0, nullptr), IMAP_WRONG_MAILHOST);
     userattr_free(attrs, nullptr);
     EXPECT_EQ(autocreate("ghost", nullptr, nullptr, nullptr, nullptr, 0, nullptr), IMAP_MAILBOX_NONEXISTENT);
     EXPECT_FALSE(has_row("user/far") || has_row("user/ghost"));
-    EXPECT_EQ(userattr_get("ghost", &attrs, nullptr), LDAP_NO_SUCH_OBJECT);
-    EXPECT_EQ(userattr_get("fred@nowhere.example", &attrs, nullptr), LDAP_NO_SUCH_OBJECT);
-    char *dn = nullptr;
-    ASSERT_EQ(userattr_get("fred@alias.example", &attrs, &dn), 0);
-    EXPECT_EQ(str(dn), "uid=fred,dc=a,dc=example,o=store");
-    userattr_free(attrs, dn);
-    ASSERT_EQ(userattr_get("bob@b.example", &attrs, nullptr), 0);
-    EXPECT_EQ(str(userattr_first(attrs, USERATTR_MAILQUOTA)), "2M");
-    EXPECT_EQ(userattr_first(attrs, USERATTR_LANGUAGE), nullptr);
-    EXPECT_EQ(userattr_first(attrs, USERATTR_MESSAGESTORE), nullptr);
-    userattr_free(attrs, nullptr);
-    // A user id that would widen the search is no user.
-    EXPECT_EQ(userattr_get("*", &attrs, nullptr), LDAP_NO_SUCH_OBJECT);
+    // Entries by the default domain, an alias, another domain's separator;
+    // a user id that would widen the search is no user.
+    auto lookup = [&](const char *id) {
+        char *dn = nullptr;
+        int r = userattr_get(id, &attrs, &dn);
+        std::string out = "<" + std::to_string(r) + ">";
+        if (!r) out = str(dn) + " " + str(userattr_first(attrs, USERATTR_MAILQUOTA));
+        userattr_free(attrs, dn);
+        return out;
+    };
+    const std::string none = "<" + std::to_string(LDAP_NO_SUCH_OBJECT) + ">";
+    for (const auto &c : {std::pair<const char *, std::string>{"ghost", none}, {"fred@nowhere.example", none},
+                          {"*", none}, {"fred@alias.example", "uid=fred,dc=a,dc=example,o=store 1G"},
+                          {"bob@b.example", "uid=bob_b.example,dc=b,dc=example,o=store 2M"}})
+        EXPECT_EQ(lookup(c.first), c.second) << c.first;
     // Without a language of its own, the user gets the domain's text.
     ASSERT_EQ(autocreate("plain", nullptr, nullptr, nullptr, nullptr, 0, nullptr), 0);
     EXPECT_EQ(row_of("user/plain").limit, 5u * 1024u);  // store.defaultmailboxquota
-    ASSERT_EQ(mailbox_open("user/plain", 0, auth_dontCheckAcl, &mb), 0);
-    texts = message_texts(mb);
-    mailbox_close(&mb);
+    texts = message_texts("user/plain");
     ASSERT_EQ(texts.size(), 1u);
     EXPECT_NE(texts[0].find("Subject: Willkommen"), std::string::npos);
     EXPECT_EQ(partition_of("user/plain"), "primary");
@@ -436,10 +430,7 @@ TEST_F(Users, QuotaWarningAndDirectoryStatus) {
     EXPECT_NE(q.over_since, 0u);
     EXPECT_NE(q.warned, 0u);
     EXPECT_EQ(status_of("fred"), "overquota");
-    mailbox mb = zeromailbox;
-    ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
-    auto texts = message_texts(mb);
-    mailbox_close(&mb);
+    auto texts = message_texts("user/fred");
     ASSERT_EQ(texts.size(), batch.size() + 1);
     EXPECT_TRUE(matches("Subject: Over quota\r\n(.|\r|\n)*\r\n\r\nfred: [0-9]+KB of 100KB, [0-9]+ of 30 messages",
                         texts.back())) << texts.back();
@@ -449,8 +440,9 @@ TEST_F(Users, QuotaWarningAndDirectoryStatus) {
     // No second warning inside the interval; a hard limit refuses.
     ASSERT_EQ(deliver_texts("user/fred", {corpus[50]}), 0);
     EXPECT_EQ(deliver_texts("user/fred", {corpus[51]}, (long)corpus[51].size()), IMAP_QUOTA_EXCEEDED);
+    EXPECT_EQ(message_texts("user/fred").size(), batch.size() + 2);
+    mailbox mb = zeromailbox;
     ASSERT_EQ(mailbox_open("user/fred", 0, auth_dontCheckAcl, &mb), 0);
-    EXPECT_EQ(message_texts(mb).size(), batch.size() + 2);
     // Below the threshold again: the state, the stamp and the status go back.
     ASSERT_EQ(mailbox_expunge(&mb, 0, 0, remove_every_other, nullptr), 0);
     ASSERT_EQ(mailbox_expunge(&mb, 0, 0, remove_every_other, nullptr), 0);
@@ -515,12 +507,9 @@ TEST(UsersImport, ProvisioningAndADeadDirectory) {
     EXPECT_EQ(row_of("user/plain").limit, 5u * 1024u);
     EXPECT_EQ(row_of("user/ghost").limit, QUOTA_UNLIMITED);
     EXPECT_EQ(partition_of("user/fred"), "secondpart");
-    mailbox mb = zeromailbox;
     for (const auto &f : {std::pair<const char *, size_t>{"user/fred", 1}, {"user/fred/Archive", count},
                           {"user/fred/Lists", count}, {"user/plain", count}}) {
-        ASSERT_EQ(mailbox_open(f.first, 0, auth_dontCheckAcl, &mb), 0) << f.first;
-        auto texts = message_texts(mb);
-        mailbox_close(&mb);
+        auto texts = message_texts(f.first);
         EXPECT_EQ(texts.size(), f.second) << f.first;
         if (f.second == 1) { EXPECT_NE(texts[0].find("Subject: Willkommen"), std::string::npos); }
     }
