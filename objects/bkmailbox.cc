@@ -11,8 +11,10 @@
 // A missing inbox is provisioned from the directory (autocreate), with the
 // partition and quotas that the directory names for its owner.
 //
-// Not in this build of the store, each marked where it would be called:
-// subscriptions (mboxlist_lookup_subs and mboxlist_changesub), and the
+// The folder's attributes carry whether its owner is subscribed to it; a
+// restored folder subscribes its owner again.
+//
+// Not in this build of the store, marked where it would be called: the
 // owner rename of an ACL (acl_renameuser).
 #include <arpa/inet.h>
 #include <stdio.h>
@@ -26,6 +28,7 @@
 #include "store/imap_err.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
+#include "store/mboxlist_subs.h"
 #include "store/mboxname.h"
 #include "store/seen_db.h"
 #include "store/storeutil.h"
@@ -125,9 +128,8 @@ BkObj::BkAttr *Mailbox::getAttr() {
     if (!valid || !openMbox() || !getPerUserFlags()) return nullptr;
     attr.timestamp = (long)mbox.index_mtime;
     mboxAttr.uidvalidity = htonl(mbox.mbd.uidvalidity);
-    // Subscriptions are not kept by this build of the store
-    // (mboxlist_lookup_subs): the owner counts as not subscribed.
-    mboxAttr.subscribed = 0;
+    // A subscription that can't be read counts as none.
+    mboxAttr.subscribed = mboxlist_lookup_subs(userid, name) == 0;
     mboxAttr.last_uid = htonl(mbox.mbd.last_uid);
     attr.attrData.set(sizeof(mboxAttr), &mboxAttr, 0);
     return &attr;
@@ -329,10 +331,7 @@ int Mailbox::restoreData(Vdata *d) {
         if (mailbox_write_index_fixed_header(&mbox) == 0) uidState = 1;
     }
     existsFlag = 1;
-    if (mboxAttr.subscribed) {
-        // Subscribing the owner (mboxlist_changesub) is not in this build
-        // of the store.
-    }
+    if (mboxAttr.subscribed) mboxlist_changesub(name, userid, nullptr, MBOXLIST_SUB_ADD);
     char path[MAX_MAILBOX_PATH];
     if (d && d->part(1, &part) && part.size && expireRule(path) && !part.save(path))
         svclog(nullptr, 4, "%s cannot write %s: %m", name, path);
