@@ -10,6 +10,11 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "store/mboxlist.h"
+#include "store/mboxlist_list.h"
+#include "store/mboxlist_quota.h"
+#include "store/mboxname.h"
+#include "support/auth.h"
 #include "support/config.h"
 #include "support/log.h"
 #include "support/retry.h"
@@ -203,4 +208,68 @@ void store_freepartition(char **names, int count)
     if (!names) return;
     for (int i = 0; i < count; i++) free(names[i]);
     free(names);
+}
+
+// ---- the partition report ----------------------------------------------
+
+// Adds one folder of the listing (an internal name, an inbox shown with
+// "/INBOX" behind it) to the report at rock.
+static int add_to_partition_report(const char *name, int matchlen, int, const char *, void *rock)
+{
+    if ((size_t)matchlen < strlen(name)) return 0;  // an implicit parent, no folder
+    char internal[MAX_MAILBOX_NAME];
+    int r = mboxname_tointernal(name, -1, nullptr, internal);
+    if (r) {
+        svclog(nullptr, 3, "function=storeutil_getmboxinfo|mboxname_tointernal(%s) return \"%s\"",
+               name, mboxlist_strerror(r));
+        return 0;
+    }
+    struct mboxdata mbd;
+    char *partition = nullptr;
+    r = mboxlist_lookup(internal, &mbd, &partition, nullptr, nullptr, nullptr);
+    if (r) {
+        svclog(nullptr, 3, "function=storeutil_getmboxinfo|mboxlist_lookup(%s) return \"%s\"",
+               internal, mboxlist_strerror(r));
+        return 0;
+    }
+
+    struct store_partinfo **report = (struct store_partinfo **)rock;
+    size_t n = 0;
+    while ((*report)[n].name[0] && strcmp((*report)[n].name, partition) != 0) n++;
+    struct store_partinfo *part = &(*report)[n];
+    if (!part->name[0]) {
+        // A partition seen for the first time: a new record, and the end
+        // behind it.
+        *report = (struct store_partinfo *)xrealloc(*report, (n + 2) * sizeof **report);
+        part = &(*report)[n];
+        memset(part, 0, 2 * sizeof *part);
+        strlcpy(part->name, partition, sizeof part->name);
+        char *dir = configmsg_partitiondir(partition);
+        strlcpy(part->directory, dir ? dir : STORE_PARTITION_NOPATH, sizeof part->directory);
+        if (dir) store_getpathinfo(dir, &part->total, &part->free);
+        free(dir);
+    }
+    free(partition);
+
+    part->folders++;
+    part->bytes += mbd.quota_used[0];
+    if (store_isInbox(internal)) {
+        part->users++;
+        struct quotadata quota;
+        if (part->quota != QUOTA_UNLIMITED && mboxlist_getquotaroot(internal, &quota, nullptr) == 0)
+            part->quota = quota.limit == QUOTA_UNLIMITED ? QUOTA_UNLIMITED : part->quota + quota.limit;
+    }
+    return 0;
+}
+
+int store_getpartitions(struct store_partinfo **report)
+{
+    *report = (struct store_partinfo *)xcalloc(1, sizeof **report);
+    int r = mboxlist_findall("*", 0, -1, nullptr, auth_dontCheckAcl, add_to_partition_report,
+                             report);
+    if (r) {
+        free(*report);
+        *report = nullptr;
+    }
+    return r;
 }

@@ -68,7 +68,15 @@ struct store_partinfo {
     uint32_t quota;        // sum of the users' quota limits; 0xFFFFFFFF if any has none
 };
 
-// store_getpartitions arrives with the folder listing (mboxlist_findall,
-// mboxlist_lookup, mboxlist_getquotaroot); it is not part of this build.
+// The partition report of the whole store, from a listing of every folder:
+// one record for each partition that holds a folder, in the order of first
+// appearance, then a record with an empty name. *report gets a new array
+// (the caller frees it; null when the listing fails). The sizes of a
+// partition's file system are 0 when its directory can't be asked. A
+// folder that vanishes during the listing is left out (logged at level 3).
+// The bytes are a 32-bit sum of the low words of the folders' usage; a
+// user without a quota row adds nothing to the quota sum. 0 or
+// the failure of mboxlist_findall.
+int store_getpartitions(struct store_partinfo **report);
 
 #endif
