@@ -22,6 +22,7 @@
 #include "store/imap_err.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
+#include "store/mboxlist_acl.h"
 #include "store/mboxname.h"
 #include "store/storeassert.h"
 #include "support/auth.h"
@@ -227,22 +228,10 @@ void mailbox_unlock_index(struct mailbox *mailbox) {
 // ---------------------------------------------------------------------------
 // ACLs
 
-// Check of the final mask of an ACL entry: on a user's folder the owner
-// (the identifier that the name carries behind "user/", up to a "/" or the
-// end) always keeps lookup, create and administer. rock is the folder name.
-static int owner_keeps_rights(void *rock, const char *identifier, int mask) {
-    const char *name = static_cast<const char *>(rock);
-    if (!mboxlist_ensure_owner_rights() || !name || !identifier || strchr(identifier, '/')) return mask;
-    size_t n = strlen(identifier);
-    if (strlen(name) < 5 || strncmp(name + 5, identifier, n) != 0) return mask;
-    char behind = name[5 + n];
-    return (behind == '/' || behind == '\0') ? (mask | ACL_OWNER) : mask;
-}
-
 char *cleanacl(const char *acl, const char *name) {
     char owner[MBOXNAME_OWNER_SIZE];
     int has_owner = mboxname_owner(name, owner) != nullptr;
-    acl_canonproc_t *check = has_owner ? owner_keeps_rights : nullptr;
+    acl_canonproc_t *check = has_owner ? mboxlist_ensureOwnerRights : nullptr;
     void *rock = const_cast<char *>(name);
 
     char *newacl = xstrdup("");

@@ -12,6 +12,7 @@
 #include "store/mailbox.h"
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
+#include "store/mboxlist_acl.h"
 #include "store/mboxlist_quota.h"
 #include "store/mboxname.h"
 #include "store/seen_db.h"
@@ -268,11 +269,14 @@ static int create_files(const char *name, unsigned version, const char *part, co
     return r;
 }
 
-// Puts the folder's row and, with qd (a new user's root), its quota row in
-// one transaction. 0 or IMAP_IOERROR (logged; nothing written then).
+// Puts the folder's row, with qd (a new user's root) its quota row, and
+// its entries of lright.db in one transaction. 0 or IMAP_IOERROR (logged;
+// nothing written then).
 static int create_rows(const char *name, const struct mboxdata *mbd, const char *part,
                        const char *acl, struct quotadata *qd)
 {
+    char ownerbuf[MBOXNAME_OWNER_SIZE];
+    const char *owner = mboxname_owner(name, ownerbuf);
     DB *folders = mboxlist_db(MBOXLIST_FOLDERDB), *quotas = mboxlist_db(MBOXLIST_QUOTADB);
     DBT key, data, quota;
     mboxlist_create_struct(&key, &data, &quota, name, mbd, part, acl, qd);
@@ -283,10 +287,10 @@ static int create_rows(const char *name, const struct mboxdata *mbd, const char 
         if (r) break;
         r = folders->put(folders, txn, &key, &data, 0);
         if (!r && qd) r = quotas->put(quotas, txn, &key, &quota, 0);
-        // Entering a shared folder into lright.db for the identifiers that
-        // may see it belongs to the access control module, which the store
-        // doesn't have yet; the listing of shared folders reads the ACLs in
-        // any case.
+        // The identifiers that may look the folder up get it in their rows
+        // of lright.db, a user's root as well: the rights list follows
+        // every ACL, or a repair would find rows missing.
+        if (!r) r = mboxlist_changeshared(acl, owner, name, nullptr, MBOXLIST_LRIGHT_ADD, txn);
         r = mboxlist_trans_finish(txn, r);
     } while (r == DB_LOCK_DEADLOCK);
     free(data.data);
@@ -474,13 +478,17 @@ static int delete_rows(const char *name, const char *owner, int deleteuser, cons
         r = mboxlist_trans_setup(&txn, "delete", name);
         if (r) break;
         // A folder of a user who stays gives its usage back to the root.
-        // (Removing it from lright.db comes with the access control module.)
         r = 0;
         if (!deleteuser && row) {
             r = mboxlist_changequota_internal(name, mbd.quota_used[0], mbd.quota_used[1],
                                               mbd.exists, txn, 1, quota);
             if (r == IMAP_QUOTAROOT_NONEXISTENT) r = 0;  // a name with no root
         }
+        // The folder leaves the rows of lright.db that list it; a user's
+        // root too, so that no row names a folder that is gone.
+        if (!r && row)
+            r = mboxlist_changeshared(mboxlist_acl(row), owner, name, nullptr,
+                                      MBOXLIST_LRIGHT_REMOVE, txn);
         DBT key;
         mboxlist_set_key(name, &key);
         if (!r) r = folders->del(folders, txn, &key, 0);

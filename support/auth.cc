@@ -346,3 +346,30 @@ int acl_isshared(const char *acl, const char *owner)
     }
     return 0;
 }
+
+int acl_lookup_right(const char *identifier, const char *acl)
+{
+    if (!identifier || !acl) return 0;
+    size_t n = strlen(identifier);
+    struct acl_entry e;
+    for (const char *p = acl; acl_next(p, &e); p = e.next)
+        if (e.idlen == n && memcmp(e.id, identifier, n) == 0 && (entry_mask(&e) & ACL_LOOKUP))
+            return 1;
+    return 0;
+}
+
+int acl_foreach_lookup(const char *acl, acl_lookupproc_t *proc, void *rock)
+{
+    if (!acl) return 0;
+    struct acl_entry e;
+    for (const char *p = acl; acl_next(p, &e); p = e.next) {
+        if (e.idlen == 0 || e.idlen > AUTH_MAXIDENTIFIER || e.id[0] == '-') continue;
+        if (!(entry_mask(&e) & ACL_LOOKUP)) continue;
+        char id[AUTH_MAXIDENTIFIER + 1];
+        memcpy(id, e.id, e.idlen);
+        id[e.idlen] = '\0';
+        int r = proc(id, rock);
+        if (r) return r;
+    }
+    return 0;
+}

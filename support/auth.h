@@ -135,6 +135,18 @@ int acl_modify(char **acl, const char *identifier, int mode, int mask,
 int acl_remove(char **acl, const char *identifier, acl_canonproc_t *canonproc,
                void *rock);
 
+// 1 if acl has an entry of exactly identifier (compared as written, not
+// canonified; a negative entry "-id" is another identifier) whose rights
+// hold lookup, else 0.
+int acl_lookup_right(const char *identifier, const char *acl);
+
+// Calls back with each identifier (a NUL-ended copy, as written) of a
+// positive entry of acl whose rights hold lookup, in the order of the text;
+// the walk stops at the first non-zero result, which it gives back. 0 when
+// every callback gave 0 (or acl is null).
+typedef int acl_lookupproc_t(const char *identifier, void *rock);
+int acl_foreach_lookup(const char *acl, acl_lookupproc_t *proc, void *rock);
+
 // Non-zero if acl makes a folder of owner (a user id; null for a folder
 // without owner) a shared one: a positive entry of another identifier
 // (anyone included) gives lookup.
