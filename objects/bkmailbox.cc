@@ -331,7 +331,10 @@ int Mailbox::restoreData(Vdata *d) {
         if (mailbox_write_index_fixed_header(&mbox) == 0) uidState = 1;
     }
     existsFlag = 1;
-    if (mboxAttr.subscribed) mboxlist_changesub(name, userid, nullptr, MBOXLIST_SUB_ADD);
+    // The copy in "store.sub" follows at once, so that the subscription
+    // survives a loss of the database.
+    if (mboxAttr.subscribed && mboxlist_changesub(name, userid, nullptr, MBOXLIST_SUB_ADD) == 0)
+        mboxlist_checkpointSubs(userid, 0, 0);
     char path[MAX_MAILBOX_PATH];
     if (d && d->part(1, &part) && part.size && expireRule(path) && !part.save(path))
         svclog(nullptr, 4, "%s cannot write %s: %m", name, path);

@@ -258,6 +258,9 @@ typedef int (*mailbox_decideproc_t)(void *rock, const struct index_record *recor
 #define EXPUNGE_FORCE 0x02     // rewrite even when nothing goes, even an empty folder
 #define EXPUNGE_LOCKED 0x04    // the caller holds the index lock and keeps the folder
 #define EXPUNGE_NONOTIFY 0x08  // no notification
+// The removed messages live on in another folder of the same quota root
+// (the contents of a renamed inbox): the root is not charged for them.
+#define EXPUNGE_NOQUOTA 0x10
 
 // 0, IMAP_IOERROR, or the error of re-reading the header or of the lock.
 int mailbox_expunge(struct mailbox *mailbox, int flags, int extraspace,

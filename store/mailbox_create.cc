@@ -496,22 +496,36 @@ int mailbox_rename_start(struct mailbox *old, const char *newname, const char *p
 
 int mailbox_rename_commit(struct mailbox *old, struct mailbox *newmb, int keep_old)
 {
-    int r = 0;
-    if (keep_old) {
-        // Emptying the old folder while the new one shares its index file
-        // needs expunge's rewrite of "store.idx" into a new file; until the
-        // store has that rewrite the old folder can't be kept.
-        r = IMAP_MAILBOX_NOTSUPPORTED;
-        svclog(nullptr, 59, "Unable to expunge mailbox %s after rename: %s", old->name,
-               errtext(r));
-        return r;
-    }
-    int keep = old->name && newmb->name && strlen(old->name) >= 5 && strlen(newmb->name) >= 5 &&
-               strcmp(old->name + 5, newmb->name + 5) == 0;
+    int r;
     char *oldname = xstrdup(old->name ? old->name : "");
-    r = mailbox_delete(old, keep);
-    if (r)
-        svclog(nullptr, 59, "Unable to remove mailbox %s after rename: %s", oldname, errtext(r));
+    if (keep_old) {
+        // The old folder stays, empty. The expunge writes its "store.idx"
+        // anew into a new file, so the file that the new folder shares
+        // stays whole; the messages live on in the new folder, under the
+        // same quota root, which is not charged for them.
+        char *acl = xstrdup(old->acl ? old->acl : "");
+        r = mailbox_expunge(old, EXPUNGE_FORCE | EXPUNGE_LOCKED | EXPUNGE_NOQUOTA, 0, expungeall,
+                            nullptr);
+        if (r) {
+            svclog(nullptr, 59, "Unable to expunge mailbox %s after rename: %s", oldname,
+                   errtext(r));
+        } else {
+            free(old->acl);
+            old->acl = acl;
+            acl = nullptr;
+            r = mailbox_write_index_variable_header(old);
+            if (r)
+                svclog(nullptr, 59, "Unable to update header %s after rename: %s", oldname,
+                       errtext(r));
+        }
+        free(acl);
+        mailbox_close(old);
+    } else {
+        int keep = old->name && newmb->name && strlen(old->name) >= 5 &&
+                   strlen(newmb->name) >= 5 && strcmp(old->name + 5, newmb->name + 5) == 0;
+        r = mailbox_delete(old, keep);
+    }
+    if (r) svclog(nullptr, 59, "Unable to remove mailbox %s after rename: %s", oldname, errtext(r));
     free(oldname);
     *old = *newmb;
     free(newmb);

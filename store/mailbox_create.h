@@ -55,10 +55,10 @@ int mailbox_rename_start(struct mailbox *old, const char *newname, const char *p
                          struct mailbox **out);
 // Second step, after the database has committed: removes the old folder's
 // files (keeping its per-user data when only the partition changes) and
-// old takes over the new handle, which is freed. keep_old asks that the
-// old folder stay in being, empty (a renamed inbox); that needs the
-// rewrite of "store.idx" by expunge and gives IMAP_MAILBOX_NOTSUPPORTED,
-// with nothing removed, until that rewrite is part of the store.
+// old takes over the new handle, which is freed. With keep_old the old
+// folder stays in being, emptied by an expunge that writes its "store.idx"
+// anew (a renamed inbox: its messages moved into a folder of the same
+// quota root, so the root is not charged), and keeps its ACL.
 int mailbox_rename_commit(struct mailbox *old, struct mailbox *newmb, int keep_old);
 // Second step after the database refused: removes the new folder's files
 // and frees the handle.

@@ -303,7 +303,8 @@ static int expunge_copy(struct expunge_run *x, unsigned first_hit, mailbox_decid
 // summary.
 static int expunge_write_summary(struct expunge_run *x) {
     struct mailbox *mailbox = x->mailbox;
-    if (mboxlist_changequota(mailbox->name, &mailbox->mbd, (uint32_t)x->bytes,
+    if (!(x->flags & EXPUNGE_NOQUOTA) &&
+        mboxlist_changequota(mailbox->name, &mailbox->mbd, (uint32_t)x->bytes,
                              (uint32_t)(x->bytes >> 32), x->removed, 1, &x->quota) != 0) {
         svclog(nullptr, 58, "Unable to update quota for %s: %m", mbname(mailbox));
         return -1;
@@ -379,7 +380,7 @@ static void expunge_announce(struct expunge_run *x) {
 // A failed rewrite: quota, summary and row as they were, the new file gone.
 static void expunge_unwind(struct expunge_run *x) {
     struct mailbox *mailbox = x->mailbox;
-    if (x->stage >= STAGE_QUOTA) {
+    if (x->stage >= STAGE_QUOTA && !(x->flags & EXPUNGE_NOQUOTA)) {
         struct quotadata back;
         memset(&back, 0, sizeof back);
         mboxlist_changequota(mailbox->name, &x->oldmbd, (uint32_t)x->bytes,
@@ -477,7 +478,8 @@ int mailbox_expunge(struct mailbox *mailbox, int flags, int extraspace,
             close(x.fd);
             r = 0;
         }
-        if (x.removed) mboxlist_adjustquotastatus(mailbox->name, nullptr, &x.quota, 0, nullptr);
+        if (x.removed && !(flags & EXPUNGE_NOQUOTA))
+            mboxlist_adjustquotastatus(mailbox->name, nullptr, &x.quota, 0, nullptr);
         // A new index whose name may not be on disk yet is reported.
         if (!r && committed > 0) r = IMAP_IOERROR;
     }

@@ -28,8 +28,12 @@
 #include "store/autocreate.h"
 #include "store/imap_err.h"
 #include "store/mboxlist.h"
+#include "store/mboxlist_acl.h"
 #include "store/mboxlist_create.h"
+#include "store/mboxlist_list.h"
 #include "store/mboxlist_quota.h"
+#include "store/mboxlist_rename.h"
+#include "store/mboxlist_subs.h"
 #include "store/mboxname.h"
 #include "support/auth.h"
 
@@ -37,9 +41,15 @@ namespace {
 
 const char USAGE[] =
     "usage: storectl [-a] VERB USER [ARGUMENTS]\n"
+    "  list USER [PATTERN]                     the folders USER sees (own and shared), one a line\n"
+    "  lsub USER [PATTERN]                     the folders USER subscribed to\n"
     "  create USER FOLDER                      create a folder (INBOX: provision the user)\n"
     "  delete USER FOLDER                      delete a folder and its messages (INBOX: the user)\n"
+    "  rename USER OLD NEW [PARTITION]         rename a folder with its children (INBOX: its messages)\n"
     "  getacl USER FOLDER                      print the folder's ACL, one identifier a line\n"
+    "  setacl USER FOLDER IDENTIFIER RIGHTS    set (RIGHTS), add (+RIGHTS), take away (-RIGHTS) or\n"
+    "                                          remove (none) the rights of IDENTIFIER on a folder\n"
+    "  subscribe|unsubscribe USER FOLDER       change the user's subscription to a folder\n"
     "  quota USER [LIMIT_KB [LIMIT_MESSAGES]]  print (or set) the user's quota; -1 is no limit\n"
     "  fixquota USER                           recount the user's usage from the folders\n"
     "  -a: act as a site administrator instead of as USER\n";
@@ -65,6 +75,8 @@ int fail(const char *what, const char *name, int r) {
         return 73;
     case IMAP_MAILBOX_BADNAME:
     case IMAP_MAILBOX_NOTSUPPORTED:
+    case IMAP_INVALID_IDENTIFIER:
+    case IMAP_PARTITION_UNKNOWN:
         return 64;
     case IMAP_IOERROR:
     case IMAP_MAILBOX_LOCKED:
@@ -85,6 +97,27 @@ int folder_name(const call &c, const char *folder, char *out) {
 }
 
 int is_inbox(const char *folder) { return strcasecmp(folder, "INBOX") == 0; }
+
+// One line per entry: what is known of its children, a blank, the name
+// (which may hold blanks) as the user writes it.
+int print_entry(const char *name, int matchlen, int childinfo, const char *, void *) {
+    static const char *const kinds[] = {"unknown", "noinferiors", "none", "children"};
+    const char *kind = childinfo >= CHILD_UNKNOWN && childinfo <= CHILD_SOME ? kinds[childinfo - 1] : "unknown";
+    printf("%s %.*s\n", kind, matchlen, name);
+    return 0;
+}
+
+int list(const call &c, int subscribed) {
+    const char *pattern = c.nargs > 0 ? c.args[0] : "*";
+    int r = subscribed ? mboxlist_findsub(pattern, MBOXLIST_FIND_CHILDINFO, 0, c.user, c.auth, print_entry,
+                                          nullptr)
+                       : mboxlist_findall(pattern, MBOXLIST_FIND_CHILDINFO, 0, c.user, c.auth, print_entry,
+                                          nullptr);
+    return r ? fail("cannot list the folders of", c.user, r) : 0;
+}
+
+int do_list(const call &c) { return list(c, 0); }
+int do_lsub(const call &c) { return list(c, 1); }
 
 int do_create(const call &c) {
     char name[MAX_MAILBOX_NAME];
@@ -125,6 +158,48 @@ int do_delete(const call &c) {
     int r = mboxlist_deletemailbox(name, c.auth == auth_dontCheckAcl ? nullptr : c.user, c.auth);
     return r ? fail("cannot delete", c.args[0], r) : 0;
 }
+
+int do_rename(const call &c) {
+    char oldname[MAX_MAILBOX_NAME], newname[MAX_MAILBOX_NAME];
+    if (int s = folder_name(c, c.args[0], oldname)) return s;
+    if (int s = folder_name(c, c.args[1], newname)) return s;
+    const char *partition = c.nargs > 2 ? c.args[2] : nullptr;
+    int r = mboxlist_renamemailbox(oldname, newname, partition,
+                                   c.auth == auth_dontCheckAcl ? nullptr : c.user, c.auth);
+    return r ? fail("cannot rename", c.args[0], r) : 0;
+}
+
+int do_setacl(const call &c) {
+    char name[MAX_MAILBOX_NAME];
+    if (int s = folder_name(c, c.args[0], name)) return s;
+    const char *rights = strcmp(c.args[2], "none") == 0 ? nullptr : c.args[2];
+    int r = mboxlist_setacl(name, c.args[1], rights, c.auth == auth_dontCheckAcl ? nullptr : c.user,
+                            c.auth);
+    return r ? fail("cannot change the ACL of", c.args[0], r) : 0;
+}
+
+// Subscribing needs the folder to be visible to the user; unsubscribing
+// doesn't (a folder may be gone).
+int change_sub(const call &c, int add) {
+    char name[MAX_MAILBOX_NAME];
+    if (int s = folder_name(c, c.args[0], name)) return s;
+    if (add) {
+        char *acl = nullptr;
+        int r = mboxlist_lookup(name, nullptr, nullptr, nullptr, nullptr, &acl);
+        if (!r && !(acl_myrights(c.auth, acl) & ACL_LOOKUP)) r = IMAP_MAILBOX_NONEXISTENT;
+        free(acl);
+        if (r) return fail("cannot subscribe to", c.args[0], r);
+    }
+    int r = mboxlist_changesub(name, c.user, nullptr, add ? MBOXLIST_SUB_ADD : 0);
+    if (r) return fail(add ? "cannot subscribe to" : "cannot unsubscribe from", c.args[0], r);
+    // The copy in "store.sub" follows at once: it is what brings the
+    // subscriptions back after a loss of the database.
+    mboxlist_checkpointSubs(c.user, 0, 0);
+    return 0;
+}
+
+int do_subscribe(const call &c) { return change_sub(c, 1); }
+int do_unsubscribe(const call &c) { return change_sub(c, 0); }
 
 int do_getacl(const call &c) {
     char name[MAX_MAILBOX_NAME];
@@ -223,7 +298,9 @@ const struct verb {
     int minargs, maxargs;
     int (*run)(const call &);
 } verbs[] = {
-    {"create", 1, 1, do_create},  {"delete", 1, 1, do_delete}, {"getacl", 1, 1, do_getacl},
+    {"list", 0, 1, do_list},      {"lsub", 0, 1, do_lsub},
+    {"create", 1, 1, do_create},  {"delete", 1, 1, do_delete}, {"rename", 2, 3, do_rename},
+    {"getacl", 1, 1, do_getacl},  {"setacl", 3, 3, do_setacl},  {"subscribe", 1, 1, do_subscribe}, {"unsubscribe", 1, 1, do_unsubscribe},
     {"quota", 0, 2, do_quota},    {"fixquota", 0, 0, do_fixquota},
 };
 
