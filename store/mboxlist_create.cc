@@ -13,6 +13,7 @@
 #include "store/mailbox_create.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_acl.h"
+#include "store/mboxlist_list.h"
 #include "store/mboxlist_quota.h"
 #include "store/mboxname.h"
 #include "store/seen_db.h"
@@ -185,10 +186,15 @@ int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *
     }
     if (r != IMAP_MAILBOX_NONEXISTENT) return r;
 
-    if (config_get_int(config_getdefaultcache(), "local.store.maxfolders", 0) > 0) {
-        // The limit counts the owner's folders through the folder listing
-        // (mboxlist_findall), which the store doesn't have yet; until it
-        // lands the limit isn't enforced.
+    int maxfolders = config_get_int(config_getdefaultcache(), "local.store.maxfolders", 0);
+    if (maxfolders > 0 && owner) {
+        int count = 0;
+        r = mboxlist_count_folders(owner, &count);
+        if (r) return r;
+        if (count >= maxfolders) {
+            svclog(nullptr, 62, "create folder %s failed: max folders exceeded", name);
+            return IMAP_MAILBOX_EXHAUSTED;
+        }
     }
 
     // The nearest existing parent decides rights, ACL and partition.

@@ -54,7 +54,7 @@ void mboxlist_unlock_create(uint32_t locker);
 // caller frees both; both are null on failure.
 // 0, IMAP_PARTITION_UNKNOWN, IMAP_MAILBOX_BADNAME, IMAP_MAILBOX_NOTSUPPORTED,
 // IMAP_PERMISSION_DENIED or IMAP_MAILBOX_EXISTS; IMAP_MAILBOX_EXHAUSTED
-// for local.store.maxfolders once the folder listing can count; or the
+// when the owner has local.store.maxfolders folders already; or the
 // failure of a lookup (IMAP_IOERROR ...): a row that can't be read is
 // never taken for a missing one.
 int mboxlist_createmailboxcheck(const char *name, unsigned version, const char *partition,

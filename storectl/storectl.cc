@@ -15,8 +15,9 @@
 // Exit status (sysexits): 0 done; 64 usage, or a name that can't be a
 // folder or user; 65 a value that isn't a number; 66 no such folder or
 // user; 69 the store context did not come up; 73 the folder exists
-// already; 75 try again (the store is busy, not ready, or an I/O error);
-// 77 the user lacks the rights; 70 any other failure of the store.
+// already, or the user has as many folders as allowed; 75 try again (the
+// store is busy, not ready, or an I/O error); 77 the user lacks the
+// rights; 70 any other failure of the store.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -72,6 +73,7 @@ int fail(const char *what, const char *name, int r) {
     case IMAP_PERMISSION_DENIED:
         return 77;
     case IMAP_MAILBOX_EXISTS:
+    case IMAP_MAILBOX_EXHAUSTED:
         return 73;
     case IMAP_MAILBOX_BADNAME:
     case IMAP_MAILBOX_NOTSUPPORTED:
@@ -300,7 +302,8 @@ const struct verb {
 } verbs[] = {
     {"list", 0, 1, do_list},      {"lsub", 0, 1, do_lsub},
     {"create", 1, 1, do_create},  {"delete", 1, 1, do_delete}, {"rename", 2, 3, do_rename},
-    {"getacl", 1, 1, do_getacl},  {"setacl", 3, 3, do_setacl},  {"subscribe", 1, 1, do_subscribe}, {"unsubscribe", 1, 1, do_unsubscribe},
+    {"getacl", 1, 1, do_getacl},  {"setacl", 3, 3, do_setacl},
+    {"subscribe", 1, 1, do_subscribe}, {"unsubscribe", 1, 1, do_unsubscribe},
     {"quota", 0, 2, do_quota},    {"fixquota", 0, 0, do_fixquota},
 };
 

@@ -115,7 +115,8 @@ TEST_F(Rename, FoldersPartitionsInboxAndUser) {
     // others' kept), per-user flags.
     const uint64_t before = used("user/fred");
     ASSERT_EQ(mboxlist_renamemailbox("user/fred", "user/george", nullptr, nullptr, auth_dontCheckAcl), 0);
-    for (const char *f : {"user/fred", "user/fred/old", "user/fred/c", "user/fred/ab"}) EXPECT_EQ(folder(f), "none") << f;
+    for (const char *f : {"user/fred", "user/fred/old", "user/fred/c", "user/fred/ab"})
+        EXPECT_EQ(folder(f), "none") << f;
     // Each folder goes where the create check puts it: below its new parent.
     EXPECT_EQ(folder("user/george/c/b"), "primary 1|user/fred/a/b 0");
     EXPECT_EQ(folder("user/george"), "primary 1|user/fred 0");

@@ -54,6 +54,9 @@ TEST(Storectl, VerbsStatusesAndMessages) {
         {"list fred", 0, "^noinferiors INBOX\nchildren Old\nnone Old/2026\nnone Saved\n$"},
         {"-a rename fred Old Old nowhere", 64, "cannot rename Old"},
         {"-a create fred Archive", 0, "^$"},
+        {"config local.store.maxfolders: 5", 0, ""},  // fred has 5 now
+        {"create fred Sixth", 73, "cannot create Sixth"},
+        {"config local.store.maxfolders: 0", 0, ""},
         {"delete fred Old", 0, "^$"},  // its messages, not its child
         {"quota fred", 0, "^user/fred 0 1 0 100 0\n$"},
         {"list fred Old*", 0, "^none Old/2026\n$"},
@@ -67,6 +70,10 @@ TEST(Storectl, VerbsStatusesAndMessages) {
     };
     for (const auto &s : steps) {
         std::string out, err;
+        if (s.args.rfind("config ", 0) == 0) {
+            inst.addConfig(s.args.substr(7) + "\n");
+            continue;
+        }
         if (s.args == "import") {
             ASSERT_EQ(inst.run("importmail", "-u fred -d Archive -s " + mbox, &out, &err), 0) << err;
             continue;
