@@ -87,3 +87,38 @@ TEST(Storectl, VerbsStatusesAndMessages) {
 }
 
 }  // namespace
+
+namespace {
+
+// After the loss of the whole database directory the daemon starts with
+// empty databases; once the user's folders are registered again from their
+// files, the subscriptions come back from "store.sub".
+TEST(Storectl, SubscriptionsSurviveTheLossOfTheDatabase) {
+    Instance inst;
+    ASSERT_TRUE(inst.startStored());
+    const std::string mbox = source_dir() + "/samples/demo.mbox";
+    auto ctl = [&](const std::string &args, std::string *out = nullptr) {
+        std::string err;
+        int r = inst.run("storectl", args, out, &err);
+        EXPECT_TRUE(r == 0 || r == 73) << args << ": " << err;
+    };
+    ctl("-a create fred INBOX");
+    for (const char *f : {"A", "B", "C"}) {
+        ctl(std::string("create fred ") + f);
+        ASSERT_EQ(inst.run("importmail", std::string("-u fred -d ") + f + " -s " + mbox), 0);
+    }
+    ctl("subscribe fred A"), ctl("subscribe fred C");
+    ASSERT_EQ(inst.run("importmail", "-u fred -d INBOX -s " + mbox), 0);
+    ASSERT_EQ(inst.stopStored(), 0);
+    ASSERT_EQ(run_command("rm -rf '" + inst.path("data/store/mboxlist") + "'"), 0);
+    ASSERT_TRUE(inst.startStored());
+    std::string out;
+    ctl("lsub fred", &out);
+    EXPECT_EQ(out, "");  // no folder rows yet
+    // Creating the folders again takes over their files with the messages.
+    for (const char *f : {"-a create fred INBOX", "create fred A", "create fred B", "create fred C"}) ctl(f);
+    ctl("lsub fred", &out);
+    EXPECT_EQ(out, "none A\nnone C\n");
+}
+
+}  // namespace
