@@ -13,9 +13,6 @@
 //
 // The folder's attributes carry whether its owner is subscribed to it; a
 // restored folder subscribes its owner again.
-//
-// Not in this build of the store, marked where it would be called: the
-// owner rename of an ACL (acl_renameuser).
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,6 +25,7 @@
 #include "store/imap_err.h"
 #include "store/mboxlist.h"
 #include "store/mboxlist_create.h"
+#include "store/mboxlist_rename.h"
 #include "store/mboxlist_subs.h"
 #include "store/mboxname.h"
 #include "store/seen_db.h"
@@ -307,9 +305,8 @@ int Mailbox::restoreData(Vdata *d) {
     char *acl = nullptr;
     if (d && d->part(0, &part) && part.size) {
         acl = part.getcstring();
-        // A restore that renames the owner changes the owner in the ACL
-        // (acl_renameuser), which this build of the store doesn't have:
-        // the ACL is taken as it is.
+        // A restore that renames the owner changes the owner in the ACL.
+        if (acl && oldUser) acl_renameuser(&acl, oldUser, userid);
     }
     int rc = createFolder(acl);
     free(acl);
