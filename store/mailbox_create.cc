@@ -422,6 +422,19 @@ int mailbox_rename_start(struct mailbox *old, const char *newname, const char *p
     struct mailbox *nmb = (struct mailbox *)xmalloc(sizeof *nmb);
     *nmb = zeromailbox;
     r = mailbox_create(newname, partition, path, mpath, old->acl, old->mbd.version, nmb, 0);
+    if (r == IMAP_MAILBOX_EXISTS && nmb->mbd.uidvalidity == old->mbd.uidvalidity &&
+        nmb->mbd.last_uid == old->mbd.last_uid && nmb->mbd.exists == old->mbd.exists) {
+        // Files without a row (the caller's create check found none) that
+        // carry this very folder's uid validity and counters: the copy that
+        // a rename of it left when it was stopped before its transaction.
+        // It goes, and the copy is made anew. Files of any other folder are
+        // taken for mail and refused below.
+        svclog(nullptr, 5, "removing the copy of %s that an interrupted rename left at %s",
+               old->name, newname);
+        mailbox_delete(nmb, 1);
+        *nmb = zeromailbox;
+        r = mailbox_create(newname, partition, path, mpath, old->acl, old->mbd.version, nmb, 0);
+    }
     if (r) {
         // A live folder under the new name was opened, not made: only close.
         free_handle(nmb);

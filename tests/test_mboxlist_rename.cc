@@ -4,6 +4,7 @@
 // random moments leaves each folder whole under one of its names, and the
 // same rename again completes it.
 #include "store/append.h"
+#include "store/mailbox_create.h"
 #include "store/mboxlist_acl.h"
 #include "store/mboxlist_create.h"
 #include "store/mboxlist_quota.h"
@@ -157,6 +158,16 @@ TEST_F(Rename, FoldersPartitionsInboxAndUser) {
         EXPECT_EQ(acl_renameuser(&text, "fred", "george"), c.r) << c.in;
         EXPECT_EQ(take(text), c.out);
     }
+    // The copy that a rename stopped before its transaction left behind is
+    // made anew by the same rename again.
+    create("user/bob/s"), fill("user/bob/s", 2);
+    mailbox *copy = nullptr;
+    ASSERT_EQ(mailbox_open("user/bob/s", 0, auth_dontCheckAcl, &mb), 0);
+    ASSERT_EQ(mailbox_rename_start(&mb, "user/bob/t", "primary", folder_dir("user/bob/t").c_str(), nullptr, 0,
+                                   &copy), 0);
+    mailbox_close(copy), free(copy), mailbox_close(&mb);
+    ASSERT_EQ(mboxlist_renamemailbox("user/bob/s", "user/bob/t", nullptr, nullptr, auth_dontCheckAcl), 0);
+    EXPECT_EQ(folder("user/bob/t"), "primary 2|user/bob/s 0|user/bob/s 1");
     auth_freestate(fred), auth_freestate(bob);
 }
 
