@@ -187,11 +187,15 @@ TEST(RenameCrash, KilledTreeRenameLeavesOneWholeCopy) {
             for (const auto &k : kids) create((from + k).c_str()), fill((from + k).c_str(), 3);
             return ::testing::Test::HasFailure() ? 2 : 0;
         }), 0);
+        // The kill comes at a random moment after the renamer has joined
+        // the store, however long that took.
+        Pipe joined;
         pid_t pid = spawn([&] {
-            if (!join_store("renamer")) return 1;
+            if (!join_store("renamer") || !send_byte(joined.w, 'j')) return 1;
             return mboxlist_renamemailbox(from.c_str(), to.c_str(), nullptr, nullptr, auth_dontCheckAcl);
         });
-        usleep((useconds_t)(5000 + rand() % 25000));
+        ASSERT_EQ(read_byte(joined.r, 30000), 'j');
+        usleep((useconds_t)(rand() % 20000));
         kill(pid, SIGKILL);
         wait_child(pid);
         // The named locks of the killed program go with the lock
