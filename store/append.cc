@@ -326,10 +326,6 @@ int append_quota_eval(uint64_t used, uint64_t limit, uint32_t messages,
     return IMAP_QUOTA_EXCEEDED;
 }
 
-static uint64_t quota_used_bytes(const struct quotadata *quota) {
-    return ((uint64_t)quota->used_high << 32) | quota->used_low;
-}
-
 // The quota test of append_setup_mailbox, with the index lock held. 0 or
 // the refusal; the lock stays held either way.
 static int setup_quota(struct append_state *as, long quotasize, int overdraft) {
@@ -344,7 +340,7 @@ static int setup_quota(struct append_state *as, long quotasize, int overdraft) {
     if (overdraft) size = 1;
 
     uint64_t limit = (uint64_t)as->quota.limit << 10;
-    r = append_quota_eval(quota_used_bytes(&as->quota) + size, limit,
+    r = append_quota_eval(quotadata_used(&as->quota) + size, limit,
                           as->quota.used_messages + 1, &as->quota);
     if (r || overdraft) return r;
 
@@ -353,7 +349,7 @@ static int setup_quota(struct append_state *as, long quotasize, int overdraft) {
     uint32_t low = (uint32_t)size, high = (uint32_t)(size >> 32);
     r = mboxlist_changequota(mailbox->name, &mailbox->mbd, low, high, 1, 0, &as->quota);
     if (r) return r;
-    r = append_quota_eval(quota_used_bytes(&as->quota), limit, as->quota.used_messages,
+    r = append_quota_eval(quotadata_used(&as->quota), limit, as->quota.used_messages,
                           &as->quota);
     if (r)
         mboxlist_changequota(mailbox->name, &mailbox->mbd, low, high, 1, 1, &as->quota);

@@ -87,7 +87,7 @@ const char *expand(const char *text, size_t n, const char *userid, const struct 
         case PH_ID:
             return userid ? userid : "";
         case PH_DISKUSAGE: {
-            uint64_t kb = (((uint64_t)quota->used_high << 32) | quota->used_low) / 1024;
+            uint64_t kb = quotadata_used(quota) / 1024;
             snprintf(number, numsize, "%uKB", kb > UINT32_MAX ? UINT32_MAX : (unsigned)kb);
             return number;
         }

@@ -90,6 +90,11 @@ int mailbox_index_sync_level(void) {
     return index_sync_level;
 }
 
+int mailbox_subscribe_sync_level(void) {
+    mailbox_loadconfig();
+    return subscribe_sync_level;
+}
+
 int mailbox_message_sync_level(void) {
     mailbox_loadconfig();
     return message_sync_level;

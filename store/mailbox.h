@@ -277,6 +277,8 @@ int mailbox_clean_expunge(const char *path, const char *mpath, time_t limit);
 void log_index_record(const char *name, unsigned msgno, const struct index_record *record);
 // The sync level of "store.exp", read once per process.
 int mailbox_expunge_sync_level(void);
+// The sync level of the subscription copy "store.sub", read once per process.
+int mailbox_subscribe_sync_level(void);
 
 // (mailbox_location, which needs the folder database and the directory of
 // users, comes with those.)

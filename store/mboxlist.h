@@ -52,6 +52,15 @@ struct quotadata {
 };
 static_assert(sizeof(quotadata) == 56, "quotadata is 56 bytes");
 
+// The bytes in use of a quota row, and setting them.
+inline uint64_t quotadata_used(const struct quotadata *q) {
+    return ((uint64_t)q->used_high << 32) | q->used_low;
+}
+inline void quotadata_set_used(struct quotadata *q, uint64_t used) {
+    q->used_low = (uint32_t)used;
+    q->used_high = (uint32_t)(used >> 32);
+}
+
 #define QUOTA_UNLIMITED 0xFFFFFFFFu
 
 // ---- the four databases of this module ----------------------------------

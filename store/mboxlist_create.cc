@@ -15,6 +15,7 @@
 #include "store/mboxlist_acl.h"
 #include "store/mboxlist_list.h"
 #include "store/mboxlist_quota.h"
+#include "store/mboxlist_subs.h"
 #include "store/mboxname.h"
 #include "store/seen_db.h"
 #include "store/storeassert.h"
@@ -415,13 +416,8 @@ static int next_child(const char *name, char *child)
 // above it, when they are empty.
 static void remove_subscription_file(const char *owner)
 {
-    const char *dir = configmsg_get_storedir();
-    if (!dir) return;
-    char hash[MBOXNAME_HASH_SIZE];
-    mboxname_tohash(owner, 0, hash);
     char path[MBOXLIST_PATH_BUFFER];
-    int n = snprintf(path, sizeof path, "%s/user%s%s.sub", dir, hash, owner);
-    if (n < 0 || (size_t)n >= sizeof path) return;
+    if (mboxlist_oldsub_path(owner, path, sizeof path) != 0) return;
     unlink(path);
     for (int i = 0; i < 2; i++) {
         char *cut = strrchr(path, '/');

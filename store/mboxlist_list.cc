@@ -190,6 +190,18 @@ struct listing {
     reported last;
 };
 
+// What the caller asked, into a listing.
+static void listing_set(listing *ls, int flags, int view, const char *userid,
+                        const struct auth_state *auth, mboxlist_findall_cb *callback, void *rock)
+{
+    ls->flags = flags;
+    ls->view = view;
+    ls->userid = userid;
+    ls->auth = auth;
+    ls->callback = callback;
+    ls->rock = rock;
+}
+
 // Where the first stage walks and how it names what it finds: every key
 // walked starts with prefix; an entry's name is shown + the key (with
 // "/INBOX" behind an inbox) from byte skip on.
@@ -563,12 +575,7 @@ int mboxlist_findall(const char *pattern, int flags, int prefix_view, const char
         flags &= ~MBOXLIST_FIND_ALLUSERS;
         if (!regex) flags |= mboxlist_findall_type(pattern);
     }
-    ls.flags = flags;
-    ls.view = prefix_view;
-    ls.userid = userid;
-    ls.auth = auth;
-    ls.callback = callback;
-    ls.rock = rock;
+    listing_set(&ls, flags, prefix_view, userid, auth, callback, rock);
 
     if (!(flags & MBOXLIST_FIND_NOFIRST)) r = first_stage(&ls, pattern);
     if (r == 0 && userid && prefix_view != -1 && auth && !(flags & MBOXLIST_FIND_NOSHARED) &&
@@ -606,12 +613,7 @@ int mboxlist_findsub(const char *pattern, int flags, int prefix_view, const char
     listing ls;
     memset(&ls, 0, sizeof ls);
     matcher_init(&ls.match, pattern, 0);
-    ls.flags = flags;
-    ls.view = prefix_view;
-    ls.userid = userid;
-    ls.auth = auth;
-    ls.callback = callback;
-    ls.rock = rock;
+    listing_set(&ls, flags, prefix_view, userid, auth, callback, rock);
 
     DBC *cursor;
     r = db->cursor(db, nullptr, &cursor, 0);

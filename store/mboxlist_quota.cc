@@ -22,15 +22,6 @@ uint32_t mboxlist_fixquota_reconstructed = 0;
 
 namespace {
 
-uint64_t used_bytes(const struct quotadata *q) {
-    return ((uint64_t)q->used_high << 32) | q->used_low;
-}
-
-void set_used_bytes(struct quotadata *q, uint64_t used) {
-    q->used_low = (uint32_t)used;
-    q->used_high = (uint32_t)(used >> 32);
-}
-
 int put_row(DB_TXN *txn, const char *root, struct quotadata *q) {
     DB *quotas = mboxlist_db(MBOXLIST_QUOTADB);
     DBT key, data;
@@ -82,7 +73,7 @@ int mboxlist_setqwhen(struct quotadata *q) {
     }
     uint64_t messages = QUOTA_UNLIMITED;
     if (q->limit_messages != QUOTA_UNLIMITED) messages = ((uint64_t)q->limit_messages * p + 99) / 100;
-    int below = used_bytes(q) < bytes && q->used_messages < messages;
+    int below = quotadata_used(q) < bytes && q->used_messages < messages;
     if (q->over_since == 0 && !below) {
         q->over_since = (uint32_t)time(nullptr);
         return 1;
@@ -111,12 +102,12 @@ int mboxlist_changequota_internal(const char *name, uint32_t delta_low, uint32_t
     }
     if (delta_low == 0 && delta_high == 0 && count == 0) return 0;
     uint64_t delta = ((uint64_t)delta_high << 32) | delta_low;
-    uint64_t used = used_bytes(quota);
+    uint64_t used = quotadata_used(quota);
     if (subtract) {
-        set_used_bytes(quota, used > delta ? used - delta : 0);
+        quotadata_set_used(quota, used > delta ? used - delta : 0);
         quota->used_messages = quota->used_messages > count ? quota->used_messages - count : 0;
     } else {
-        set_used_bytes(quota, used + delta);
+        quotadata_set_used(quota, used + delta);
         quota->used_messages += count;
     }
     return put_row(txn, root, quota);
@@ -336,7 +327,7 @@ int mboxlist_fixquota(const char *root, int *changed, uint32_t limit, uint32_t l
         DBC *cursor = nullptr;
         if (!r) r = folders->cursor(folders, txn, &cursor, 0);
         if (!r) {
-            uint64_t was_bytes = used_bytes(&q);
+            uint64_t was_bytes = quotadata_used(&q);
             uint32_t was_messages = q.used_messages;
             uint64_t sum_bytes = 0;
             uint32_t sum_messages = 0;
@@ -382,7 +373,7 @@ int mboxlist_fixquota(const char *root, int *changed, uint32_t limit, uint32_t l
                 if (limit_messages != QUOTA_KEEP && limit_messages != q.limit_messages)
                     q.limit_messages = limit_messages, flag = 1;
                 if (flag || mboxlist_fixquota_reconstructed) {
-                    set_used_bytes(&q, sum_bytes);
+                    quotadata_set_used(&q, sum_bytes);
                     q.used_messages = sum_messages;
                     q.last_dbrepair = mboxlist_fixquota_reconstructed;
                     r = put_row(txn, root, &q);

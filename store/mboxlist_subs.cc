@@ -85,14 +85,6 @@ static int put_change_row(DB_TXN *txn, const char *userid, uint32_t when) {
     return subsdb->put(subsdb, txn, &key, &data, 0);
 }
 
-// The sync level of the copy. Read at each pass, since passes are rare and
-// a daemon may reload its configuration in between.
-static int subs_sync_level(void) {
-    config_cache *c = config_getdefaultcache();
-    int level = config_get_int(c, "local.store.synclevel", 1);
-    return config_get_int(c, "local.store.subscribesynclevel", level);
-}
-
 // ---- changes and membership ----------------------------------------------
 
 int mboxlist_changesub(const char *name, const char *userid, const char *, int flags) {
@@ -256,7 +248,7 @@ static void write_copy(DBC *cursor, struct subs_walk *w, const char *userid, con
     prot_flush(out);
     const char *err = prot_error(out);
     if (!err && r) err = db_strerror(r);
-    int level = subs_sync_level();
+    int level = mailbox_subscribe_sync_level();
     if (!err && sync_file(fd, level) != 0) err = strerror(errno);
     prot_free(out);
     close(fd);
@@ -316,6 +308,15 @@ static int has_change_row(const char *userid) {
     return -1;
 }
 
+int mboxlist_oldsub_path(const char *userid, char *path, size_t size) {
+    const char *store = configmsg_get_storedir();
+    if (!store) return -1;
+    char hash[MBOXNAME_HASH_SIZE];
+    mboxname_tohash(userid, 0, hash);
+    int n = snprintf(path, size, "%s/user%s%s.sub", store, hash, userid);
+    return n < 0 || (size_t)n >= size ? -1 : 0;
+}
+
 // Opens the copy of userid, or else the old subscription file, read-only;
 // *when gets the change time to store: 0 for the copy, whose names are as
 // old as the rows it was written from, now for the old file. -1 if neither.
@@ -327,12 +328,7 @@ static int open_copy(const char *userid, uint32_t *when) {
         *when = 0;
         if (fd >= 0) return fd;
     }
-    const char *store = configmsg_get_storedir();
-    if (!store || strchr(userid, '/')) return -1;
-    char hash[MBOXNAME_HASH_SIZE];
-    mboxname_tohash(userid, 0, hash);
-    int n = snprintf(path, sizeof(path), "%s/user%s%s.sub", store, hash, userid);
-    if (n < 0 || (size_t)n >= sizeof(path)) return -1;
+    if (strchr(userid, '/') || mboxlist_oldsub_path(userid, path, sizeof(path)) != 0) return -1;
     *when = (uint32_t)time(nullptr);
     return open(path, O_RDONLY);
 }

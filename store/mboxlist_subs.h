@@ -28,6 +28,8 @@
 #ifndef STORE_MBOXLIST_SUBS_H
 #define STORE_MBOXLIST_SUBS_H
 
+#include <stddef.h>
+
 #include <time.h>
 
 // Flags of mboxlist_changesub.
@@ -68,5 +70,10 @@ void mboxlist_checkpointSubs(const char *userid, time_t since, time_t before);
 // neither, nothing happens and the user starts with no subscriptions.
 // Costs one read when the rows are there. Failures are logged.
 void mboxlist_maybeRecoverSubsFromFile(const char *userid);
+
+// The path of userid's old subscription file (store directory + "/user",
+// the id's fan-out, id + ".sub") into path. 0, or -1 when the store
+// directory is unknown or the path doesn't fit.
+int mboxlist_oldsub_path(const char *userid, char *path, size_t size);
 
 #endif

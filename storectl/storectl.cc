@@ -270,7 +270,7 @@ int do_quota(const call &c) {
     struct quotadata q;
     int r = mboxlist_getquotaroot(root, &q, nullptr);
     if (r) return fail("cannot read the quota of", c.user, r);
-    uint64_t used = ((uint64_t)q.used_high << 32) | q.used_low;
+    uint64_t used = quotadata_used(&q);
     // root, kilobytes used and allowed, messages in use and allowed, and
     // since when the root is over its threshold (0: it isn't).
     printf("%s %llu", root, (unsigned long long)((used + 1023) / 1024));
